@@ -1,0 +1,34 @@
+# Thin wrapper around CMake; the README's commands.
+BUILD_DIR ?= build
+QV_CUDA_ARCHS ?= 75;87;90
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all deps configure build demo test test-gpu bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+configure: deps
+	cmake -S . -B $(BUILD_DIR) -DQV_CUDA_ARCHS="$(QV_CUDA_ARCHS)" $(CMAKE_FLAGS)
+
+build: configure
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+
+demo: build
+	$(BUILD_DIR)/tools/qvproc-demo --out $(BUILD_DIR)/demo
+
+test: build
+	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
+
+# On a machine with a GPU: the same tests forced onto the CUDA backend.
+test-gpu: build
+	QV_DEVICE=cuda QV_REQUIRE_GPU=1 ctest --test-dir $(BUILD_DIR) --output-on-failure
+
+bench: build
+	$(BUILD_DIR)/bench/qvbench
+
+clean:
+	rm -rf $(BUILD_DIR)

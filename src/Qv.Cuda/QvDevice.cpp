@@ -1,0 +1,240 @@
+#include "QvDevice.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "QvCudaException.h"
+
+namespace Qv {
+namespace Device {
+namespace {
+
+// Pitch of host-backend images: wide enough that row starts stay aligned for every pixel class,
+// small enough that odd widths really get a pitch larger than their row.
+constexpr size_t kHostPitchAlignment = 64;
+
+std::atomic<uint64_t> g_uAllocations{0};
+
+struct SBackendChoice {
+  EBackend eBackend = EBackend::Host;
+  bool bFailed = false;
+  std::string sError;
+  cudaError_t eError = cudaSuccess;
+};
+
+bool CudaDeviceUsable(cudaError_t& eError) {
+  int iCount = 0;
+  eError = cudaGetDeviceCount(&iCount);
+  if (eError == cudaSuccess && iCount < 1) eError = cudaErrorNoDevice;
+  if (eError != cudaSuccess) {
+    cudaGetLastError();
+    return false;
+  }
+  return true;
+}
+
+const SBackendChoice& Choice() {
+  static const SBackendChoice xChoice = [] {
+    SBackendChoice x;
+    const char* szForced = std::getenv("QV_DEVICE");
+    std::string sForced = szForced ? szForced : "";
+    cudaError_t eError = cudaSuccess;
+    if (sForced == "host") {
+      x.eBackend = EBackend::Host;
+    } else if (sForced == "cuda") {
+      if (CudaDeviceUsable(eError)) {
+        x.eBackend = EBackend::Cuda;
+      } else {
+        x.bFailed = true;
+        x.eError = eError;
+        x.sError = "QV_DEVICE=cuda was requested but no usable CUDA device was found";
+      }
+    } else if (sForced.empty()) {
+      x.eBackend = CudaDeviceUsable(eError) ? EBackend::Cuda : EBackend::Host;
+    } else {
+      x.bFailed = true;
+      x.sError = "QV_DEVICE must be 'cuda' or 'host', not '" + sForced + "'";
+    }
+    return x;
+  }();
+  return xChoice;
+}
+
+void* AlignedHostAlloc(size_t uBytes) {
+  void* p = nullptr;
+  if (posix_memalign(&p, 256, std::max<size_t>(uBytes, 1)) != 0) return nullptr;
+  return p;
+}
+
+cudaMemcpyKind ToCuda(ECopyKind eKind) {
+  switch (eKind) {
+    case ECopyKind::HostToDevice:
+      return cudaMemcpyHostToDevice;
+    case ECopyKind::DeviceToHost:
+      return cudaMemcpyDeviceToHost;
+    case ECopyKind::DeviceToDevice:
+      return cudaMemcpyDeviceToDevice;
+    case ECopyKind::HostToHost:
+      return cudaMemcpyHostToHost;
+  }
+  return cudaMemcpyDefault;
+}
+
+}  // namespace
+
+EBackend GetBackend() {
+  const SBackendChoice& x = Choice();
+  if (x.bFailed) {
+    if (x.eError != cudaSuccess)
+      throw CQvCudaException::CreateFirst(x.sError.c_str(), __FILE__, __func__, __LINE__,
+                                          x.eError);
+    QV_THROW(x.sError.c_str());
+  }
+  return x.eBackend;
+}
+
+bool IsCuda() { return GetBackend() == EBackend::Cuda; }
+
+const char* GetBackendName() { return IsCuda() ? "cuda" : "host"; }
+
+void* AllocPitched(size_t uWidthBytes, size_t uHeight, size_t& uPitch) {
+  void* p = nullptr;
+  if (IsCuda()) {
+    QV_CUDA_CHECK(cudaMallocPitch(&p, &uPitch, uWidthBytes, uHeight),
+                  "Error allocating pitched device memory");
+  } else {
+    uPitch = (uWidthBytes + kHostPitchAlignment - 1) / kHostPitchAlignment * kHostPitchAlignment;
+    p = AlignedHostAlloc(uPitch * uHeight);
+    if (!p) QV_THROW("Out of memory allocating a device image on the host backend");
+  }
+  ++g_uAllocations;
+  return p;
+}
+
+void* AllocLinear(size_t uBytes) {
+  void* p = nullptr;
+  if (IsCuda()) {
+    QV_CUDA_CHECK(cudaMalloc(&p, std::max<size_t>(uBytes, 1)), "Error allocating device memory");
+  } else {
+    p = AlignedHostAlloc(uBytes);
+    if (!p) QV_THROW("Out of memory allocating device memory on the host backend");
+  }
+  ++g_uAllocations;
+  return p;
+}
+
+void FreeDevice(void* pData) {
+  if (!pData) return;
+  if (IsCuda())
+    cudaFree(pData);  // a failing free leaves nothing to recover; the error is not kept
+  else
+    std::free(pData);
+}
+
+void* AllocPinnedHost(size_t uBytes) {
+  void* p = nullptr;
+  if (IsCuda()) {
+    if (cudaHostAlloc(&p, std::max<size_t>(uBytes, 1), cudaHostAllocMapped) != cudaSuccess) {
+      cudaGetLastError();
+      return nullptr;
+    }
+    return p;
+  }
+  return AlignedHostAlloc(uBytes);
+}
+
+void FreePinnedHost(void* pData) {
+  if (!pData) return;
+  if (IsCuda())
+    cudaFreeHost(pData);
+  else
+    std::free(pData);
+}
+
+uint64_t GetDeviceAllocationCount() { return g_uAllocations.load(); }
+
+void Copy2D(void* pDst, size_t uDstPitch, const void* pSrc, size_t uSrcPitch, size_t uWidthBytes,
+            size_t uHeight, ECopyKind eKind, cudaStream_t hStream, bool bAsync) {
+  if (uWidthBytes == 0 || uHeight == 0) return;
+  if (IsCuda()) {
+    if (bAsync) {
+      QV_CUDA_CHECK(cudaMemcpy2DAsync(pDst, uDstPitch, pSrc, uSrcPitch, uWidthBytes, uHeight,
+                                      ToCuda(eKind), hStream),
+                    "Error queueing a 2D copy");
+    } else {
+      QV_CUDA_CHECK(
+          cudaMemcpy2D(pDst, uDstPitch, pSrc, uSrcPitch, uWidthBytes, uHeight, ToCuda(eKind)),
+          "Error copying 2D memory");
+    }
+    return;
+  }
+  auto* pD = static_cast<unsigned char*>(pDst);
+  const auto* pS = static_cast<const unsigned char*>(pSrc);
+  if (uDstPitch == uWidthBytes && uSrcPitch == uWidthBytes) {
+    std::memcpy(pD, pS, uWidthBytes * uHeight);
+    return;
+  }
+  for (size_t y = 0; y < uHeight; ++y) std::memcpy(pD + y * uDstPitch, pS + y * uSrcPitch, uWidthBytes);
+}
+
+void Memset2D(void* pDst, size_t uPitch, int iValue, size_t uWidthBytes, size_t uHeight,
+              cudaStream_t hStream) {
+  if (uWidthBytes == 0 || uHeight == 0) return;
+  if (IsCuda()) {
+    QV_CUDA_CHECK(cudaMemset2DAsync(pDst, uPitch, iValue, uWidthBytes, uHeight, hStream),
+                  "Error setting device memory");
+    QV_CUDA_CHECK(cudaStreamSynchronize(hStream), "Error setting device memory");
+    return;
+  }
+  auto* pD = static_cast<unsigned char*>(pDst);
+  for (size_t y = 0; y < uHeight; ++y) std::memset(pD + y * uPitch, iValue, uWidthBytes);
+}
+
+cudaStream_t CreateStream() {
+  cudaStream_t hStream = nullptr;
+  if (IsCuda())
+    QV_CUDA_CHECK(cudaStreamCreateWithFlags(&hStream, cudaStreamNonBlocking),
+                  "Error creating a CUDA stream");
+  return hStream;
+}
+
+void DestroyStream(cudaStream_t hStream) {
+  if (hStream && IsCuda()) cudaStreamDestroy(hStream);
+}
+
+void SynchronizeStream(cudaStream_t hStream) {
+  if (IsCuda()) QV_CUDA_CHECK(cudaStreamSynchronize(hStream), "Error synchronizing a CUDA stream");
+}
+
+void HostParallelFor(int iRows, int64_t iWorkPerRow,
+                     const std::function<void(int, int)>& fnRows) {
+  if (iRows <= 0) return;
+  static const int iCores = std::max(1u, std::thread::hardware_concurrency());
+  // Thread start-up costs tens of microseconds: small images run on the calling thread.
+  const int64_t iWork = static_cast<int64_t>(iRows) * std::max<int64_t>(iWorkPerRow, 1);
+  const int iThreads =
+      static_cast<int>(std::min<int64_t>({iCores, iRows, std::max<int64_t>(1, iWork / 65536)}));
+  if (iThreads <= 1) {
+    fnRows(0, iRows);
+    return;
+  }
+  std::vector<std::thread> xWorkers;
+  xWorkers.reserve(iThreads - 1);
+  const int iChunk = (iRows + iThreads - 1) / iThreads;
+  for (int t = 1; t < iThreads; ++t) {
+    const int y0 = t * iChunk, y1 = std::min(iRows, y0 + iChunk);
+    if (y0 < y1) xWorkers.emplace_back([&fnRows, y0, y1] { fnRows(y0, y1); });
+  }
+  fnRows(0, std::min(iRows, iChunk));
+  for (auto& x : xWorkers) x.join();
+}
+
+}  // namespace Device
+}  // namespace Qv

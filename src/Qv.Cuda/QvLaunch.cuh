@@ -1,0 +1,38 @@
+#pragma once
+// One launch helper for both backends. A per-pixel functor F with
+//   QV_HD void operator()(int x, int y) const
+// runs for every pixel of a iWidth x iHeight domain: as a CUDA kernel over the grid that the
+// computation object holds, or on CPU threads over the same pixels.
+#include "QvCudaComp.h"
+#include "QvDevice.h"
+
+namespace Qv {
+namespace Kernel {
+
+template <class F>
+__global__ void RunPerPixel(F fnPixel, int iWidth, int iHeight) {
+  const int x = static_cast<int>(blockIdx.x * blockDim.x + threadIdx.x);
+  const int y = static_cast<int>(blockIdx.y * blockDim.y + threadIdx.y);
+  if (x < iWidth && y < iHeight) fnPixel(x, y);
+}
+
+}  // namespace Kernel
+
+template <class F>
+void LaunchPerPixel(CQvCudaComp& xComp, const char* szName, int iWidth, int iHeight,
+                    const F& fnPixel) {
+  const cudaStream_t hStream = xComp.GetStream();
+  xComp.Begin(szName, hStream);
+  if (Device::IsCuda()) {
+    Kernel::RunPerPixel<F><<<xComp.GetGrid(), xComp.GetBlock(), 0, hStream>>>(fnPixel, iWidth,
+                                                                              iHeight);
+  } else {
+    Device::HostParallelFor(iHeight, iWidth, [&](int y0, int y1) {
+      for (int y = y0; y < y1; ++y)
+        for (int x = 0; x < iWidth; ++x) fnPixel(x, y);
+    });
+  }
+  xComp.End(szName, hStream);
+}
+
+}  // namespace Qv

@@ -1,0 +1,145 @@
+#pragma once
+// Reading and storing pixels, shared by the CUDA kernels and the host runner.
+//
+// Reading goes through a texture: on the device a texture object, on the host an exact
+// emulation of the texture unit (point and linear filter, clamp addressing, normalized
+// coordinates, integer channels read as v / M). Storing follows one rule for every kernel:
+// s = v * M, s = min(M, s), s = max(s, 0), truncate; a NaN therefore stores M.
+#include <cmath>
+#include <cstdint>
+
+#include "QvCudaDefs.h"
+#include "QvDeviceImage2D.h"
+#include "QvPixel.h"
+
+#if defined(__CUDACC__)
+#include <texture_indirect_functions.h>
+#endif
+
+namespace Qv {
+
+// What a kernel gets for one bound image: the texture object on the CUDA backend, and the
+// image itself with the sampling state for the host emulation.
+struct STexture2D {
+  cudaTextureObject_t hTexture;
+  SDeviceImageDesc2D xImage;
+  int bLinearFilter;
+  int bNormalizedCoordinates;
+};
+
+template <class T>
+QV_HD QV_FORCEINLINE typename T::Element* PixelPtr(const SDeviceImageDesc2D& xDesc, int x, int y) {
+  return reinterpret_cast<typename T::Element*>(static_cast<char*>(xDesc.pData) +
+                                                static_cast<uint64_t>(y) * xDesc.uPitch) +
+         static_cast<int64_t>(x) * T::iChannels;
+}
+
+template <class T>
+QV_HD QV_FORCEINLINE float ReadChannel(typename T::Element v) {
+  if constexpr (T::bIsFloat)
+    return static_cast<float>(v);
+  else
+    return static_cast<float>(v) / T::fStoreScale;
+}
+
+template <class T>
+QV_HD QV_FORCEINLINE typename T::Element StoreChannel(float v) {
+  if constexpr (T::bIsFloat) {
+    return v;
+  } else {
+    const float fM = T::fStoreScale;
+    float s = v * fM;
+    s = fminf(fM, s);
+    s = fmaxf(s, 0.0f);
+    return static_cast<typename T::Element>(s);
+  }
+}
+
+// Stores all channels of v that the class has: x alone for L classes, x, y, z, w for RGBA.
+template <class T>
+QV_HD QV_FORCEINLINE void StorePixel(const SDeviceImageDesc2D& xDesc, int x, int y, float4 v) {
+  typename T::Element* p = PixelPtr<T>(xDesc, x, y);
+  p[0] = StoreChannel<T>(v.x);
+  if constexpr (T::iChannels == 4) {
+    p[1] = StoreChannel<T>(v.y);
+    p[2] = StoreChannel<T>(v.z);
+    p[3] = StoreChannel<T>(v.w);
+  }
+}
+
+namespace Detail {
+
+template <class T>
+inline float4 HostTexel(const SDeviceImageDesc2D& xDesc, int ix, int iy) {
+  ix = ix < 0 ? 0 : (ix >= xDesc.xFormat.iWidth ? xDesc.xFormat.iWidth - 1 : ix);
+  iy = iy < 0 ? 0 : (iy >= xDesc.xFormat.iHeight ? xDesc.xFormat.iHeight - 1 : iy);
+  const typename T::Element* p = PixelPtr<T>(xDesc, ix, iy);
+  float4 r;
+  r.x = ReadChannel<T>(p[0]);
+  if constexpr (T::iChannels == 4) {
+    r.y = ReadChannel<T>(p[1]);
+    r.z = ReadChannel<T>(p[2]);
+    r.w = ReadChannel<T>(p[3]);
+  } else {
+    r.y = 0.0f;
+    r.z = 0.0f;
+    r.w = 0.0f;
+  }
+  return r;
+}
+
+// The texture unit keeps the blend weight as 9-bit fixed point with 8 fractional bits.
+inline float QuantizeWeight(float fFrac) { return std::floor(fFrac * 256.0f + 0.5f) / 256.0f; }
+
+inline float Blend(float a, float b, float c, float d, float wa, float wb, float wc, float wd) {
+  return wa * a + wb * b + wc * c + wd * d;
+}
+
+template <class T>
+inline float4 HostFetch(const STexture2D& xTex, float x, float y) {
+  const SDeviceImageDesc2D& xDesc = xTex.xImage;
+  if (xTex.bNormalizedCoordinates) {
+    x = x * static_cast<float>(xDesc.xFormat.iWidth);
+    y = y * static_cast<float>(xDesc.xFormat.iHeight);
+  }
+  if (!xTex.bLinearFilter)
+    return HostTexel<T>(xDesc, static_cast<int>(std::floor(x)), static_cast<int>(std::floor(y)));
+  const float xb = x - 0.5f, yb = y - 0.5f;
+  const float fx = std::floor(xb), fy = std::floor(yb);
+  const int ix = static_cast<int>(fx), iy = static_cast<int>(fy);
+  const float a = QuantizeWeight(xb - fx), b = QuantizeWeight(yb - fy);
+  const float4 t00 = HostTexel<T>(xDesc, ix, iy), t10 = HostTexel<T>(xDesc, ix + 1, iy);
+  const float4 t01 = HostTexel<T>(xDesc, ix, iy + 1), t11 = HostTexel<T>(xDesc, ix + 1, iy + 1);
+  const float w00 = (1.0f - a) * (1.0f - b), w10 = a * (1.0f - b);
+  const float w01 = (1.0f - a) * b, w11 = a * b;
+  float4 r;
+  r.x = Blend(t00.x, t10.x, t01.x, t11.x, w00, w10, w01, w11);
+  r.y = Blend(t00.y, t10.y, t01.y, t11.y, w00, w10, w01, w11);
+  r.z = Blend(t00.z, t10.z, t01.z, t11.z, w00, w10, w01, w11);
+  r.w = Blend(t00.w, t10.w, t01.w, t11.w, w00, w10, w01, w11);
+  return r;
+}
+
+}  // namespace Detail
+
+// Fetch at texture coordinates (x, y); a fetch of pixel (i, j) passes (i + 0.5, j + 0.5).
+// L classes return their value in x and 0 in y, z, w.
+template <class T>
+QV_HD QV_FORCEINLINE float4 Fetch(const STexture2D& xTex, float x, float y) {
+#if defined(__CUDA_ARCH__)
+  if constexpr (T::iChannels == 4) {
+    return tex2D<float4>(xTex.hTexture, x, y);
+  } else {
+    return make_float4(tex2D<float>(xTex.hTexture, x, y), 0.0f, 0.0f, 0.0f);
+  }
+#else
+  return Detail::HostFetch<T>(xTex, x, y);
+#endif
+}
+
+template <class T>
+QV_HD QV_FORCEINLINE float4 FetchPixel(const STexture2D& xTex, int i, int j) {
+  return Fetch<T>(xTex, static_cast<float>(i) + 0.5f, static_cast<float>(j) + 0.5f);
+}
+
+}  // namespace Qv

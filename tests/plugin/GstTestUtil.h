@@ -1,0 +1,23 @@
+#pragma once
+// Helpers shared by the element tests.
+#include <gst/gst.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "QvImage.h"
+
+namespace QvTest {
+
+// A buffer holding a copy of the bytes.
+GstBuffer* BufferFromBytes(const std::vector<uint8_t>& xBytes);
+
+// The device image carried by a buffer, copied to the host. Fails the test if there is none.
+Qv::CQvImage DownloadBufferImage(GstBuffer* pxBuffer);
+
+// Seeded bytes for frames.
+std::vector<uint8_t> FrameBytes(size_t uCount, uint32_t uSeed);
+
+bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected);
+
+}  // namespace QvTest

@@ -1,0 +1,18 @@
+#pragma once
+// Synthetic camera frames and the pinned-pool plumbing shared by the demo and the benchmark.
+#include <gst/gst.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace QvTools {
+
+// A colour test scene (eight bars over a gray ramp, shifted by iFrame pixels) mosaicked in
+// GRBG order: even rows G R G R ..., odd rows B G B G ...
+std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame);
+
+// Asks the element's sink pad for an allocation answer for the caps and returns the active
+// pool it proposes (a pinned "MySysMem" pool for the upload element), or null.
+GstBufferPool* ProposedPool(GstElement* pxElement, GstCaps* pxCaps);
+
+}  // namespace QvTools

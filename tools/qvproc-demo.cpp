@@ -1,0 +1,153 @@
+// The demo: synthetic GRBG camera frames from a pinned pool go through qvcudaupload on the
+// default backend; it prints what it did and writes the last uploaded mosaic as a PNG.
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+
+#include "FileIO.h"
+#include "QvDevice.h"
+#include "QvDeviceImage2D.h"
+#include "QvDeviceMMU.h"
+#include "QvException.h"
+#include "QvSynthetic.h"
+
+namespace {
+
+struct SOptions {
+  int iWidth = 1920;
+  int iHeight = 1080;
+  int iFrames = 60;
+  std::string sOut = "demo-out";
+};
+
+SOptions ParseArgs(int argc, char** argv) {
+  SOptions x;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string sKey = argv[i];
+    if (sKey == "--width") x.iWidth = std::atoi(argv[i + 1]);
+    else if (sKey == "--height") x.iHeight = std::atoi(argv[i + 1]);
+    else if (sKey == "--frames") x.iFrames = std::atoi(argv[i + 1]);
+    else if (sKey == "--out") x.sOut = argv[i + 1];
+  }
+  return x;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  gst_init(&argc, &argv);
+  // The plugin this demo was built with, also when GST_PLUGIN_PATH does not name it.
+  gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
+  const SOptions xOpt = ParseArgs(argc, argv);
+  if (xOpt.iWidth < 2 || xOpt.iHeight < 2 || xOpt.iFrames < 1) {
+    std::fprintf(stderr, "usage: qvproc-demo [--width W] [--height H] [--frames N] [--out DIR]\n");
+    return 2;
+  }
+  try {
+    std::printf("qvproc-demo: backend %s\n", Qv::Device::GetBackendName());
+  } catch (const Qv::IException& e) {
+    std::fprintf(stderr, "qvproc-demo: %s\n", e.GetMessageText());
+    return 1;
+  }
+
+  char szCaps[160];
+  std::snprintf(szCaps, sizeof(szCaps), "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1",
+                xOpt.iWidth, xOpt.iHeight);
+  const std::string sPipeline = std::string("appsrc name=src format=time caps=\"") + szCaps +
+                                "\" ! qvcudaupload name=upload ! appsink name=sink sync=false";
+  GError* pxError = NULL;
+  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
+  if (!pxPipeline || pxError) {
+    std::fprintf(stderr, "qvproc-demo: %s\n", pxError ? pxError->message : "no pipeline");
+    return 1;
+  }
+  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
+  GstElement* pxUpload = gst_bin_get_by_name(GST_BIN(pxPipeline), "upload");
+  GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+
+  GstCaps* pxCaps = gst_caps_from_string(szCaps);
+  GstBufferPool* pxPool = NULL;
+
+  int iOk = 0;
+  uint64_t uAllocsAtFrame2 = 0;
+  std::vector<uint8_t> xLast;
+  Qv::CQvImage xLastImage;
+  const auto tStart = std::chrono::steady_clock::now();
+  for (int i = 0; i < xOpt.iFrames; ++i) {
+    xLast = QvTools::MakeGrbgScene(xOpt.iWidth, xOpt.iHeight, i * 8);
+    GstBuffer* pxBuffer = NULL;
+    if (!pxPool || gst_buffer_pool_acquire_buffer(pxPool, &pxBuffer, NULL) != GST_FLOW_OK)
+      pxBuffer = gst_buffer_new_allocate(NULL, xLast.size(), NULL);
+    gst_buffer_fill(pxBuffer, 0, xLast.data(), xLast.size());
+    GST_BUFFER_PTS(pxBuffer) = gst_util_uint64_scale(i, GST_SECOND, 30);
+    GST_BUFFER_DURATION(pxBuffer) = gst_util_uint64_scale(1, GST_SECOND, 30);
+    if (gst_app_src_push_buffer(GST_APP_SRC(pxSrc), pxBuffer) != GST_FLOW_OK) break;
+    GstSample* pxSample = gst_app_sink_pull_sample(GST_APP_SINK(pxSink));
+    if (!pxSample) break;
+    ++iOk;
+    if (i == 0) {
+      // Negotiated now: ask the upload element for the pinned pool that the source fills.
+      pxPool = QvTools::ProposedPool(pxUpload, pxCaps);
+      std::printf("qvproc-demo: source pool from the upload element: %s\n",
+                  pxPool ? "pinned \"MySysMem\"" : "none (plain memory)");
+    }
+    if (i == 1) uAllocsAtFrame2 = Qv::CQvDeviceMMU::GetAllocationCount();
+    if (i == xOpt.iFrames - 1) {
+      GstMapInfo xMap;
+      GstBuffer* pxOut = gst_sample_get_buffer(pxSample);
+      if (gst_buffer_map(pxOut, &xMap, GST_MAP_READ)) {
+        reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data)->CopyTo(xLastImage);
+        gst_buffer_unmap(pxOut, &xMap);
+      }
+    }
+    gst_sample_unref(pxSample);
+  }
+  const double dSeconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
+  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+
+  const bool bSame = xLastImage.IsValid() && xLastImage.GetFormat().GetImageBytes() == xLast.size() &&
+                     std::memcmp(xLastImage.GetDataPtr(), xLast.data(), xLast.size()) == 0;
+  std::printf("qvproc-demo: %d of %d frames of %dx%d uploaded in %.3f s (%.1f fps)\n", iOk,
+              xOpt.iFrames, xOpt.iWidth, xOpt.iHeight, dSeconds, iOk / (dSeconds > 0 ? dSeconds : 1));
+  if (xLastImage.IsValid())
+    std::printf("qvproc-demo: device image %s, bytes %s the source frame\n",
+                xLastImage.GetFormat().ToString().ToCString(), bSame ? "equal to" : "DIFFER from");
+  if (xOpt.iFrames > 2)
+    std::printf("qvproc-demo: device allocations after the second frame: %llu\n",
+                static_cast<unsigned long long>(Qv::CQvDeviceMMU::GetAllocationCount() - uAllocsAtFrame2));
+
+  int iResult = (iOk == xOpt.iFrames && bSame) ? 0 : 1;
+  if (xLastImage.IsValid()) {
+    mkdir(xOpt.sOut.c_str(), 0755);
+    const std::string sPath = xOpt.sOut + "/upload-mosaic.png";
+    try {
+      Qv::CQvImageMoniker xGray;
+      xGray.Create(xLastImage.GetFormat().iWidth, xLastImage.GetFormat().iHeight,
+                   Qv::EPixelType::Lum, Qv::EDataType::UByte, xLastImage.GetDataPtr());
+      Qv::FileIO::CImage::WritePNG(xGray, sPath.c_str());
+      std::printf("qvproc-demo: wrote %s (the raw GRBG mosaic as gray)\n", sPath.c_str());
+    } catch (const Qv::IException& e) {
+      std::fprintf(stderr, "qvproc-demo: %s\n", e.GetMessageText());
+      iResult = 1;
+    }
+  }
+  if (pxPool) {
+    gst_buffer_pool_set_active(pxPool, FALSE);
+    gst_object_unref(pxPool);
+  }
+  gst_caps_unref(pxCaps);
+  gst_object_unref(pxSrc);
+  gst_object_unref(pxUpload);
+  gst_object_unref(pxSink);
+  gst_object_unref(pxPipeline);
+  return iResult;
+}
