@@ -16,10 +16,12 @@ std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame) {
         const uint8_t* c = aBars[static_cast<int64_t>(xs) * 8 / iWidth];
         r = c[0], g = c[1], b = c[2];
       } else {
-        r = g = b = static_cast<uint8_t>(static_cast<int64_t>(xs) * 255 / (iWidth > 1 ? iWidth - 1 : 1));
+        r = g = b =
+            static_cast<uint8_t>(static_cast<int64_t>(xs) * 255 / (iWidth > 1 ? iWidth - 1 : 1));
       }
       const bool bEvenRow = (y & 1) == 0, bEvenCol = (x & 1) == 0;
-      xBytes[static_cast<size_t>(y) * iWidth + x] = bEvenRow ? (bEvenCol ? g : r) : (bEvenCol ? b : g);
+      xBytes[static_cast<size_t>(y) * iWidth + x] =
+          bEvenRow ? (bEvenCol ? g : r) : (bEvenCol ? b : g);
     }
   }
   return xBytes;

@@ -3,12 +3,12 @@
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <sys/stat.h>
 
 #include "FileIO.h"
 #include "QvDevice.h"
@@ -30,10 +30,14 @@ SOptions ParseArgs(int argc, char** argv) {
   SOptions x;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string sKey = argv[i];
-    if (sKey == "--width") x.iWidth = std::atoi(argv[i + 1]);
-    else if (sKey == "--height") x.iHeight = std::atoi(argv[i + 1]);
-    else if (sKey == "--frames") x.iFrames = std::atoi(argv[i + 1]);
-    else if (sKey == "--out") x.sOut = argv[i + 1];
+    if (sKey == "--width")
+      x.iWidth = std::atoi(argv[i + 1]);
+    else if (sKey == "--height")
+      x.iHeight = std::atoi(argv[i + 1]);
+    else if (sKey == "--frames")
+      x.iFrames = std::atoi(argv[i + 1]);
+    else if (sKey == "--out")
+      x.sOut = argv[i + 1];
   }
   return x;
 }
@@ -57,8 +61,9 @@ int main(int argc, char** argv) {
   }
 
   char szCaps[160];
-  std::snprintf(szCaps, sizeof(szCaps), "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1",
-                xOpt.iWidth, xOpt.iHeight);
+  std::snprintf(szCaps, sizeof(szCaps),
+                "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1", xOpt.iWidth,
+                xOpt.iHeight);
   const std::string sPipeline = std::string("appsrc name=src format=time caps=\"") + szCaps +
                                 "\" ! qvcudaupload name=upload ! appsink name=sink sync=false";
   GError* pxError = NULL;
@@ -114,16 +119,19 @@ int main(int argc, char** argv) {
   gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
   gst_element_set_state(pxPipeline, GST_STATE_NULL);
 
-  const bool bSame = xLastImage.IsValid() && xLastImage.GetFormat().GetImageBytes() == xLast.size() &&
+  const bool bSame = xLastImage.IsValid() &&
+                     xLastImage.GetFormat().GetImageBytes() == xLast.size() &&
                      std::memcmp(xLastImage.GetDataPtr(), xLast.data(), xLast.size()) == 0;
   std::printf("qvproc-demo: %d of %d frames of %dx%d uploaded in %.3f s (%.1f fps)\n", iOk,
-              xOpt.iFrames, xOpt.iWidth, xOpt.iHeight, dSeconds, iOk / (dSeconds > 0 ? dSeconds : 1));
+              xOpt.iFrames, xOpt.iWidth, xOpt.iHeight, dSeconds,
+              iOk / (dSeconds > 0 ? dSeconds : 1));
   if (xLastImage.IsValid())
     std::printf("qvproc-demo: device image %s, bytes %s the source frame\n",
                 xLastImage.GetFormat().ToString().ToCString(), bSame ? "equal to" : "DIFFER from");
   if (xOpt.iFrames > 2)
-    std::printf("qvproc-demo: device allocations after the second frame: %llu\n",
-                static_cast<unsigned long long>(Qv::CQvDeviceMMU::GetAllocationCount() - uAllocsAtFrame2));
+    std::printf(
+        "qvproc-demo: device allocations after the second frame: %llu\n",
+        static_cast<unsigned long long>(Qv::CQvDeviceMMU::GetAllocationCount() - uAllocsAtFrame2));
 
   int iResult = (iOk == xOpt.iFrames && bSame) ? 0 : 1;
   if (xLastImage.IsValid()) {

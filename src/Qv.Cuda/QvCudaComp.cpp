@@ -14,7 +14,8 @@ void CQvCudaComp::EvalKernelDim_2D_1D(const CQvImageFormat& xFormat, int iBlockX
   const unsigned uWidth = xFormat.iWidth > 0 ? static_cast<unsigned>(xFormat.iWidth) : 0u;
   const unsigned uHeight = xFormat.iHeight > 0 ? static_cast<unsigned>(xFormat.iHeight) : 0u;
   m_xBlock = dim3(static_cast<unsigned>(iBlockX), static_cast<unsigned>(iBlockY), 1);
-  m_xGrid = dim3((uWidth + m_xBlock.x - 1) / m_xBlock.x, (uHeight + m_xBlock.y - 1) / m_xBlock.y, 1);
+  m_xGrid =
+      dim3((uWidth + m_xBlock.x - 1) / m_xBlock.x, (uHeight + m_xBlock.y - 1) / m_xBlock.y, 1);
 }
 
 void CQvCudaComp::SetKernelDim_Direct(const CQvImageFormat& xFormat, int iBlockX, int iBlockY) {

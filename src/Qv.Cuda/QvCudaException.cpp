@@ -13,7 +13,9 @@ CQvCudaException::CQvCudaException(const char* szMessage, const char* szFile,
 
 CQvCudaException::~CQvCudaException() = default;
 
-IException* CQvCudaException::Clone() const { return new CQvCudaException(*this); }
+IException* CQvCudaException::Clone() const {
+  return new CQvCudaException(*this);
+}
 
 void CQvCudaException::SetExceptionData() {
   CQvException::SetExceptionData();
@@ -49,7 +51,9 @@ const CGuid& CQvCudaException::GetTypeGUID() {
   return xGuid;
 }
 
-const char* CQvCudaException::GetTypeName() { return "Qv.CudaException"; }
+const char* CQvCudaException::GetTypeName() {
+  return "Qv.CudaException";
+}
 
 void QvCudaCheck(cudaError_t eResult, const char* szMessage, const char* szFile,
                  const char* szFunction, int iLine) {

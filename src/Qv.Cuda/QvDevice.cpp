@@ -93,16 +93,19 @@ EBackend GetBackend() {
   const SBackendChoice& x = Choice();
   if (x.bFailed) {
     if (x.eError != cudaSuccess)
-      throw CQvCudaException::CreateFirst(x.sError.c_str(), __FILE__, __func__, __LINE__,
-                                          x.eError);
+      throw CQvCudaException::CreateFirst(x.sError.c_str(), __FILE__, __func__, __LINE__, x.eError);
     QV_THROW(x.sError.c_str());
   }
   return x.eBackend;
 }
 
-bool IsCuda() { return GetBackend() == EBackend::Cuda; }
+bool IsCuda() {
+  return GetBackend() == EBackend::Cuda;
+}
 
-const char* GetBackendName() { return IsCuda() ? "cuda" : "host"; }
+const char* GetBackendName() {
+  return IsCuda() ? "cuda" : "host";
+}
 
 void* AllocPitched(size_t uWidthBytes, size_t uHeight, size_t& uPitch) {
   void* p = nullptr;
@@ -158,7 +161,9 @@ void FreePinnedHost(void* pData) {
     std::free(pData);
 }
 
-uint64_t GetDeviceAllocationCount() { return g_uAllocations.load(); }
+uint64_t GetDeviceAllocationCount() {
+  return g_uAllocations.load();
+}
 
 void Copy2D(void* pDst, size_t uDstPitch, const void* pSrc, size_t uSrcPitch, size_t uWidthBytes,
             size_t uHeight, ECopyKind eKind, cudaStream_t hStream, bool bAsync) {
@@ -181,7 +186,8 @@ void Copy2D(void* pDst, size_t uDstPitch, const void* pSrc, size_t uSrcPitch, si
     std::memcpy(pD, pS, uWidthBytes * uHeight);
     return;
   }
-  for (size_t y = 0; y < uHeight; ++y) std::memcpy(pD + y * uDstPitch, pS + y * uSrcPitch, uWidthBytes);
+  for (size_t y = 0; y < uHeight; ++y)
+    std::memcpy(pD + y * uDstPitch, pS + y * uSrcPitch, uWidthBytes);
 }
 
 void Memset2D(void* pDst, size_t uPitch, int iValue, size_t uWidthBytes, size_t uHeight,
@@ -213,8 +219,7 @@ void SynchronizeStream(cudaStream_t hStream) {
   if (IsCuda()) QV_CUDA_CHECK(cudaStreamSynchronize(hStream), "Error synchronizing a CUDA stream");
 }
 
-void HostParallelFor(int iRows, int64_t iWorkPerRow,
-                     const std::function<void(int, int)>& fnRows) {
+void HostParallelFor(int iRows, int64_t iWorkPerRow, const std::function<void(int, int)>& fnRows) {
   if (iRows <= 0) return;
   static const int iCores = std::max(1u, std::thread::hardware_concurrency());
   // Thread start-up costs tens of microseconds: small images run on the calling thread.

@@ -43,15 +43,21 @@ size_t CheckedRowBytes(const CQvImageFormat& xFormat) {
   return static_cast<size_t>(xFormat.iWidth) * static_cast<size_t>(iBytesPerPixel);
 }
 
-CQvImageFormat FormatOf(const IImage& xImage) { return CQvImageFormat(xImage); }
+CQvImageFormat FormatOf(const IImage& xImage) {
+  return CQvImageFormat(xImage);
+}
 
 }  // namespace
 
 CQvDeviceImage2D::CQvDeviceImage2D() = default;
 
-CQvDeviceImage2D::CQvDeviceImage2D(const CQvImageFormat& xFormat) { Create(xFormat); }
+CQvDeviceImage2D::CQvDeviceImage2D(const CQvImageFormat& xFormat) {
+  Create(xFormat);
+}
 
-CQvDeviceImage2D::CQvDeviceImage2D(const CQvImage& xImage) { Create(xImage); }
+CQvDeviceImage2D::CQvDeviceImage2D(const CQvImage& xImage) {
+  Create(xImage);
+}
 
 CQvDeviceImage2D::~CQvDeviceImage2D() = default;
 
@@ -180,7 +186,9 @@ void CQvDeviceImage2D::SetZero() {
                    static_cast<size_t>(m_xFormat.iHeight), nullptr);
 }
 
-CQvDeviceImage1D::~CQvDeviceImage1D() { Release(); }
+CQvDeviceImage1D::~CQvDeviceImage1D() {
+  Release();
+}
 
 void CQvDeviceImage1D::Release() {
   if (m_pData) CQvDeviceMMU::QvCudaFree(m_pData);

@@ -19,7 +19,8 @@ struct SKey {
   size_t uHeight;
   bool bPitched;
   bool operator<(const SKey& o) const {
-    return std::tie(uWidthBytes, uHeight, bPitched) < std::tie(o.uWidthBytes, o.uHeight, o.bPitched);
+    return std::tie(uWidthBytes, uHeight, bPitched) <
+           std::tie(o.uWidthBytes, o.uHeight, o.bPitched);
   }
 };
 
@@ -125,18 +126,28 @@ void* CQvDeviceMMU::QvCudaMalloc(size_t uCount, size_t uElementSize) {
   return Cache().Get(SKey{uCount * uElementSize, 1, false}, uPitch);
 }
 
-void CQvDeviceMMU::QvCudaFree(void* pData) { Cache().Put(pData); }
+void CQvDeviceMMU::QvCudaFree(void* pData) {
+  Cache().Put(pData);
+}
 
 void* CQvDeviceMMU::AllocPitched(size_t uWidthBytes, size_t uHeight, size_t& uPitch) {
   return Cache().Get(SKey{uWidthBytes, uHeight, true}, uPitch);
 }
 
-void CQvDeviceMMU::FreePitched(void* pData) { Cache().Put(pData); }
+void CQvDeviceMMU::FreePitched(void* pData) {
+  Cache().Put(pData);
+}
 
-uint64_t CQvDeviceMMU::GetAllocationCount() { return Device::GetDeviceAllocationCount(); }
+uint64_t CQvDeviceMMU::GetAllocationCount() {
+  return Device::GetDeviceAllocationCount();
+}
 
-size_t CQvDeviceMMU::GetCachedBytes() { return Cache().CachedBytes(); }
+size_t CQvDeviceMMU::GetCachedBytes() {
+  return Cache().CachedBytes();
+}
 
-void CQvDeviceMMU::Trim() { Cache().Trim(); }
+void CQvDeviceMMU::Trim() {
+  Cache().Trim();
+}
 
 }  // namespace Qv

@@ -24,8 +24,8 @@ void LaunchPerPixel(CQvCudaComp& xComp, const char* szName, int iWidth, int iHei
   const cudaStream_t hStream = xComp.GetStream();
   xComp.Begin(szName, hStream);
   if (Device::IsCuda()) {
-    Kernel::RunPerPixel<F><<<xComp.GetGrid(), xComp.GetBlock(), 0, hStream>>>(fnPixel, iWidth,
-                                                                              iHeight);
+    Kernel::RunPerPixel<F>
+        <<<xComp.GetGrid(), xComp.GetBlock(), 0, hStream>>>(fnPixel, iWidth, iHeight);
   } else {
     Device::HostParallelFor(iHeight, iWidth, [&](int y0, int y1) {
       for (int y = y0; y < y1; ++y)

@@ -89,7 +89,9 @@ inline float4 HostTexel(const SDeviceImageDesc2D& xDesc, int ix, int iy) {
 }
 
 // The texture unit keeps the blend weight as 9-bit fixed point with 8 fractional bits.
-inline float QuantizeWeight(float fFrac) { return std::floor(fFrac * 256.0f + 0.5f) / 256.0f; }
+inline float QuantizeWeight(float fFrac) {
+  return std::floor(fFrac * 256.0f + 0.5f) / 256.0f;
+}
 
 inline float Blend(float a, float b, float c, float d, float wa, float wb, float wc, float wd) {
   return wa * a + wb * b + wc * c + wd * d;

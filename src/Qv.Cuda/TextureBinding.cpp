@@ -10,8 +10,7 @@ namespace Qv {
 CTextureBinding::CTextureBinding() : m_xTexture() {}
 
 CTextureBinding::CTextureBinding(const CQvDeviceImage2D& xImage, bool bLinearFilter,
-                                 bool bNormalizedCoordinates,
-                                 cudaTextureAddressMode eAddressMode)
+                                 bool bNormalizedCoordinates, cudaTextureAddressMode eAddressMode)
     : CTextureBinding() {
   Bind(xImage, bLinearFilter, bNormalizedCoordinates, eAddressMode);
 }
@@ -29,7 +28,8 @@ void CTextureBinding::Bind(const CQvDeviceImage2D& xImage, bool bLinearFilter,
   try {
     Unbind();
     const cudaChannelFormatDesc xChannels = xImage.GetCudaChannelFormatDesc();
-    const int iChannels = (xChannels.x > 0) + (xChannels.y > 0) + (xChannels.z > 0) + (xChannels.w > 0);
+    const int iChannels =
+        (xChannels.x > 0) + (xChannels.y > 0) + (xChannels.z > 0) + (xChannels.w > 0);
     if (iChannels != 1 && iChannels != 2 && iChannels != 4) {
       CQvString sText("Image format cannot be read through a texture: ");
       sText << xImage.GetFormat().ToString();

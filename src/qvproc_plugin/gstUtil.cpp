@@ -45,7 +45,8 @@ GstFlowReturn PrepareOutputBufferCuda(GstBaseTransform* trans, GstBuffer* /*inbu
 
 void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf) {
   gst_buffer_copy_into(outbuf, inbuf, GST_BUFFER_COPY_TIMESTAMPS, 0, -1);
-  MyMetaInfo* pxIn = reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(inbuf, MY_META_INFO_API_TYPE));
+  MyMetaInfo* pxIn =
+      reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(inbuf, MY_META_INFO_API_TYPE));
   if (!pxIn) return;
   MyMetaInfo* pxOut =
       reinterpret_cast<MyMetaInfo*>(gst_buffer_add_meta(outbuf, my_meta_get_info(), NULL));
@@ -67,4 +68,6 @@ void HandleException(const Qv::IException& exception) {
 
 void LogMessage(const char* /*text*/) {}
 
-void LogMessage(Qv::CQvString text) { LogMessage(text.ToCString()); }
+void LogMessage(Qv::CQvString text) {
+  LogMessage(text.ToCString());
+}

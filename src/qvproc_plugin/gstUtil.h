@@ -15,4 +15,3 @@ void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf);
 void HandleException(const Qv::IException& exception);
 void LogMessage(const char* text);
 void LogMessage(Qv::CQvString text);
-

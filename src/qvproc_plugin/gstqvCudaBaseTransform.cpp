@@ -6,10 +6,11 @@
 GST_DEBUG_CATEGORY_STATIC(gst_qv_cuda_base_transform_debug);
 #define GST_CAT_DEFAULT gst_qv_cuda_base_transform_debug
 
-G_DEFINE_ABSTRACT_TYPE_WITH_CODE(
-    GstQvCudaBaseTransform, gst_qv_cuda_base_transform, GST_TYPE_BASE_TRANSFORM,
-    GST_DEBUG_CATEGORY_INIT(gst_qv_cuda_base_transform_debug, "qvcudabasetransform", 0,
-                            "qvvideoproc device transform base"))
+G_DEFINE_ABSTRACT_TYPE_WITH_CODE(GstQvCudaBaseTransform, gst_qv_cuda_base_transform,
+                                 GST_TYPE_BASE_TRANSFORM,
+                                 GST_DEBUG_CATEGORY_INIT(gst_qv_cuda_base_transform_debug,
+                                                         "qvcudabasetransform", 0,
+                                                         "qvvideoproc device transform base"))
 
 static void gst_qv_cuda_base_transform_finalize(GObject* object);
 static gboolean gst_qv_cuda_base_transform_start(GstBaseTransform* trans);

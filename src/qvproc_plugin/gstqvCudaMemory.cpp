@@ -20,7 +20,8 @@ static GstMemory* my_memory_new(GstAllocator* allocator, GstMemory* parent, gsiz
   return GST_MEMORY_CAST(pxMem);
 }
 
-static GstMemory* my_memory_alloc(GstAllocator* allocator, gsize size, GstAllocationParams* params) {
+static GstMemory* my_memory_alloc(GstAllocator* allocator, gsize size,
+                                  GstAllocationParams* params) {
   LogMessage("allocating new memory with custom allocator");
   // The image is empty; the element that writes the buffer creates it.
   Qv::CQvDeviceImage2D* pxImage = new Qv::CQvDeviceImage2D();
@@ -42,7 +43,9 @@ static gpointer my_memory_map(GstMemory* mem, gsize /*maxsize*/, GstMapFlags /*f
   return reinterpret_cast<MyMemory*>(mem)->data;
 }
 
-static void my_memory_unmap(GstMemory* mem) { GST_LOG("%p: unmapped", static_cast<void*>(mem)); }
+static void my_memory_unmap(GstMemory* mem) {
+  GST_LOG("%p: unmapped", static_cast<void*>(mem));
+}
 
 // A share is a view of the same image: it keeps the parent alive and never frees the image,
 // so however many shares exist the image dies once, with the last of them. The handle is
@@ -50,10 +53,10 @@ static void my_memory_unmap(GstMemory* mem) { GST_LOG("%p: unmapped", static_cas
 static GstMemory* my_memory_share(GstMemory* mem, gssize /*offset*/, gssize /*size*/) {
   MyMemory* pxMem = reinterpret_cast<MyMemory*>(mem);
   GstMemory* pxParent = mem->parent ? mem->parent : mem;
-  return my_memory_new(mem->allocator, pxParent, mem->maxsize, mem->align, mem->offset, mem->size,
-                       static_cast<GstMemoryFlags>(GST_MINI_OBJECT_FLAGS(pxParent) |
-                                                   GST_MEMORY_FLAG_READONLY),
-                       pxMem->data, FALSE);
+  return my_memory_new(
+      mem->allocator, pxParent, mem->maxsize, mem->align, mem->offset, mem->size,
+      static_cast<GstMemoryFlags>(GST_MINI_OBJECT_FLAGS(pxParent) | GST_MEMORY_FLAG_READONLY),
+      pxMem->data, FALSE);
 }
 
 // A copy is a new device image with the same pixels, not a copy of the handle's bytes.
@@ -96,7 +99,9 @@ void my_memory_init(void) {
   gst_allocator_register(QV_CUDA_MEMORY_NAME, pxAllocator);
 }
 
-gint my_memory_get_live_count(void) { return g_atomic_int_get(&g_iLiveMemories); }
+gint my_memory_get_live_count(void) {
+  return g_atomic_int_get(&g_iLiveMemories);
+}
 
 Qv::CQvDeviceImage2D* QvDeviceImageFromMemory(GstMemory* mem) {
   if (!mem || !gst_memory_is_type(mem, QV_CUDA_MEMORY_NAME)) return NULL;

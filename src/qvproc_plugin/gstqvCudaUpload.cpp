@@ -25,15 +25,15 @@ GST_DEBUG_CATEGORY_STATIC(gst_cuda_upload_debug);
 #define GST_CAT_DEFAULT gst_cuda_upload_debug
 
 #define UPLOAD_SINK_CAPS                                                                        \
-  "video/x-raw, format = (string) { GRAY8 }, width = (int) [ 1, max ], height = (int) [ 1, "   \
+  "video/x-raw, format = (string) { GRAY8 }, width = (int) [ 1, max ], height = (int) [ 1, "    \
   "max ], framerate = (fraction) [ 0, max ];video/x-bayer,format=(string){BA81,bggr,grbg,gbrg," \
   "rggb},width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/1,MAX];"
-#define UPLOAD_SRC_CAPS                                                                       \
+#define UPLOAD_SRC_CAPS                                                                      \
   "video/x-raw, format = (string) { GRAY8 }, width = (int) [ 1, max ], height = (int) [ 1, " \
   "max ], framerate = (fraction) [ 0, max ]"
 
-static GstStaticPadTemplate sink_template =
-    GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(UPLOAD_SINK_CAPS));
+static GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
+    "sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(UPLOAD_SINK_CAPS));
 static GstStaticPadTemplate src_template =
     GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(UPLOAD_SRC_CAPS));
 
@@ -95,8 +95,8 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
     LogMessage("Upload starting ");
     CGstBufferMap xIn(inbuf, GST_MAP_READ, "cannot map in buffer");
     CGstBufferMap xOut(outbuf, GST_MAP_WRITE, "cannot map out buffer");
-    const guint64 uNeeded =
-        static_cast<guint64>(self->width > 0 ? self->width : 0) * (self->height > 0 ? self->height : 0);
+    const guint64 uNeeded = static_cast<guint64>(self->width > 0 ? self->width : 0) *
+                            (self->height > 0 ? self->height : 0);
     if (xIn.Size() < uNeeded) {
       Qv::CQvString sText("in buffer holds ");
       sText << static_cast<unsigned long>(xIn.Size()) << " bytes, a " << self->width << "x"

@@ -4,7 +4,8 @@
 G_BEGIN_DECLS
 
 #define GST_TYPE_CUDA_UPLOAD (gst_cuda_upload_get_type())
-#define GST_CUDA_UPLOAD(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_CUDA_UPLOAD, GstQvCudaUpload))
+#define GST_CUDA_UPLOAD(obj) \
+  (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_CUDA_UPLOAD, GstQvCudaUpload))
 
 typedef struct _GstQvCudaUpload {
   GstQvCudaBaseTransform parent;

@@ -18,12 +18,13 @@ static GstMemory* my_sysmem_new(GstAllocator* allocator, GstMemory* parent, gsiz
   return GST_MEMORY_CAST(pxMem);
 }
 
-static GstMemory* my_sysmem_alloc(GstAllocator* allocator, gsize size, GstAllocationParams* params) {
+static GstMemory* my_sysmem_alloc(GstAllocator* allocator, gsize size,
+                                  GstAllocationParams* params) {
   const gsize uTotal = size + params->prefix + params->padding;
   guint8* pData = NULL;
   try {
-    LogMessage(Qv::CQvString("allocating cuda Host memory: ") << static_cast<unsigned long>(size)
-                                                             << " bytes");
+    LogMessage(Qv::CQvString("allocating cuda Host memory: ")
+               << static_cast<unsigned long>(size) << " bytes");
     pData = static_cast<guint8*>(Qv::Device::AllocPinnedHost(uTotal));
   } catch (const Qv::IException& e) {
     HandleException(e);
@@ -57,11 +58,11 @@ static GstMemory* my_sysmem_share(GstMemory* mem, gssize offset, gssize size) {
   MySysMem* pxMem = reinterpret_cast<MySysMem*>(mem);
   GstMemory* pxParent = mem->parent ? mem->parent : mem;
   if (size == -1) size = static_cast<gssize>(mem->size) - offset;
-  return my_sysmem_new(mem->allocator, pxParent, mem->maxsize, mem->align,
-                       mem->offset + static_cast<gsize>(offset), static_cast<gsize>(size),
-                       static_cast<GstMemoryFlags>(GST_MINI_OBJECT_FLAGS(pxParent) |
-                                                   GST_MEMORY_FLAG_READONLY),
-                       pxMem->data);
+  return my_sysmem_new(
+      mem->allocator, pxParent, mem->maxsize, mem->align, mem->offset + static_cast<gsize>(offset),
+      static_cast<gsize>(size),
+      static_cast<GstMemoryFlags>(GST_MINI_OBJECT_FLAGS(pxParent) | GST_MEMORY_FLAG_READONLY),
+      pxMem->data);
 }
 
 static void my_sysmem_allocator_class_init(MySysMemAllocatorClass* klass) {
@@ -113,7 +114,8 @@ gboolean ProposeAllocation(GstBaseTransform* trans, GstQuery* /*decideQuery*/, G
     GstStructure* pxConfig = gst_buffer_pool_get_config(pxPool);
     gst_buffer_pool_config_set_params(pxConfig, pxCaps, static_cast<guint>(uSize), 0, 0);
     gst_buffer_pool_config_set_allocator(pxConfig, pxAllocator, &xParams);
-    if (!gst_buffer_pool_set_config(pxPool, pxConfig)) QV_THROW("gst_buffer_pool_set_config failed");
+    if (!gst_buffer_pool_set_config(pxPool, pxConfig))
+      QV_THROW("gst_buffer_pool_set_config failed");
 
     gst_query_add_allocation_pool(query, pxPool, static_cast<guint>(uSize), 0, 0);
     gst_query_add_allocation_param(query, pxAllocator, &xParams);

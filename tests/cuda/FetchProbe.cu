@@ -1,5 +1,4 @@
 #include "FetchProbe.h"
-
 #include "QvCudaComp.h"
 #include "QvDevice.h"
 #include "QvDeviceMMU.h"
@@ -47,8 +46,8 @@ std::vector<float4> ProbeFetches(const Qv::CQvDeviceImage2D& xImage, bool bLinea
                      Qv::Device::ECopyKind::HostToDevice, nullptr, false);
   Qv::CTextureBinding xBinding(xImage, bLinear, bNormalizedCoordinates);
   Qv::CQvCudaComp xComp;
-  xComp.EvalKernelDim_2D_1D(Qv::CQvImageFormat(iCount, 1, Qv::EPixelType::Lum, Qv::EDataType::Float),
-                            32, 8);
+  xComp.EvalKernelDim_2D_1D(
+      Qv::CQvImageFormat(iCount, 1, Qv::EPixelType::Lum, Qv::EDataType::Float), 32, 8);
   const Qv::STexture2D& xTex = xBinding.Get();
   if (xImage.IsOfType<Qv::L_uc>(true))
     Run<Qv::L_uc>(xComp, xTex, pCoords, pOut, iCount);

@@ -29,6 +29,8 @@ bool BytesEqual(const Qv::IImage& a, const Qv::IImage& b) {
   return std::memcmp(a.GetDataPtr(), b.GetDataPtr(), fa.GetImageBytes()) == 0;
 }
 
-const char* BackendName() { return Qv::Device::GetBackendName(); }
+const char* BackendName() {
+  return Qv::Device::GetBackendName();
+}
 
 }  // namespace QvTest

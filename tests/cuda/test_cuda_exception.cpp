@@ -20,8 +20,8 @@ bool MachineHasGpu() {
 }
 
 TEST(CudaException, CarriesIdentityCodeAndMessageForm) {
-  const CQvCudaException e = CQvCudaException::CreateFirst("Error copying", "file.cu", "Copy", 42,
-                                                           cudaErrorInvalidValue);
+  const CQvCudaException e =
+      CQvCudaException::CreateFirst("Error copying", "file.cu", "Copy", 42, cudaErrorInvalidValue);
   EXPECT_EQ(CGuid("{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F}"), e.GetGUID());
   EXPECT_EQ(CGuid("{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F}"), CQvCudaException::GetTypeGUID());
   EXPECT_STREQ("Qv.CudaException", e.GetName());
@@ -29,16 +29,18 @@ TEST(CudaException, CarriesIdentityCodeAndMessageForm) {
   EXPECT_EQ(1, e.GetErrorCode());
   EXPECT_STREQ("cudaErrorInvalidValue: invalid argument (ID 1)", e.GetErrorText().ToCString());
   const int iDevice = MachineHasGpu() ? 0 : -1;
-  const std::string sExpected = "Error copying. 'cudaErrorInvalidValue: invalid argument (ID 1)', "
-                                "Device ID: " + std::to_string(iDevice);
+  const std::string sExpected =
+      "Error copying. 'cudaErrorInvalidValue: invalid argument (ID 1)', "
+      "Device ID: " +
+      std::to_string(iDevice);
   EXPECT_EQ(sExpected, e.GetMessageText());
   EXPECT_EQ(42, e.GetLine());
   EXPECT_TRUE(e.HasException(CQvCudaException::GetTypeGUID()));
 }
 
 TEST(CudaException, CloneKeepsEveryField) {
-  const CQvCudaException e = CQvCudaException::CreateFirst("Error", "f", "g", 1,
-                                                           cudaErrorMemoryAllocation);
+  const CQvCudaException e =
+      CQvCudaException::CreateFirst("Error", "f", "g", 1, cudaErrorMemoryAllocation);
   std::unique_ptr<IException> pxClone(e.Clone());
   auto* pxCuda = dynamic_cast<CQvCudaException*>(pxClone.get());
   ASSERT_NE(nullptr, pxCuda);

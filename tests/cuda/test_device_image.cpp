@@ -22,7 +22,8 @@ class DeviceImage2DTest : public ::testing::TestWithParam<SCase> {};
 TEST_P(DeviceImage2DTest, UploadDownloadRoundTripKeepsEveryByte) {
   const SCase& c = GetParam();
   const CQvImageFormat xFormat(c.iWidth, c.iHeight, c.ePixel, c.eData);
-  const CQvImage xSource = QvTest::RandomImage(xFormat, static_cast<uint32_t>(c.iWidth * 31 + c.iHeight));
+  const CQvImage xSource =
+      QvTest::RandomImage(xFormat, static_cast<uint32_t>(c.iWidth * 31 + c.iHeight));
 
   CQvDeviceImage2D xDevice(xSource);
   ASSERT_TRUE(xDevice.IsValid());
@@ -31,8 +32,8 @@ TEST_P(DeviceImage2DTest, UploadDownloadRoundTripKeepsEveryByte) {
 
   CQvImage xBack;
   xDevice.CopyTo(xBack);
-  EXPECT_TRUE(QvTest::BytesEqual(xSource, xBack)) << xFormat.ToString().ToCString() << " on "
-                                                  << QvTest::BackendName();
+  EXPECT_TRUE(QvTest::BytesEqual(xSource, xBack))
+      << xFormat.ToString().ToCString() << " on " << QvTest::BackendName();
 
   // Device to device, then back again.
   CQvDeviceImage2D xSecond;
@@ -67,17 +68,16 @@ TEST_P(DeviceImage2DTest, CreateFromDeviceDataCopiesPackedRows) {
   EXPECT_TRUE(QvTest::BytesEqual(xSource, xBack));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    OddSizesAndClasses, DeviceImage2DTest,
-    ::testing::Values(SCase{1, 1, EPixelType::Lum, EDataType::UByte},
-                      SCase{3, 5, EPixelType::BayerGR, EDataType::UByte},
-                      SCase{113, 13, EPixelType::Lum, EDataType::UByte},
-                      SCase{7, 3, EPixelType::Lum, EDataType::UShort},
-                      SCase{13, 7, EPixelType::RGBA, EDataType::UByte},
-                      SCase{5, 9, EPixelType::RGBA, EDataType::UShort},
-                      SCase{17, 4, EPixelType::RGBA, EDataType::Float},
-                      SCase{11, 2, EPixelType::RGB, EDataType::UByte},
-                      SCase{1, 64, EPixelType::Lum, EDataType::Float}));
+INSTANTIATE_TEST_SUITE_P(OddSizesAndClasses, DeviceImage2DTest,
+                         ::testing::Values(SCase{1, 1, EPixelType::Lum, EDataType::UByte},
+                                           SCase{3, 5, EPixelType::BayerGR, EDataType::UByte},
+                                           SCase{113, 13, EPixelType::Lum, EDataType::UByte},
+                                           SCase{7, 3, EPixelType::Lum, EDataType::UShort},
+                                           SCase{13, 7, EPixelType::RGBA, EDataType::UByte},
+                                           SCase{5, 9, EPixelType::RGBA, EDataType::UShort},
+                                           SCase{17, 4, EPixelType::RGBA, EDataType::Float},
+                                           SCase{11, 2, EPixelType::RGB, EDataType::UByte},
+                                           SCase{1, 64, EPixelType::Lum, EDataType::Float}));
 
 TEST(DeviceImage2D, CreateWithSameFormatLeavesImageUntouched) {
   const CQvImageFormat xFormat(9, 4, EPixelType::Lum, EDataType::UByte);

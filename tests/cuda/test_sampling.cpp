@@ -18,7 +18,9 @@ namespace {
 
 // The texture unit's linear filter rounds its weights to 1/256; the host emulation follows
 // that rule exactly, the hardware may differ in the last bits of the blend.
-float LinearTolerance() { return Device::IsCuda() ? 1.0f / 512.0f : 0.0f; }
+float LinearTolerance() {
+  return Device::IsCuda() ? 1.0f / 512.0f : 0.0f;
+}
 
 class SamplingTest : public ::testing::Test {
  protected:
@@ -37,10 +39,10 @@ class SamplingTest : public ::testing::Test {
 TEST_F(SamplingTest, PointFetchReturnsThePixelUnderTheCoordinate) {
   const auto r = QvTest::ProbeFetches(m_xImage, false, false,
                                       {{1.5f, 0.5f}, {1.0f, 0.5f}, {1.99f, 1.2f}, {2.5f, 1.5f}});
-  EXPECT_EQ(1.0f, r[0].x);            // centre of (1, 0)
-  EXPECT_EQ(1.0f, r[1].x);            // left edge of (1, 0) still belongs to it
-  EXPECT_EQ(0.0f, r[2].x);            // (1, 1)
-  EXPECT_EQ(204.0f / 255.0f, r[3].x); // (2, 1)
+  EXPECT_EQ(1.0f, r[0].x);             // centre of (1, 0)
+  EXPECT_EQ(1.0f, r[1].x);             // left edge of (1, 0) still belongs to it
+  EXPECT_EQ(0.0f, r[2].x);             // (1, 1)
+  EXPECT_EQ(204.0f / 255.0f, r[3].x);  // (2, 1)
 }
 
 TEST_F(SamplingTest, PointFetchPastTheEdgeRepeatsTheEdgePixel) {
@@ -58,9 +60,9 @@ TEST_F(SamplingTest, LinearFetchAtCentreIsThePixelAndBetweenIsTheBlend) {
       m_xImage, true, false,
       {{2.5f, 0.5f}, {1.0f, 0.5f}, {2.0f, 1.0f}, {1.25f, 0.5f}, {0.5f + 1.0f / 3.0f, 0.5f}});
   EXPECT_NEAR(51.0f / 255.0f, r[0].x, t);
-  EXPECT_NEAR(0.5f, r[1].x, t);                           // halfway between 0 and 255
+  EXPECT_NEAR(0.5f, r[1].x, t);  // halfway between 0 and 255
   EXPECT_NEAR((255.0f + 51.0f + 0.0f + 204.0f) / 4.0f / 255.0f, r[2].x, t);
-  EXPECT_NEAR(0.75f, r[3].x, t);                          // a quarter of the way from 255 to 0
+  EXPECT_NEAR(0.75f, r[3].x, t);  // a quarter of the way from 255 to 0
   // A third of a pixel: the weight is held as 85/256, not 1/3.
   EXPECT_NEAR(85.0f / 256.0f, r[4].x, t);
   if (!Device::IsCuda()) {
@@ -91,7 +93,8 @@ TEST(Sampling, EachClassReadsItsOwnScale) {
     m.Create(3, 1, EPixelType::Lum, EDataType::UShort, const_cast<uint16_t*>(a));
     CQvDeviceImage2D x;
     x.Create(m);
-    const auto r = QvTest::ProbeFetches(x, false, false, {{0.5f, 0.5f}, {1.5f, 0.5f}, {2.5f, 0.5f}});
+    const auto r =
+        QvTest::ProbeFetches(x, false, false, {{0.5f, 0.5f}, {1.5f, 0.5f}, {2.5f, 0.5f}});
     EXPECT_EQ(1.0f, r[0].x);
     EXPECT_EQ(257.0f / 65535.0f, r[1].x);
     EXPECT_EQ(0.0f, r[2].x);
@@ -136,10 +139,10 @@ TEST(Sampling, BayerImageReadsAsOneChannel) {
 
 TEST(Storing, ScalesClampsAndTruncates) {
   EXPECT_EQ(255, StoreChannel<L_uc>(1.0f));
-  EXPECT_EQ(254, StoreChannel<L_uc>(0.999f));     // 254.745 truncates, no rounding
+  EXPECT_EQ(254, StoreChannel<L_uc>(0.999f));  // 254.745 truncates, no rounding
   EXPECT_EQ(255, StoreChannel<L_uc>(7.0f));
   EXPECT_EQ(0, StoreChannel<L_uc>(-0.5f));
-  EXPECT_EQ(255, StoreChannel<L_uc>(NAN));        // NaN stores full scale
+  EXPECT_EQ(255, StoreChannel<L_uc>(NAN));  // NaN stores full scale
   EXPECT_EQ(65535, StoreChannel<L_us>(NAN));
   EXPECT_EQ(32767, StoreChannel<RGBA_us>(0.5f));  // 32767.5 truncates
   EXPECT_EQ(-3.5f, StoreChannel<L_f>(-3.5f));     // float stores unscaled, unclamped

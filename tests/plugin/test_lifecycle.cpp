@@ -30,8 +30,8 @@ std::vector<std::string> PluginElementNames() {
 }
 
 void CycleStates(GstElement* pxElement) {
-  static const GstState aStates[] = {GST_STATE_READY, GST_STATE_PAUSED, GST_STATE_PLAYING,
-                                     GST_STATE_PAUSED, GST_STATE_READY, GST_STATE_NULL};
+  static const GstState aStates[] = {GST_STATE_READY,  GST_STATE_PAUSED, GST_STATE_PLAYING,
+                                     GST_STATE_PAUSED, GST_STATE_READY,  GST_STATE_NULL};
   for (int i = 0; i < 10; ++i) {
     for (GstState eState : aStates) {
       ASSERT_NE(GST_STATE_CHANGE_FAILURE, gst_element_set_state(pxElement, eState))
@@ -43,7 +43,8 @@ void CycleStates(GstElement* pxElement) {
 
 // Types whose objects the plugin keeps on purpose for the life of the process.
 bool IsProcessWide(const gchar* szTypeName) {
-  return g_str_equal(szTypeName, "MyMemoryAllocator") || g_str_equal(szTypeName, "MySysMemAllocator");
+  return g_str_equal(szTypeName, "MyMemoryAllocator") ||
+         g_str_equal(szTypeName, "MySysMemAllocator");
 }
 
 // Addresses and type names of every object the tracer sees alive.

@@ -110,7 +110,8 @@ TEST(CopyMetData, CopiesTimestampsAlwaysAndTheMetaOnlyWhenPresent) {
   pxMeta->gain = 1.25f;
   GstBuffer* pxOut2 = gst_buffer_new();
   CopyMetData(pxOut2, pxIn);
-  auto* pxCopied = reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut2, MY_META_INFO_API_TYPE));
+  auto* pxCopied =
+      reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut2, MY_META_INFO_API_TYPE));
   ASSERT_NE(nullptr, pxCopied);
   EXPECT_EQ(0.5f, pxCopied->exposure);
   EXPECT_EQ(1.25f, pxCopied->gain);
@@ -122,28 +123,35 @@ TEST(CopyMetData, CopiesTimestampsAlwaysAndTheMetaOnlyWhenPresent) {
 TEST(MetaInfo, RegistersOnceUnderItsNames) {
   EXPECT_EQ(my_meta_info_api_get_type(), my_meta_info_api_get_type());
   EXPECT_STREQ("MyMetaInfoAPI", g_type_name(my_meta_info_api_get_type()));
-  EXPECT_TRUE(gst_meta_api_type_has_tag(my_meta_info_api_get_type(), g_quark_from_string("buffer")));
+  EXPECT_TRUE(
+      gst_meta_api_type_has_tag(my_meta_info_api_get_type(), g_quark_from_string("buffer")));
   EXPECT_TRUE(gst_meta_api_type_has_tag(my_meta_info_api_get_type(), g_quark_from_string("meta")));
   EXPECT_EQ(my_meta_get_info(), gst_meta_get_info("MyMetaInfo"));
 }
 
 TEST(DefaultNegotiation, CopiesSizeAndRateIntoTheOtherSide) {
   const char* szSink =
-      "video/x-bayer,format=grbg,width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]";
+      "video/x-bayer,format=grbg,width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/"
+      "1,MAX]";
   const char* szSrc =
-      "video/x-raw,format=RGBA,width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]";
-  GstCaps* pxIn = gst_caps_from_string("video/x-bayer,format=grbg,width=640,height=480,framerate=30/1");
+      "video/x-raw,format=RGBA,width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/"
+      "1,MAX]";
+  GstCaps* pxIn =
+      gst_caps_from_string("video/x-bayer,format=grbg,width=640,height=480,framerate=30/1");
   GstCaps* x = defaultNegotiation(szSink, szSrc, GST_PAD_SINK, pxIn, NULL);
-  EXPECT_TRUE(QvTest::CapsEqualString(x, "video/x-raw,format=RGBA,width=640,height=480,framerate=30/1"));
+  EXPECT_TRUE(
+      QvTest::CapsEqualString(x, "video/x-raw,format=RGBA,width=640,height=480,framerate=30/1"));
   gst_caps_unref(x);
   x = defaultNegotiation(szSink, szSrc, GST_PAD_SRC, pxIn, NULL);
-  EXPECT_TRUE(QvTest::CapsEqualString(x, "video/x-bayer,format=grbg,width=640,height=480,framerate=30/1"));
+  EXPECT_TRUE(
+      QvTest::CapsEqualString(x, "video/x-bayer,format=grbg,width=640,height=480,framerate=30/1"));
   gst_caps_unref(x);
   gst_caps_unref(pxIn);
   // A list goes across unchanged, and a filter that excludes everything leaves nothing.
   pxIn = gst_caps_from_string("video/x-bayer,width={320,640},height=[2,4]");
   x = defaultNegotiation(szSink, szSrc, GST_PAD_SINK, pxIn, NULL);
-  EXPECT_TRUE(QvTest::CapsEqualString(x, "video/x-raw,format=RGBA,width={320,640},height=[2,4],framerate=(fraction)[0/1,MAX]"));
+  EXPECT_TRUE(QvTest::CapsEqualString(
+      x, "video/x-raw,format=RGBA,width={320,640},height=[2,4],framerate=(fraction)[0/1,MAX]"));
   gst_caps_unref(x);
   GstCaps* pxFilter = gst_caps_from_string("video/x-raw,format=RGBA,width=1000");
   x = defaultNegotiation(szSink, szSrc, GST_PAD_SINK, pxIn, pxFilter);

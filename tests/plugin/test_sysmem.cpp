@@ -11,7 +11,8 @@
 namespace {
 
 TEST(SysMem, WithoutNeedPoolNothingIsProposedButTheAllocatorIsRegistered) {
-  GstCaps* pxCaps = gst_caps_from_string("video/x-raw,format=GRAY8,width=64,height=32,framerate=30/1");
+  GstCaps* pxCaps =
+      gst_caps_from_string("video/x-raw,format=GRAY8,width=64,height=32,framerate=30/1");
   GstQuery* pxQuery = gst_query_new_allocation(pxCaps, FALSE);
   EXPECT_TRUE(ProposeAllocation(NULL, NULL, pxQuery));
   EXPECT_EQ(0u, gst_query_get_n_allocation_pools(pxQuery));
@@ -56,8 +57,10 @@ TEST(SysMem, MemoryOfSizeNMapsToNWritableBytes) {
 
 TEST(SysMem, UploadAnswersAnAllocationQueryWithAPinnedPool) {
   GstHarness* pxHarness = gst_harness_new("qvcudaupload");
-  gst_harness_set_src_caps_str(pxHarness, "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1");
-  GstCaps* pxCaps = gst_caps_from_string("video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1");
+  gst_harness_set_src_caps_str(pxHarness,
+                               "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1");
+  GstCaps* pxCaps =
+      gst_caps_from_string("video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1");
   GstQuery* pxQuery = gst_query_new_allocation(pxCaps, TRUE);
   ASSERT_TRUE(gst_pad_peer_query(pxHarness->srcpad, pxQuery));
   ASSERT_EQ(1u, gst_query_get_n_allocation_pools(pxQuery));

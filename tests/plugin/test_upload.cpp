@@ -45,15 +45,16 @@ void ExpectBayerGRWithBytes(const CQvImage& xImage, int iWidth, int iHeight,
 
 TEST_F(UploadTest, Gray8BecomesBayerGRWithTheSameBytes) {
   std::vector<uint8_t> xBytes;
-  const CQvImage x = Upload("video/x-raw,format=GRAY8,width=7,height=5,framerate=30/1", 7, 5, 1, &xBytes);
+  const CQvImage x =
+      Upload("video/x-raw,format=GRAY8,width=7,height=5,framerate=30/1", 7, 5, 1, &xBytes);
   ExpectBayerGRWithBytes(x, 7, 5, xBytes);
 }
 
 class UploadBayerTest : public UploadTest, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(UploadBayerTest, EveryBayerOrderBecomesBayerGR) {
-  std::string sCaps = std::string("video/x-bayer,format=") + GetParam() +
-                      ",width=13,height=3,framerate=0/1";
+  std::string sCaps =
+      std::string("video/x-bayer,format=") + GetParam() + ",width=13,height=3,framerate=0/1";
   std::vector<uint8_t> xBytes;
   const CQvImage x = Upload(sCaps.c_str(), 13, 3, 7, &xBytes);
   ExpectBayerGRWithBytes(x, 13, 3, xBytes);
@@ -63,7 +64,8 @@ INSTANTIATE_TEST_SUITE_P(Formats, UploadBayerTest,
                          ::testing::Values("BA81", "bggr", "grbg", "gbrg", "rggb"));
 
 TEST_F(UploadTest, CarriesTimestampsAndCameraMeta) {
-  gst_harness_set_src_caps_str(m_pxHarness, "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
+  gst_harness_set_src_caps_str(m_pxHarness,
+                               "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
   GstBuffer* pxIn = QvTest::BufferFromBytes(QvTest::FrameBytes(8, 3));
   GST_BUFFER_PTS(pxIn) = 40 * GST_MSECOND;
   GST_BUFFER_DTS(pxIn) = 39 * GST_MSECOND;
@@ -79,7 +81,8 @@ TEST_F(UploadTest, CarriesTimestampsAndCameraMeta) {
   EXPECT_EQ(39 * GST_MSECOND, GST_BUFFER_DTS(pxOut));
   EXPECT_EQ(33 * GST_MSECOND, GST_BUFFER_DURATION(pxOut));
   EXPECT_EQ(12u, GST_BUFFER_OFFSET(pxOut));
-  auto* pxOutMeta = reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut, MY_META_INFO_API_TYPE));
+  auto* pxOutMeta =
+      reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut, MY_META_INFO_API_TYPE));
   ASSERT_NE(nullptr, pxOutMeta);
   EXPECT_EQ(0.0125f, pxOutMeta->exposure);
   EXPECT_EQ(3.0f, pxOutMeta->gain);
@@ -92,15 +95,18 @@ TEST_F(UploadTest, CarriesTimestampsAndCameraMeta) {
 }
 
 TEST_F(UploadTest, BufferWithoutMetaPassesWithoutOne) {
-  gst_harness_set_src_caps_str(m_pxHarness, "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
-  GstBuffer* pxOut = gst_harness_push_and_pull(m_pxHarness, QvTest::BufferFromBytes(QvTest::FrameBytes(8, 4)));
+  gst_harness_set_src_caps_str(m_pxHarness,
+                               "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
+  GstBuffer* pxOut =
+      gst_harness_push_and_pull(m_pxHarness, QvTest::BufferFromBytes(QvTest::FrameBytes(8, 4)));
   ASSERT_NE(nullptr, pxOut);
   EXPECT_EQ(nullptr, gst_buffer_get_meta(pxOut, MY_META_INFO_API_TYPE));
   gst_buffer_unref(pxOut);
 }
 
 TEST_F(UploadTest, ShortBufferFailsTheFrameAndTheNextFramePasses) {
-  gst_harness_set_src_caps_str(m_pxHarness, "video/x-raw,format=GRAY8,width=16,height=8,framerate=30/1");
+  gst_harness_set_src_caps_str(m_pxHarness,
+                               "video/x-raw,format=GRAY8,width=16,height=8,framerate=30/1");
   testing::internal::CaptureStdout();
   EXPECT_EQ(GST_FLOW_ERROR,
             gst_harness_push(m_pxHarness, QvTest::BufferFromBytes(QvTest::FrameBytes(100, 5))));
@@ -116,7 +122,8 @@ TEST_F(UploadTest, ShortBufferFailsTheFrameAndTheNextFramePasses) {
 }
 
 TEST_F(UploadTest, CapsOutsideTheTemplateAreNotNegotiated) {
-  gst_harness_set_src_caps_str(m_pxHarness, "video/x-raw,format=RGB,width=4,height=2,framerate=30/1");
+  gst_harness_set_src_caps_str(m_pxHarness,
+                               "video/x-raw,format=RGB,width=4,height=2,framerate=30/1");
   EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED,
             gst_harness_push(m_pxHarness, QvTest::BufferFromBytes(QvTest::FrameBytes(24, 1))));
 }
@@ -142,8 +149,9 @@ class UploadCapsTest : public ::testing::Test {
   GstCaps* Transform(GstPadDirection eDirection, const char* szCaps, const char* szFilter) {
     GstCaps* pxCaps = gst_caps_from_string(szCaps);
     GstCaps* pxFilter = szFilter ? gst_caps_from_string(szFilter) : NULL;
-    GstCaps* pxResult = GST_BASE_TRANSFORM_GET_CLASS(m_pxElement)->transform_caps(
-        GST_BASE_TRANSFORM(m_pxElement), eDirection, pxCaps, pxFilter);
+    GstCaps* pxResult =
+        GST_BASE_TRANSFORM_GET_CLASS(m_pxElement)
+            ->transform_caps(GST_BASE_TRANSFORM(m_pxElement), eDirection, pxCaps, pxFilter);
     gst_caps_unref(pxCaps);
     if (pxFilter) gst_caps_unref(pxFilter);
     return pxResult;
@@ -152,29 +160,36 @@ class UploadCapsTest : public ::testing::Test {
 };
 
 TEST_F(UploadCapsTest, FromTheSinkSideGivesGray8OfTheSameSizeAndRate) {
-  GstCaps* x = Transform(GST_PAD_SINK, "video/x-bayer,format=rggb,width=640,height=480,framerate=30/1", NULL);
-  EXPECT_TRUE(QvTest::CapsEqualString(x, "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1"));
+  GstCaps* x = Transform(GST_PAD_SINK,
+                         "video/x-bayer,format=rggb,width=640,height=480,framerate=30/1", NULL);
+  EXPECT_TRUE(
+      QvTest::CapsEqualString(x, "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1"));
   gst_caps_unref(x);
   // A range goes across as the same range.
-  x = Transform(GST_PAD_SINK, "video/x-raw,format=GRAY8,width=[16,320],height=480,framerate=30/1", NULL);
-  EXPECT_TRUE(QvTest::CapsEqualString(x, "video/x-raw,format=GRAY8,width=[16,320],height=480,framerate=30/1"));
+  x = Transform(GST_PAD_SINK, "video/x-raw,format=GRAY8,width=[16,320],height=480,framerate=30/1",
+                NULL);
+  EXPECT_TRUE(QvTest::CapsEqualString(
+      x, "video/x-raw,format=GRAY8,width=[16,320],height=480,framerate=30/1"));
   gst_caps_unref(x);
 }
 
 TEST_F(UploadCapsTest, FromTheSourceSideGivesGray8WithSizeAndBayerWithRanges) {
-  GstCaps* x = Transform(GST_PAD_SRC, "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1", NULL);
-  EXPECT_TRUE(QvTest::CapsEqualString(
-      x, "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1;"
-         "video/x-bayer,format={BA81,bggr,grbg,gbrg,rggb},width=(int)[1,MAX],"
-         "height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]"));
+  GstCaps* x =
+      Transform(GST_PAD_SRC, "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1", NULL);
+  EXPECT_TRUE(
+      QvTest::CapsEqualString(x,
+                              "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1;"
+                              "video/x-bayer,format={BA81,bggr,grbg,gbrg,rggb},width=(int)[1,MAX],"
+                              "height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]"));
   ASSERT_EQ(2u, gst_caps_get_size(x));
   EXPECT_STREQ("video/x-raw", gst_structure_get_name(gst_caps_get_structure(x, 0)));
   gst_caps_unref(x);
 }
 
 TEST_F(UploadCapsTest, FilterIsIntersectedFirst) {
-  GstCaps* x = Transform(GST_PAD_SRC, "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1",
-                         "video/x-bayer,format=grbg;video/x-raw");
+  GstCaps* x =
+      Transform(GST_PAD_SRC, "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1",
+                "video/x-bayer,format=grbg;video/x-raw");
   ASSERT_EQ(2u, gst_caps_get_size(x));
   EXPECT_STREQ("video/x-bayer", gst_structure_get_name(gst_caps_get_structure(x, 0)));
   EXPECT_STREQ("grbg", gst_structure_get_string(gst_caps_get_structure(x, 0), "format"));

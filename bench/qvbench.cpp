@@ -1,0 +1,149 @@
+// Benchmarks of the plugin on the default backend. Figures are wall time per frame; on a GPU
+// host they compare the element with the bare pinned host-to-device copy of the same bytes.
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "QvDevice.h"
+#include "QvDeviceImage2D.h"
+#include "QvDeviceMMU.h"
+#include "QvException.h"
+#include "QvSynthetic.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double Median(std::vector<double> x) {
+  std::sort(x.begin(), x.end());
+  return x.empty() ? 0.0 : x[x.size() / 2];
+}
+
+// The bare copy: the same bytes from pinned host memory into a device image, waited for.
+double BareUploadMs(int iWidth, int iHeight, int iRuns) {
+  const size_t uBytes = static_cast<size_t>(iWidth) * iHeight;
+  void* pHost = Qv::Device::AllocPinnedHost(uBytes);
+  std::memset(pHost, 1, uBytes);
+  Qv::CQvDeviceImage2D xImage(
+      Qv::CQvImageFormat(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte));
+  cudaStream_t hStream = Qv::Device::CreateStream();
+  std::vector<double> xTimes;
+  for (int i = 0; i < iRuns + 3; ++i) {
+    const auto t0 = Clock::now();
+    xImage.Upload(pHost, static_cast<size_t>(iWidth), hStream, true);
+    Qv::Device::SynchronizeStream(hStream);
+    if (i >= 3)
+      xTimes.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+  }
+  Qv::Device::DestroyStream(hStream);
+  Qv::Device::FreePinnedHost(pHost);
+  return Median(xTimes);
+}
+
+struct SPipelineResult {
+  double dMsPerFrame = 0;
+  double dAllocationsPerFrame = 0;
+  bool bPinned = false;
+};
+
+// appsrc ! qvcudaupload ! fakesink with one pinned frame pushed again and again, so that the
+// source costs nothing and the figure is the element's own.
+SPipelineResult UploadPipeline(int iWidth, int iHeight, int iFrames) {
+  SPipelineResult xResult;
+  char szCaps[160];
+  std::snprintf(szCaps, sizeof(szCaps),
+                "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1", iWidth, iHeight);
+  const std::string sPipeline =
+      std::string("appsrc name=src format=time block=true max-buffers=4 caps=\"") + szCaps +
+      "\" ! qvcudaupload name=upload ! fakesink sync=false";
+  GError* pxError = NULL;
+  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
+  if (!pxPipeline || pxError) {
+    std::fprintf(stderr, "qvbench: %s\n", pxError ? pxError->message : "no pipeline");
+    return xResult;
+  }
+  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
+  GstElement* pxUpload = gst_bin_get_by_name(GST_BIN(pxPipeline), "upload");
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+
+  const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, 0);
+  GstBuffer* pxFirst = gst_buffer_new_allocate(NULL, xScene.size(), NULL);
+  gst_buffer_fill(pxFirst, 0, xScene.data(), xScene.size());
+  gst_app_src_push_buffer(GST_APP_SRC(pxSrc), pxFirst);
+
+  GstCaps* pxCaps = gst_caps_from_string(szCaps);
+  GstBuffer* pxFrame = NULL;
+  for (int iTry = 0; iTry < 100 && !pxFrame; ++iTry) {
+    GstBufferPool* pxPool = QvTools::ProposedPool(pxUpload, pxCaps);
+    if (pxPool) {
+      if (gst_buffer_pool_acquire_buffer(pxPool, &pxFrame, NULL) != GST_FLOW_OK) pxFrame = NULL;
+      gst_buffer_pool_set_active(pxPool, FALSE);
+      gst_object_unref(pxPool);
+    } else {
+      g_usleep(10000);  // not negotiated yet
+    }
+  }
+  xResult.bPinned = pxFrame != NULL;
+  if (!pxFrame) pxFrame = gst_buffer_new_allocate(NULL, xScene.size(), NULL);
+  gst_buffer_fill(pxFrame, 0, xScene.data(), xScene.size());
+
+  // Warm-up, then the timed run up to end of stream.
+  for (int i = 0; i < 5; ++i) gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
+  g_usleep(200000);
+  const uint64_t uAllocs = Qv::CQvDeviceMMU::GetAllocationCount();
+  const auto t0 = Clock::now();
+  for (int i = 0; i < iFrames; ++i)
+    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
+  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  const double dMs = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+  if (pxMsg) gst_message_unref(pxMsg);
+  xResult.dMsPerFrame = dMs / (iFrames + 0.0);
+  xResult.dAllocationsPerFrame =
+      static_cast<double>(Qv::CQvDeviceMMU::GetAllocationCount() - uAllocs) / iFrames;
+
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  gst_buffer_unref(pxFrame);
+  gst_caps_unref(pxCaps);
+  gst_object_unref(pxBus);
+  gst_object_unref(pxSrc);
+  gst_object_unref(pxUpload);
+  gst_object_unref(pxPipeline);
+  return xResult;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  gst_init(&argc, &argv);
+  gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
+  const int iWidth = 3840, iHeight = 2160;
+  try {
+    const bool bCuda = Qv::Device::IsCuda();
+    const int iFrames = bCuda ? 500 : 40;
+    std::printf("qvbench: backend %s, frames of %dx%d 8-bit\n", Qv::Device::GetBackendName(),
+                iWidth, iHeight);
+    const double dBare = BareUploadMs(iWidth, iHeight, bCuda ? 200 : 20);
+    const SPipelineResult x = UploadPipeline(iWidth, iHeight, iFrames);
+    std::printf("upload: bare pinned host-to-device copy      %8.3f ms\n", dBare);
+    std::printf(
+        "upload: appsrc ! qvcudaupload ! fakesink     %8.3f ms/frame (%.0f fps, %s source)\n",
+        x.dMsPerFrame, x.dMsPerFrame > 0 ? 1000.0 / x.dMsPerFrame : 0.0,
+        x.bPinned ? "pinned" : "unpinned");
+    std::printf("upload: ratio to the bare copy               %8.2f\n",
+                dBare > 0 ? x.dMsPerFrame / dBare : 0.0);
+    std::printf("upload: device allocations per frame         %8.3f\n", x.dAllocationsPerFrame);
+  } catch (const Qv::IException& e) {
+    std::fprintf(stderr, "qvbench: %s\n", e.GetMessageText());
+    return 1;
+  }
+  return 0;
+}
