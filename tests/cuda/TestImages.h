@@ -5,11 +5,9 @@
 
 #include "QvDeviceImage2D.h"
 #include "QvImage.h"
+#include "QvTestRandom.h"
 
 namespace QvTest {
-
-// Deterministic bytes (a small LCG), so that failures reproduce.
-std::vector<uint8_t> RandomBytes(size_t uCount, uint32_t uSeed);
 
 // A host image of the format filled with seeded random bytes.
 Qv::CQvImage RandomImage(const Qv::CQvImageFormat& xFormat, uint32_t uSeed);

@@ -2,6 +2,7 @@
 // forced on a machine without a GPU.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <regex>
 
@@ -58,37 +59,30 @@ TEST(CudaException, CaughtAsTheBaseException) {
   }
 }
 
+// Runs in a fresh child process, where the backend has not been chosen yet: chooses it with
+// QV_DEVICE set to the value, prints the failure text and exits with 3 if it fails.
+[[noreturn]] void ChooseBackendWith(const char* szChoice) {
+  setenv("QV_DEVICE", szChoice, 1);
+  try {
+    Device::GetBackend();
+  } catch (const CQvException& e) {
+    std::fprintf(stderr, "%s\n", e.GetMessageText());
+    std::exit(3);
+  }
+  std::exit(0);
+}
+
 TEST(DeviceBackend, ForcingCudaWithoutGpuGivesOneClearError) {
   if (MachineHasGpu()) GTEST_SKIP() << "this machine has a GPU";
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        setenv("QV_DEVICE", "cuda", 1);
-        try {
-          Device::GetBackend();
-        } catch (const CQvException& e) {
-          std::fprintf(stderr, "%s\n", e.GetMessageText());
-          std::exit(3);
-        }
-        std::exit(0);
-      },
-      ::testing::ExitedWithCode(3), "QV_DEVICE=cuda was requested but no usable CUDA device");
+  EXPECT_EXIT(ChooseBackendWith("cuda"), ::testing::ExitedWithCode(3),
+              "QV_DEVICE=cuda was requested but no usable CUDA device");
 }
 
 TEST(DeviceBackend, UnknownChoiceIsRefused) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        setenv("QV_DEVICE", "fpga", 1);
-        try {
-          Device::GetBackend();
-        } catch (const CQvException& e) {
-          std::fprintf(stderr, "%s\n", e.GetMessageText());
-          std::exit(3);
-        }
-        std::exit(0);
-      },
-      ::testing::ExitedWithCode(3), "QV_DEVICE must be 'cuda' or 'host', not 'fpga'");
+  EXPECT_EXIT(ChooseBackendWith("fpga"), ::testing::ExitedWithCode(3),
+              "QV_DEVICE must be 'cuda' or 'host', not 'fpga'");
 }
 
 }  // namespace

@@ -30,16 +30,6 @@ Qv::CQvImage DownloadBufferImage(GstBuffer* pxBuffer) {
   return xHost;
 }
 
-std::vector<uint8_t> FrameBytes(size_t uCount, uint32_t uSeed) {
-  std::vector<uint8_t> xBytes(uCount);
-  uint32_t u = uSeed * 747796405u + 2891336453u;
-  for (auto& b : xBytes) {
-    u = u * 1664525u + 1013904223u;
-    b = static_cast<uint8_t>(u >> 24);
-  }
-  return xBytes;
-}
-
 bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected) {
   GstCaps* pxExpected = gst_caps_from_string(szExpected);
   const bool bEqual = gst_caps_is_equal(pxCaps, pxExpected);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "QvImage.h"
+#include "QvTestRandom.h"
 
 namespace QvTest {
 
@@ -16,7 +17,9 @@ GstBuffer* BufferFromBytes(const std::vector<uint8_t>& xBytes);
 Qv::CQvImage DownloadBufferImage(GstBuffer* pxBuffer);
 
 // Seeded bytes for frames.
-std::vector<uint8_t> FrameBytes(size_t uCount, uint32_t uSeed);
+inline std::vector<uint8_t> FrameBytes(size_t uCount, uint32_t uSeed) {
+  return RandomBytes(uCount, uSeed);
+}
 
 bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected);
 
