@@ -61,6 +61,21 @@ CQvDeviceImage2D::CQvDeviceImage2D(const CQvImage& xImage) {
 
 CQvDeviceImage2D::~CQvDeviceImage2D() = default;
 
+CQvDeviceImage2D::CQvDeviceImage2D(CQvDeviceImage2D&& xOther) noexcept
+    : m_xFormat(xOther.m_xFormat), m_xMemory(std::move(xOther.m_xMemory)) {
+  xOther.m_xFormat = CQvImageFormat();
+}
+
+CQvDeviceImage2D& CQvDeviceImage2D::operator=(CQvDeviceImage2D&& xOther) noexcept {
+  if (this != &xOther) {
+    m_xMemory.Release();
+    m_xMemory.Swap(xOther.m_xMemory);
+    m_xFormat = xOther.m_xFormat;
+    xOther.m_xFormat = CQvImageFormat();
+  }
+  return *this;
+}
+
 void CQvDeviceImage2D::Release() {
   m_xMemory.Release();
   m_xFormat = CQvImageFormat();

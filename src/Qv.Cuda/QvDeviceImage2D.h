@@ -1,6 +1,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 #include "QvCudaDefs.h"
 #include "QvImage.h"
@@ -25,6 +26,15 @@ class CCudaMemoryPitchResource {
   ~CCudaMemoryPitchResource() { Release(); }
   CCudaMemoryPitchResource(const CCudaMemoryPitchResource&) = delete;
   CCudaMemoryPitchResource& operator=(const CCudaMemoryPitchResource&) = delete;
+  CCudaMemoryPitchResource(CCudaMemoryPitchResource&& xOther) noexcept { Swap(xOther); }
+  CCudaMemoryPitchResource& operator=(CCudaMemoryPitchResource&& xOther) noexcept {
+    Swap(xOther);
+    return *this;
+  }
+  void Swap(CCudaMemoryPitchResource& xOther) noexcept {
+    std::swap(m_pData, xOther.m_pData);
+    std::swap(m_uPitch, xOther.m_uPitch);
+  }
 
   void Allocate(size_t uWidthBytes, size_t uHeight);
   void Release();
@@ -48,6 +58,9 @@ class CQvDeviceImage2D {
   ~CQvDeviceImage2D();
   CQvDeviceImage2D(const CQvDeviceImage2D&) = delete;
   CQvDeviceImage2D& operator=(const CQvDeviceImage2D&) = delete;
+  // Moving hands the memory over; the source is left empty.
+  CQvDeviceImage2D(CQvDeviceImage2D&& xOther) noexcept;
+  CQvDeviceImage2D& operator=(CQvDeviceImage2D&& xOther) noexcept;
 
   // Makes the image fit the format, contents undefined. An image that has this format
   // already keeps its memory and contents.

@@ -24,6 +24,7 @@ static void gst_qv_cuda_base_transform_class_init(GstQvCudaBaseTransformClass* k
 
 static void gst_qv_cuda_base_transform_init(GstQvCudaBaseTransform* self) {
   self->stream = nullptr;
+  self->comp = nullptr;
   try {
     self->stream = Qv::Device::CreateStream();
   } catch (const Qv::IException& e) {
@@ -54,5 +55,7 @@ static void gst_qv_cuda_base_transform_finalize(GObject* object) {
     }
     self->stream = nullptr;
   }
+  delete self->comp;
+  self->comp = nullptr;
   G_OBJECT_CLASS(gst_qv_cuda_base_transform_parent_class)->finalize(object);
 }

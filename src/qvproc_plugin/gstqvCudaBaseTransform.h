@@ -4,7 +4,12 @@
 #include <gst/base/gstbasetransform.h>
 #include <gst/gst.h>
 
+#include "QvCudaComp.h"
 #include "QvCudaDefs.h"
+#include "QvDeviceImage2D.h"
+#include "QvException.h"
+#include "gstBufferMap.h"
+#include "gstUtil.h"
 
 G_BEGIN_DECLS
 
@@ -15,6 +20,8 @@ G_BEGIN_DECLS
 typedef struct _GstQvCudaBaseTransform {
   GstBaseTransform parent;
   cudaStream_t stream;
+  // The element's computation object, if it has one; deleted at finalize.
+  Qv::CQvCudaComp* comp;
 } GstQvCudaBaseTransform;
 
 typedef struct _GstQvCudaBaseTransformClass {
@@ -24,3 +31,37 @@ typedef struct _GstQvCudaBaseTransformClass {
 GType gst_qv_cuda_base_transform_get_type(void);
 
 G_END_DECLS
+
+// The words of one element's frame step.
+struct SQvFrameTexts {
+  const char* szStart;
+  const char* szCannotMapIn;
+  const char* szCannotMapOut;
+  const char* szNoImage;
+  const char* szFoundImage;
+};
+
+// The frame step of the device transforms: map both buffers, find the input image, run the
+// computation on the element's stream, hand camera settings on. Every failure of the image
+// code ends the frame with HandleException and GST_FLOW_ERROR; the maps are released on all
+// paths.
+template <class F>
+GstFlowReturn QvRunDeviceFrame(GstQvCudaBaseTransform* self, GstBuffer* inbuf, GstBuffer* outbuf,
+                               const SQvFrameTexts& xTexts, F&& fnCompute) {
+  try {
+    LogMessage(xTexts.szStart);
+    CGstBufferMap xIn(inbuf, GST_MAP_READ, xTexts.szCannotMapIn);
+    CGstBufferMap xOut(outbuf, GST_MAP_WRITE, xTexts.szCannotMapOut);
+    auto* pxInImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xIn.Data());
+    if (!pxInImage) QV_THROW(xTexts.szNoImage);
+    LogMessage(xTexts.szFoundImage);
+    LogMessage(pxInImage->GetFormat().ToString());
+    if (self->comp) self->comp->SetStream(self->stream);
+    fnCompute(*pxInImage, *reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data()));
+    CopyMetData(outbuf, inbuf);
+    return GST_FLOW_OK;
+  } catch (const Qv::IException& e) {
+    HandleException(e);
+  }
+  return GST_FLOW_ERROR;
+}

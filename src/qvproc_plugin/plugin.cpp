@@ -2,6 +2,8 @@
 // buffer meta that carries camera settings along with a frame.
 #include "plugin.h"
 
+#include "gstqvCudaDebayer.h"
+#include "gstqvCudaScale.h"
 #include "gstqvCudaUpload.h"
 
 #ifndef PACKAGE
@@ -36,7 +38,9 @@ const GstMetaInfo* my_meta_get_info(void) {
 static gboolean plugin_init(GstPlugin* plugin) {
   // Every registration is tried, whatever an earlier one gave.
   gboolean bOk = TRUE;
+  bOk &= gst_element_register(plugin, "qvcudadebayer", GST_RANK_NONE, gst_cuda_debayer_get_type());
   bOk &= gst_element_register(plugin, "qvcudaupload", GST_RANK_NONE, gst_cuda_upload_get_type());
+  bOk &= gst_element_register(plugin, "qvcudascale", GST_RANK_NONE, gst_cuda_scale_get_type());
   return bOk;
 }
 

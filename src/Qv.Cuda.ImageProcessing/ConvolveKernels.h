@@ -1,0 +1,105 @@
+#pragma once
+// Per-pixel resampling and separable convolution, shared by the CUDA kernels and the host
+// runner. Source and target are of the same class T.
+#include "QvPixel.h"
+#include "QvSampling.h"
+
+namespace Qv {
+namespace Kernel {
+
+constexpr int kMaxFilterRadius = 11;
+
+// The taps of one separable filter, 2 x 11 + 1 at most, travel by value.
+struct SFilterTaps {
+  float afTap[2 * kMaxFilterRadius + 1];
+};
+
+// RGBA targets are stored with full-scale alpha; L targets use the first component only.
+template <class T>
+QV_HD QV_FORCEINLINE void StoreColour(const SDeviceImageDesc2D& xTarget, int x, int y, float4 v) {
+  v.w = 1.0f;
+  StorePixel<T>(xTarget, x, y, v);
+}
+
+template <class T>
+struct FShrink {
+  SDeviceImageDesc2D xTarget;
+  CQvImageFormat xSrcFormat;
+  STexture2D xSource;
+  bool bSingleSample;
+
+  QV_HD void operator()(int x, int y) const {
+    const float fx =
+        static_cast<float>(xSrcFormat.iWidth) / static_cast<float>(xTarget.xFormat.iWidth);
+    const float fy =
+        static_cast<float>(xSrcFormat.iHeight) / static_cast<float>(xTarget.xFormat.iHeight);
+    const float sx = static_cast<float>(x) * fx;
+    const float sy = static_cast<float>(y) * fy;
+    float4 v;
+    if (bSingleSample) {
+      v = Fetch<T>(xSource, sx + 0.5f, sy + 0.5f);
+    } else {
+      // (nx + 1) x (ny + 1) samples: a reduction by exactly two averages 3 x 3.
+      const int nx = static_cast<int>(fx), ny = static_cast<int>(fy);
+      float4 s = make_float4(0.0f, 0.0f, 0.0f, 0.0f);
+      float fCount = 0.0f;
+      for (int i = 0; i <= nx; ++i) {
+        for (int j = 0; j <= ny; ++j) {
+          const float4 t = Fetch<T>(xSource, sx + static_cast<float>(i) + 0.5f,
+                                    sy + static_cast<float>(j) + 0.5f);
+          s.x += t.x, s.y += t.y, s.z += t.z, s.w += t.w;
+          fCount += 1.0f;
+        }
+      }
+      v = make_float4(s.x / fCount, s.y / fCount, s.z / fCount, s.w / fCount);
+    }
+    StoreColour<T>(xTarget, x, y, v);
+  }
+};
+
+template <class T>
+struct FResize {
+  SDeviceImageDesc2D xTarget;
+  CQvImageFormat xSrcFormat;
+  STexture2D xSource;
+  int iBorder;
+
+  QV_HD void operator()(int x, int y) const {
+    const float fRangeW = static_cast<float>(xSrcFormat.iWidth - 2 * iBorder);
+    const float fRangeH = static_cast<float>(xSrcFormat.iHeight - 2 * iBorder);
+    const float u = (static_cast<float>(x) + 0.5f) / static_cast<float>(xTarget.xFormat.iWidth);
+    const float v = (static_cast<float>(y) + 0.5f) / static_cast<float>(xTarget.xFormat.iHeight);
+    const float fBorder = static_cast<float>(iBorder);
+    const float4 s = Fetch<T>(xSource, (fBorder + fmaf(u, fRangeW, -0.5f)) + 0.5f,
+                              (fBorder + fmaf(v, fRangeH, -0.5f)) + 0.5f);
+    StoreColour<T>(xTarget, x, y, s);
+  }
+};
+
+// One pass of a separable filter of radius R: along x when bAlongX, else along y.
+template <class T, int R, bool bAlongX>
+struct FConvSep {
+  SDeviceImageDesc2D xTarget;
+  STexture2D xSource;
+  SFilterTaps xTaps;
+  float fNorm;
+
+  QV_HD void operator()(int x, int y) const {
+    float4 s = make_float4(0.0f, 0.0f, 0.0f, 0.0f);
+#if defined(__CUDA_ARCH__)
+#pragma unroll
+#endif
+    for (int k = 0; k <= 2 * R; ++k) {
+      const float4 t =
+          bAlongX ? FetchPixel<T>(xSource, x + k - R, y) : FetchPixel<T>(xSource, x, y + k - R);
+      const float w = xTaps.afTap[k];
+      s.x = fmaf(w, t.x, s.x);
+      s.y = fmaf(w, t.y, s.y);
+      s.z = fmaf(w, t.z, s.z);
+    }
+    StoreColour<T>(xTarget, x, y, make_float4(s.x * fNorm, s.y * fNorm, s.z * fNorm, 1.0f));
+  }
+};
+
+}  // namespace Kernel
+}  // namespace Qv

@@ -1,0 +1,204 @@
+#include <cmath>
+#include <cstring>
+
+#include "ConvolveKernels.h"
+#include "QvCudaCompConvolve.h"
+#include "QvException.h"
+#include "QvLaunch.cuh"
+#include "TextureBinding.h"
+
+namespace Qv {
+namespace {
+
+// Resampling classes, tested in this order; bayer UByte runs as L_uc and keeps its format.
+enum class EResampleClass { RGBA_uc, L_uc, L_us, L_f, None };
+
+EResampleClass ResampleClassOf(const CQvDeviceImage2D& xImage) {
+  if (xImage.IsOfType<RGBA_uc>()) return EResampleClass::RGBA_uc;
+  if (xImage.IsOfType<L_uc>(true)) return EResampleClass::L_uc;
+  if (xImage.IsOfType<L_us>()) return EResampleClass::L_us;
+  if (xImage.IsOfType<L_f>()) return EResampleClass::L_f;
+  return EResampleClass::None;
+}
+
+// Runs fnLaunch with the pixel class of the source as a template tag.
+template <template <class> class F, class... TArgs>
+void LaunchResample(CQvCudaComp& xComp, const char* szName, EResampleClass eClass,
+                    const CQvImageFormat& xTrgFormat, TArgs... xArgs) {
+  const int w = xTrgFormat.iWidth, h = xTrgFormat.iHeight;
+  switch (eClass) {
+    case EResampleClass::RGBA_uc:
+      LaunchPerPixel(xComp, szName, w, h, F<RGBA_uc>{xArgs...});
+      break;
+    case EResampleClass::L_uc:
+      LaunchPerPixel(xComp, szName, w, h, F<L_uc>{xArgs...});
+      break;
+    case EResampleClass::L_us:
+      LaunchPerPixel(xComp, szName, w, h, F<L_us>{xArgs...});
+      break;
+    case EResampleClass::L_f:
+      LaunchPerPixel(xComp, szName, w, h, F<L_f>{xArgs...});
+      break;
+    case EResampleClass::None:
+      QV_THROW("Source image is of invalid type");
+  }
+}
+
+void CheckTargetSize(int iWidth, int iHeight, const char* szWhat) {
+  if (iWidth > 0 && iHeight > 0) return;
+  CQvString sText(szWhat);
+  sText << ": " << iWidth << "x" << iHeight;
+  QV_THROW(sText.ToCString());
+}
+
+template <class T, bool bAlongX, int R>
+void LaunchRadius(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xTarget,
+                  const STexture2D& xSource, int iRadius, const Kernel::SFilterTaps& xTaps,
+                  float fNorm) {
+  if constexpr (R <= Kernel::kMaxFilterRadius) {
+    if (iRadius != R) {
+      LaunchRadius<T, bAlongX, R + 1>(xComp, szName, xTarget, xSource, iRadius, xTaps, fNorm);
+      return;
+    }
+    const CQvImageFormat& xFormat = xTarget.GetFormat();
+    LaunchPerPixel(xComp, szName, xFormat.iWidth, xFormat.iHeight,
+                   Kernel::FConvSep<T, R, bAlongX>{xTarget.GetDesc(), xSource, xTaps, fNorm});
+  }
+}
+
+template <class T, bool bAlongX>
+void LaunchSeparablePass(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xTarget,
+                         const STexture2D& xSource, int iRadius, const float* pfTaps, float fNorm) {
+  // A radius outside the compiled ones launches nothing.
+  if (iRadius < 1 || iRadius > Kernel::kMaxFilterRadius) return;
+  Kernel::SFilterTaps xTaps;
+  std::memcpy(xTaps.afTap, pfTaps, sizeof(xTaps.afTap));
+  xComp.SetKernelDim_Direct(xTarget.GetFormat(), 32, 16);
+  LaunchRadius<T, bAlongX, 1>(xComp, szName, xTarget, xSource, iRadius, xTaps, fNorm);
+}
+
+}  // namespace
+
+CQvCudaCompConvolve::CQvCudaCompConvolve() = default;
+
+CQvCudaCompConvolve::~CQvCudaCompConvolve() = default;
+
+void CQvCudaCompConvolve::Shrink(CQvDeviceImage2D& xTarget, const CQvDeviceImage2D& xSource,
+                                 int iWidth, int iHeight, bool bSingleSample) {
+  try {
+    CheckTargetSize(iWidth, iHeight, "Target size of shrink must be positive");
+    if (&xTarget == &xSource) QV_THROW("Target and source must be different images");
+    const CQvImageFormat xSrcFormat = xSource.GetFormat();
+    const CQvImageFormat xTrgFormat(iWidth, iHeight, xSrcFormat.ePixelType, xSrcFormat.eDataType);
+    xTarget.Create(xTrgFormat);
+    EvalKernelDim_2D_1D(xTrgFormat, 32, 8);
+    const EResampleClass eClass = ResampleClassOf(xSource);
+    if (eClass == EResampleClass::None) QV_THROW("Source image is of invalid type");
+    CTextureBinding xBinding(xSource, true, false, cudaAddressModeClamp);
+    LaunchResample<Kernel::FShrink>(*this, "Shrink --> Kernel::Shrink", eClass, xTrgFormat,
+                                    xTarget.GetDesc(), xSrcFormat, xBinding.Get(), bSingleSample);
+  } catch (const CQvException& e) {
+    QV_RETHROW("Error resizing image", e);
+  }
+}
+
+void CQvCudaCompConvolve::Resize(CQvDeviceImage2D& xTarget, const CQvDeviceImage2D& xSource,
+                                 int iBorder, int iDivisor) {
+  try {
+    if (iDivisor == 0) QV_THROW("Divisor of resize must not be 0");
+    if (&xTarget == &xSource) QV_THROW("Target and source must be different images");
+    const CQvImageFormat xSrcFormat = xSource.GetFormat();
+    const int iWidth = (xSrcFormat.iWidth - 2 * iBorder) / iDivisor;
+    const int iHeight = (xSrcFormat.iHeight - 2 * iBorder) / iDivisor;
+    CheckTargetSize(iWidth, iHeight, "Border and divisor of resize leave no positive size");
+    const CQvImageFormat xTrgFormat(iWidth, iHeight, xSrcFormat.ePixelType, xSrcFormat.eDataType);
+    xTarget.Create(xTrgFormat);
+    EvalKernelDim_2D_1D(xTrgFormat, 32, 8);
+    const EResampleClass eClass = ResampleClassOf(xSource);
+    if (eClass == EResampleClass::None) QV_THROW("Source image is of invalid type");
+    CTextureBinding xBinding(xSource, true, false, cudaAddressModeClamp);
+    LaunchResample<Kernel::FResize>(*this, "Resize --> Kernel::Resize", eClass, xTrgFormat,
+                                    xTarget.GetDesc(), xSrcFormat, xBinding.Get(), iBorder);
+  } catch (const CQvException& e) {
+    QV_RETHROW("Error resizing image", e);
+  }
+}
+
+void CQvCudaCompConvolve::Apply_Gauss(CQvDeviceImage2D& xTarget, const CQvDeviceImage2D& xSource,
+                                      double dSigma, int iRadius, int iDivisor) {
+  try {
+    if (iRadius > Kernel::kMaxFilterRadius) QV_THROW("Filtersize too large");
+    if (!(dSigma > 0.0)) QV_THROW("Sigma of the gauss filter must be positive");
+    if (iDivisor < 1) QV_THROW("Divisor of the gauss filter must be at least 1");
+    float afTaps[2 * Kernel::kMaxFilterRadius + 1] = {};
+    float fSum = 0.0f;
+    for (int i = -iRadius; i <= iRadius; ++i) {
+      const float w = static_cast<float>(std::exp(std::pow(i / dSigma, 2.0) * -0.5));
+      afTaps[i + iRadius] = w;
+      fSum += w;
+    }
+    const float fNorm = 1.0f / fSum;
+    _SeparableConvolution(xTarget, xSource, iRadius, afTaps, fNorm);
+    if (iDivisor != 1) {
+      CQvDeviceImage2D xTemp(xTarget.GetFormat());
+      xTarget.CopyTo(xTemp);
+      Resize(xTarget, xTemp, 0, iDivisor);
+    }
+  } catch (const CQvException& e) {
+    QV_RETHROW("Error applying gauss filter", e);
+  }
+}
+
+void CQvCudaCompConvolve::_SeparableConvolution(CQvDeviceImage2D& xTarget,
+                                                const CQvDeviceImage2D& xSource, int iRadius,
+                                                const float* pfTaps, float fNorm) {
+  try {
+    if (&xTarget == &xSource) QV_THROW("Target and source must be different images");
+    xTarget.Create(xSource.GetFormat());
+    CQvDeviceImage2D xTemp(xSource.GetFormat());
+    CTextureBinding xBinding(xSource, false, false, cudaAddressModeClamp);
+    // The horizontal pass is stored at the source's precision, then read by the vertical one.
+    auto fnPasses = [&](auto xTag) {
+      using T = decltype(xTag);
+      _LaunchKernelX<T>(xTemp, xBinding.Get(), iRadius, pfTaps, fNorm);
+      xBinding.Bind(xTemp, false, false, cudaAddressModeClamp);
+      _LaunchKernelY<T>(xTarget, xBinding.Get(), iRadius, pfTaps, fNorm);
+    };
+    if (xSource.IsOfType<RGBA_uc>())
+      fnPasses(RGBA_uc());
+    else if (xSource.IsOfType<RGBA_us>())
+      fnPasses(RGBA_us());
+    else if (xSource.IsOfType<L_uc>(true))
+      fnPasses(L_uc());
+    else if (xSource.IsOfType<L_us>())
+      fnPasses(L_us());
+    else
+      QV_THROW("Image is of invalid type");
+  } catch (const CQvException& e) {
+    QV_RETHROW("Error performing convolution", e);
+  }
+}
+
+template <class T>
+void CQvCudaCompConvolve::_LaunchKernelX(CQvDeviceImage2D& xTarget, const STexture2D& xSource,
+                                         int iRadius, const float* pfTaps, float fNorm) {
+  try {
+    LaunchSeparablePass<T, true>(*this, "_LaunchKernelX --> Kernel::ConvNormSepX", xTarget, xSource,
+                                 iRadius, pfTaps, fNorm);
+  } catch (const CQvException& e) {
+    QV_RETHROW("Error launching kernel", e);
+  }
+}
+
+template <class T>
+void CQvCudaCompConvolve::_LaunchKernelY(CQvDeviceImage2D& xTarget, const STexture2D& xSource,
+                                         int iRadius, const float* pfTaps, float fNorm) {
+  try {
+    LaunchSeparablePass<T, false>(*this, "_LaunchKernelY --> Kernel::ConvNormSepY", xTarget,
+                                  xSource, iRadius, pfTaps, fNorm);
+  } catch (const CQvException& e) {
+    QV_RETHROW("Error launching kernel", e);
+  }
+}
+
+}  // namespace Qv
