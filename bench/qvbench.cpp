@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "QvCudaCompConvolve.h"
+#include "QvCudaCompDemosaic.h"
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvDeviceMMU.h"
@@ -52,16 +54,17 @@ struct SPipelineResult {
   bool bPinned = false;
 };
 
-// appsrc ! qvcudaupload ! fakesink with one pinned frame pushed again and again, so that the
-// source costs nothing and the figure is the element's own.
-SPipelineResult UploadPipeline(int iWidth, int iHeight, int iFrames) {
+// appsrc ! <chain> ! fakesink with one frame pushed again and again (from the upload
+// element's pinned pool where the chain starts with it), so that the source costs nothing and
+// the figure is the chain's own.
+SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iFrames) {
   SPipelineResult xResult;
   char szCaps[160];
   std::snprintf(szCaps, sizeof(szCaps),
                 "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1", iWidth, iHeight);
   const std::string sPipeline =
       std::string("appsrc name=src format=time block=true max-buffers=4 caps=\"") + szCaps +
-      "\" ! qvcudaupload name=upload ! fakesink sync=false";
+      "\" ! " + szChain + " ! fakesink sync=false";
   GError* pxError = NULL;
   GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
   if (!pxPipeline || pxError) {
@@ -69,7 +72,14 @@ SPipelineResult UploadPipeline(int iWidth, int iHeight, int iFrames) {
     return xResult;
   }
   GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
-  GstElement* pxUpload = gst_bin_get_by_name(GST_BIN(pxPipeline), "upload");
+  GstElement* pxFirstElement = NULL;
+  {
+    GstPad* pxSrcPad = gst_element_get_static_pad(pxSrc, "src");
+    GstPad* pxPeer = gst_pad_get_peer(pxSrcPad);
+    pxFirstElement = gst_pad_get_parent_element(pxPeer);
+    gst_object_unref(pxPeer);
+    gst_object_unref(pxSrcPad);
+  }
   gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
 
   const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, 0);
@@ -79,8 +89,9 @@ SPipelineResult UploadPipeline(int iWidth, int iHeight, int iFrames) {
 
   GstCaps* pxCaps = gst_caps_from_string(szCaps);
   GstBuffer* pxFrame = NULL;
-  for (int iTry = 0; iTry < 100 && !pxFrame; ++iTry) {
-    GstBufferPool* pxPool = QvTools::ProposedPool(pxUpload, pxCaps);
+  const bool bUpload = g_str_has_prefix(szChain, "qvcudaupload");
+  for (int iTry = 0; bUpload && iTry < 100 && !pxFrame; ++iTry) {
+    GstBufferPool* pxPool = QvTools::ProposedPool(pxFirstElement, pxCaps);
     if (pxPool) {
       if (gst_buffer_pool_acquire_buffer(pxPool, &pxFrame, NULL) != GST_FLOW_OK) pxFrame = NULL;
       gst_buffer_pool_set_active(pxPool, FALSE);
@@ -115,9 +126,77 @@ SPipelineResult UploadPipeline(int iWidth, int iHeight, int iFrames) {
   gst_caps_unref(pxCaps);
   gst_object_unref(pxBus);
   gst_object_unref(pxSrc);
-  gst_object_unref(pxUpload);
+  gst_object_unref(pxFirstElement);
   gst_object_unref(pxPipeline);
   return xResult;
+}
+
+// Time of one operation on the device: CUDA events around it on the CUDA backend, wall time
+// on the host backend. The median of iRuns after warm-up.
+template <class F>
+double OperationMs(Qv::CQvCudaComp& xComp, int iRuns, F&& fnRun) {
+  cudaStream_t hStream = Qv::Device::CreateStream();
+  xComp.SetStream(hStream);
+  Qv::Device::CStreamTimer xTimer;
+  std::vector<double> xTimes;
+  for (int i = 0; i < iRuns + 3; ++i) {
+    xTimer.Start(hStream);
+    fnRun();
+    xTimer.Stop(hStream);
+    const double dMs = xTimer.ElapsedMs();
+    if (i >= 3) xTimes.push_back(dMs);
+  }
+  Qv::Device::DestroyStream(hStream);
+  return Median(xTimes);
+}
+
+// Bytes a millisecond that a device-to-device copy of a 4K RGBA image reaches: the floor that
+// the kernels are measured against.
+double CopyBytesPerMs(int iRuns) {
+  const Qv::CQvImageFormat xFormat(3840, 2160, Qv::EPixelType::RGBA, Qv::EDataType::UByte);
+  Qv::CQvDeviceImage2D a(xFormat), b(xFormat);
+  Qv::CQvCudaComp xComp;
+  const double dMs = OperationMs(xComp, iRuns, [&] {
+    Qv::Device::Copy2D(b.GetDevicePointer(), b.GetDevicePitch(), a.GetDevicePointer(),
+                       a.GetDevicePitch(), xFormat.GetRowBytes(), 2160,
+                       Qv::Device::ECopyKind::DeviceToDevice, xComp.GetStream(), true);
+  });
+  return 2.0 * static_cast<double>(xFormat.GetImageBytes()) / dMs;
+}
+
+void BenchKernels(int iWidth, int iHeight, int iRuns) {
+  const double dBytesPerMs = CopyBytesPerMs(iRuns);
+  const Qv::CQvImageFormat xRaw(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte);
+  Qv::CQvDeviceImage2D xMosaic(xRaw), xRgba, xScaled;
+  xMosaic.SetZero();
+  Qv::CQvCudaCompDemosaic xDemosaic;
+  const double dDebayer = OperationMs(
+      xDemosaic, iRuns, [&] { xDemosaic.Debayer(xRgba, xMosaic, 1.4285715f, 1.0f, 1.1363636f); });
+  const double dDebayerFloor =
+      (xRaw.GetImageBytes() + xRgba.GetFormat().GetImageBytes()) / dBytesPerMs;
+  Qv::CQvCudaCompConvolve xConvolve;
+  const int iTrgW = 3840, iTrgH = 1784;
+  const double dShrink =
+      OperationMs(xConvolve, iRuns, [&] { xConvolve.Shrink(xScaled, xRgba, iTrgW, iTrgH, true); });
+  const double dShrinkFloor =
+      (xRgba.GetFormat().GetImageBytes() * static_cast<double>(iTrgH) / iHeight +
+       xScaled.GetFormat().GetImageBytes()) /
+      dBytesPerMs;
+  std::printf(
+      "debayer: GRBG8 %dx%d to RGBA8                %8.3f ms (byte floor %.3f ms, ratio %.2f)\n",
+      iWidth, iHeight, dDebayer, dDebayerFloor, dDebayer / dDebayerFloor);
+  std::printf(
+      "shrink:  RGBA8 to %dx%d, one sample          %8.3f ms (byte floor %.3f ms, ratio %.2f)\n",
+      iTrgW, iTrgH, dShrink, dShrinkFloor, dShrink / dShrinkFloor);
+}
+
+bool HasFactories(std::initializer_list<const char*> xNames) {
+  for (const char* szName : xNames) {
+    GstElementFactory* pxFactory = gst_element_factory_find(szName);
+    if (!pxFactory) return false;
+    gst_object_unref(pxFactory);
+  }
+  return true;
 }
 
 }  // namespace
@@ -132,7 +211,7 @@ int main(int argc, char** argv) {
     std::printf("qvbench: backend %s, frames of %dx%d 8-bit\n", Qv::Device::GetBackendName(),
                 iWidth, iHeight);
     const double dBare = BareUploadMs(iWidth, iHeight, bCuda ? 200 : 20);
-    const SPipelineResult x = UploadPipeline(iWidth, iHeight, iFrames);
+    const SPipelineResult x = RunPipeline("qvcudaupload", iWidth, iHeight, iFrames);
     std::printf("upload: bare pinned host-to-device copy      %8.3f ms\n", dBare);
     std::printf(
         "upload: appsrc ! qvcudaupload ! fakesink     %8.3f ms/frame (%.0f fps, %s source)\n",
@@ -141,6 +220,28 @@ int main(int argc, char** argv) {
     std::printf("upload: ratio to the bare copy               %8.2f\n",
                 dBare > 0 ? x.dMsPerFrame / dBare : 0.0);
     std::printf("upload: device allocations per frame         %8.3f\n", x.dAllocationsPerFrame);
+
+    BenchKernels(iWidth, iHeight, bCuda ? 100 : 3);
+
+    const int iChainFrames = bCuda ? 300 : 5;
+    const SPipelineResult xChain =
+        RunPipeline("qvcudaupload ! qvcudadebayer ! qvcudascale", iWidth, iHeight, iChainFrames);
+    std::printf(
+        "chain:  upload ! debayer ! scale             %8.3f ms/frame (%.1f fps), %.3f "
+        "device allocations per frame\n",
+        xChain.dMsPerFrame, 1000.0 / xChain.dMsPerFrame, xChain.dAllocationsPerFrame);
+    if (HasFactories({"bayer2rgb", "videoscale", "videoconvert"})) {
+      char szCpu[160];
+      std::snprintf(szCpu, sizeof(szCpu),
+                    "bayer2rgb ! videoconvert ! videoscale ! video/x-raw,width=3840,height=1784");
+      const SPipelineResult xCpu = RunPipeline(szCpu, iWidth, iHeight, 5);
+      std::printf(
+          "chain:  bayer2rgb ! videoscale on the CPU    %8.3f ms/frame (%.1f fps); ratio %.1f\n",
+          xCpu.dMsPerFrame, 1000.0 / xCpu.dMsPerFrame, xCpu.dMsPerFrame / xChain.dMsPerFrame);
+    } else {
+      std::printf(
+          "chain:  CPU peer not run (bayer2rgb from gstreamer1.0-plugins-bad is missing)\n");
+    }
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "qvbench: %s\n", e.GetMessageText());
     return 1;

@@ -7,8 +7,8 @@
 
 namespace QvTools {
 
-// A colour test scene (eight bars over a gray ramp, shifted by iFrame pixels) mosaicked in
-// GRBG order: even rows G R G R ..., odd rows B G B G ...
+// A colour test scene (eight bars over a gray ramp, shifted by iFrame pixels) as the rig's
+// sensor records it, mosaicked in GRBG order: even rows G R G R ..., odd rows B G B G ...
 std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame);
 
 // Asks the element's sink pad for an allocation answer for the caps and returns the active

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -217,6 +218,44 @@ void DestroyStream(cudaStream_t hStream) {
 
 void SynchronizeStream(cudaStream_t hStream) {
   if (IsCuda()) QV_CUDA_CHECK(cudaStreamSynchronize(hStream), "Error synchronizing a CUDA stream");
+}
+
+namespace {
+int64_t NowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+}  // namespace
+
+CStreamTimer::CStreamTimer() {
+  if (IsCuda()) {
+    QV_CUDA_CHECK(cudaEventCreate(&m_hStart), "Error creating a CUDA event");
+    QV_CUDA_CHECK(cudaEventCreate(&m_hStop), "Error creating a CUDA event");
+  }
+}
+
+CStreamTimer::~CStreamTimer() {
+  if (m_hStart) cudaEventDestroy(m_hStart);
+  if (m_hStop) cudaEventDestroy(m_hStop);
+}
+
+void CStreamTimer::Start(cudaStream_t hStream) {
+  m_iStartNs = NowNs();
+  if (m_hStart) QV_CUDA_CHECK(cudaEventRecord(m_hStart, hStream), "Error recording a CUDA event");
+}
+
+void CStreamTimer::Stop(cudaStream_t hStream) {
+  m_iStopNs = NowNs();
+  if (m_hStop) QV_CUDA_CHECK(cudaEventRecord(m_hStop, hStream), "Error recording a CUDA event");
+}
+
+double CStreamTimer::ElapsedMs() {
+  if (!m_hStop) return static_cast<double>(m_iStopNs - m_iStartNs) / 1e6;
+  QV_CUDA_CHECK(cudaEventSynchronize(m_hStop), "Error waiting for a CUDA event");
+  float fMs = 0.0f;
+  QV_CUDA_CHECK(cudaEventElapsedTime(&fMs, m_hStart, m_hStop), "Error timing CUDA events");
+  return fMs;
 }
 
 void HostParallelFor(int iRows, int64_t iWorkPerRow, const std::function<void(int, int)>& fnRows) {

@@ -40,6 +40,26 @@ cudaStream_t CreateStream();  // null stream handle on the host backend
 void DestroyStream(cudaStream_t hStream);
 void SynchronizeStream(cudaStream_t hStream);
 
+// Times work queued on a stream: CUDA events on the CUDA backend, wall time on the host
+// backend (where work is complete on return).
+class CStreamTimer {
+ public:
+  CStreamTimer();
+  ~CStreamTimer();
+  CStreamTimer(const CStreamTimer&) = delete;
+  CStreamTimer& operator=(const CStreamTimer&) = delete;
+  void Start(cudaStream_t hStream);
+  void Stop(cudaStream_t hStream);
+  // Waits for the stop and gives the milliseconds between start and stop.
+  double ElapsedMs();
+
+ private:
+  cudaEvent_t m_hStart = nullptr;
+  cudaEvent_t m_hStop = nullptr;
+  int64_t m_iStartNs = 0;
+  int64_t m_iStopNs = 0;
+};
+
 // Host backend runner: calls fnRows(y0, y1) for disjoint row ranges covering [0, iRows) on
 // worker threads and returns when all are done.
 void HostParallelFor(int iRows, int64_t iWorkPerRow, const std::function<void(int, int)>& fnRows);
