@@ -51,6 +51,23 @@ void CheckTargetSize(int iWidth, int iHeight, const char* szWhat) {
   QV_THROW(sText.ToCString());
 }
 
+// The common tail of Shrink and Resize: create the target of the given size in the source's
+// types, bind the source with linear filter and run the per-pixel functor F of its class.
+template <template <class> class F, class TArg>
+void ResampleInto(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xTarget,
+                  const CQvDeviceImage2D& xSource, int iWidth, int iHeight, TArg xArg) {
+  if (&xTarget == &xSource) QV_THROW("Target and source must be different images");
+  const CQvImageFormat xSrcFormat = xSource.GetFormat();
+  const CQvImageFormat xTrgFormat(iWidth, iHeight, xSrcFormat.ePixelType, xSrcFormat.eDataType);
+  xTarget.Create(xTrgFormat);
+  xComp.EvalKernelDim_2D_1D(xTrgFormat, 32, 8);
+  const EResampleClass eClass = ResampleClassOf(xSource);
+  if (eClass == EResampleClass::None) QV_THROW("Source image is of invalid type");
+  CTextureBinding xBinding(xSource, true, false, cudaAddressModeClamp);
+  LaunchResample<F>(xComp, szName, eClass, xTrgFormat, xTarget.GetDesc(), xSrcFormat,
+                    xBinding.Get(), xArg);
+}
+
 template <class T, bool bAlongX, int R>
 void LaunchRadius(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xTarget,
                   const STexture2D& xSource, int iRadius, const Kernel::SFilterTaps& xTaps,
@@ -87,16 +104,8 @@ void CQvCudaCompConvolve::Shrink(CQvDeviceImage2D& xTarget, const CQvDeviceImage
                                  int iWidth, int iHeight, bool bSingleSample) {
   try {
     CheckTargetSize(iWidth, iHeight, "Target size of shrink must be positive");
-    if (&xTarget == &xSource) QV_THROW("Target and source must be different images");
-    const CQvImageFormat xSrcFormat = xSource.GetFormat();
-    const CQvImageFormat xTrgFormat(iWidth, iHeight, xSrcFormat.ePixelType, xSrcFormat.eDataType);
-    xTarget.Create(xTrgFormat);
-    EvalKernelDim_2D_1D(xTrgFormat, 32, 8);
-    const EResampleClass eClass = ResampleClassOf(xSource);
-    if (eClass == EResampleClass::None) QV_THROW("Source image is of invalid type");
-    CTextureBinding xBinding(xSource, true, false, cudaAddressModeClamp);
-    LaunchResample<Kernel::FShrink>(*this, "Shrink --> Kernel::Shrink", eClass, xTrgFormat,
-                                    xTarget.GetDesc(), xSrcFormat, xBinding.Get(), bSingleSample);
+    ResampleInto<Kernel::FShrink>(*this, "Shrink --> Kernel::Shrink", xTarget, xSource, iWidth,
+                                  iHeight, bSingleSample);
   } catch (const CQvException& e) {
     QV_RETHROW("Error resizing image", e);
   }
@@ -106,19 +115,12 @@ void CQvCudaCompConvolve::Resize(CQvDeviceImage2D& xTarget, const CQvDeviceImage
                                  int iBorder, int iDivisor) {
   try {
     if (iDivisor == 0) QV_THROW("Divisor of resize must not be 0");
-    if (&xTarget == &xSource) QV_THROW("Target and source must be different images");
-    const CQvImageFormat xSrcFormat = xSource.GetFormat();
+    const CQvImageFormat& xSrcFormat = xSource.GetFormat();
     const int iWidth = (xSrcFormat.iWidth - 2 * iBorder) / iDivisor;
     const int iHeight = (xSrcFormat.iHeight - 2 * iBorder) / iDivisor;
     CheckTargetSize(iWidth, iHeight, "Border and divisor of resize leave no positive size");
-    const CQvImageFormat xTrgFormat(iWidth, iHeight, xSrcFormat.ePixelType, xSrcFormat.eDataType);
-    xTarget.Create(xTrgFormat);
-    EvalKernelDim_2D_1D(xTrgFormat, 32, 8);
-    const EResampleClass eClass = ResampleClassOf(xSource);
-    if (eClass == EResampleClass::None) QV_THROW("Source image is of invalid type");
-    CTextureBinding xBinding(xSource, true, false, cudaAddressModeClamp);
-    LaunchResample<Kernel::FResize>(*this, "Resize --> Kernel::Resize", eClass, xTrgFormat,
-                                    xTarget.GetDesc(), xSrcFormat, xBinding.Get(), iBorder);
+    ResampleInto<Kernel::FResize>(*this, "Resize --> Kernel::Resize", xTarget, xSource, iWidth,
+                                  iHeight, iBorder);
   } catch (const CQvException& e) {
     QV_RETHROW("Error resizing image", e);
   }

@@ -46,6 +46,20 @@ static gboolean gst_qv_cuda_base_transform_start(GstBaseTransform* trans) {
   return TRUE;
 }
 
+void QvSetupDeviceTransformClass(GstBaseTransformClass* pxClass, const char* szLongName,
+                                 const char* szDescription, GstStaticPadTemplate* pxSinkTemplate,
+                                 GstStaticPadTemplate* pxSrcTemplate, QvTransformFunc fnTransform,
+                                 QvTransformCapsFunc fnTransformCaps) {
+  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(pxClass);
+  gst_element_class_set_static_metadata(pxElementClass, szLongName, "Filter/Effect/Video",
+                                        szDescription, "qvvideoproc developers");
+  gst_element_class_add_static_pad_template(pxElementClass, pxSinkTemplate);
+  gst_element_class_add_static_pad_template(pxElementClass, pxSrcTemplate);
+  pxClass->transform = fnTransform;
+  pxClass->transform_caps = fnTransformCaps;
+  pxClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(PrepareOutputBufferCuda);
+}
+
 static void gst_qv_cuda_base_transform_finalize(GObject* object) {
   GstQvCudaBaseTransform* self = GST_QV_CUDA_BASE_TRANSFORM(object);
   if (self->stream) {

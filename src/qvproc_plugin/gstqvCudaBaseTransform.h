@@ -32,6 +32,17 @@ GType gst_qv_cuda_base_transform_get_type(void);
 
 G_END_DECLS
 
+typedef GstFlowReturn (*QvTransformFunc)(GstBaseTransform*, GstBuffer*, GstBuffer*);
+typedef GstCaps* (*QvTransformCapsFunc)(GstBaseTransform*, GstPadDirection, GstCaps*, GstCaps*);
+
+// What every device transform sets on its class: metadata (classification
+// "Filter/Effect/Video"), both pad templates, transform, transform_caps, and output buffers
+// that carry a device image.
+void QvSetupDeviceTransformClass(GstBaseTransformClass* pxClass, const char* szLongName,
+                                 const char* szDescription, GstStaticPadTemplate* pxSinkTemplate,
+                                 GstStaticPadTemplate* pxSrcTemplate, QvTransformFunc fnTransform,
+                                 QvTransformCapsFunc fnTransformCaps);
+
 // The words of one element's frame step.
 struct SQvFrameTexts {
   const char* szStart;

@@ -45,17 +45,10 @@ static GstFlowReturn gst_cuda_debayer_transform_frame(GstBaseTransform* trans, G
                                                       GstBuffer* outbuf);
 
 static void gst_cuda_debayer_class_init(GstQvCudaDebayerClass* klass) {
-  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(klass);
-  GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
-
-  gst_element_class_set_static_metadata(pxElementClass, "qvvideo debayer", "Filter/Effect/Video",
-                                        "Velmora Video Proc", "qvvideoproc developers");
-  gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
-  gst_element_class_add_static_pad_template(pxElementClass, &src_template);
-
-  pxTransClass->transform = GST_DEBUG_FUNCPTR(gst_cuda_debayer_transform_frame);
-  pxTransClass->transform_caps = GST_DEBUG_FUNCPTR(gst_cuda_debayer_transform_caps);
-  pxTransClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(PrepareOutputBufferCuda);
+  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "qvvideo debayer",
+                              "Velmora Video Proc", &sink_template, &src_template,
+                              GST_DEBUG_FUNCPTR(gst_cuda_debayer_transform_frame),
+                              GST_DEBUG_FUNCPTR(gst_cuda_debayer_transform_caps));
 }
 
 static void gst_cuda_debayer_init(GstQvCudaDebayer* self) {

@@ -49,19 +49,12 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
                                                      GstBuffer* outbuf);
 
 static void gst_cuda_upload_class_init(GstQvCudaUploadClass* klass) {
-  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(klass);
   GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
-
-  gst_element_class_set_static_metadata(pxElementClass, "qv cuda upload element",
-                                        "Filter/Effect/Video", "Velmora Cuda Upload",
-                                        "qvvideoproc developers");
-  gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
-  gst_element_class_add_static_pad_template(pxElementClass, &src_template);
-
-  pxTransClass->transform = GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_frame);
-  pxTransClass->transform_caps = GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_caps);
+  QvSetupDeviceTransformClass(pxTransClass, "qv cuda upload element", "Velmora Cuda Upload",
+                              &sink_template, &src_template,
+                              GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_frame),
+                              GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_caps));
   pxTransClass->set_caps = GST_DEBUG_FUNCPTR(gst_cuda_upload_set_caps);
-  pxTransClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(PrepareOutputBufferCuda);
   pxTransClass->propose_allocation = GST_DEBUG_FUNCPTR(ProposeAllocation);
 }
 

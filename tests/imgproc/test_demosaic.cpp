@@ -58,6 +58,31 @@ SRgb Reference(const std::vector<double>& xRaw, int w, int h, EPixelType::ID ePa
   return o;
 }
 
+// Debayers 8-bit mosaic bytes and brings the RGBA result back.
+CQvImage DebayerBytes(int w, int h, EPixelType::ID ePattern, const std::vector<uint8_t>& xBytes,
+                      float gr, float gg, float gb) {
+  CQvImageMoniker xMoniker;
+  xMoniker.Create(w, h, ePattern, EDataType::UByte, const_cast<uint8_t*>(xBytes.data()));
+  CQvDeviceImage2D xSource, xTarget;
+  xSource.Create(xMoniker);
+  CQvCudaCompDemosaic().Debayer(xTarget, xSource, gr, gg, gb);
+  CQvImage xOut;
+  xTarget.CopyTo(xOut);
+  return xOut;
+}
+
+// Bytes of a mosaic whose sites hold the value of their own colour.
+std::vector<uint8_t> ColourPlanes(int w, int h, EPixelType::ID ePattern, uint8_t r, uint8_t g,
+                                  uint8_t b) {
+  std::vector<uint8_t> xBytes(static_cast<size_t>(w) * h);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const char c = SiteColour(ePattern, x, y);
+      xBytes[y * w + x] = c == 'R' ? r : (c == 'G' ? g : b);
+    }
+  return xBytes;
+}
+
 int StoreRef(double v, double m) {
   return static_cast<int>(std::min(m, std::max(0.0, v * m)));
 }
@@ -111,19 +136,8 @@ TEST_P(DemosaicPatternTest, ConstantColourPlanesComeBackExactlyAwayFromTheBorder
   // Each site holds the value of its own colour: the corrections cancel, so every pixel at
   // least two away from the border is (200, 100, 50), less at most one truncation step.
   const int w = 8, h = 8;
-  std::vector<uint8_t> xBytes(w * h);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const char c = SiteColour(GetParam(), x, y);
-      xBytes[y * w + x] = c == 'R' ? 200 : (c == 'G' ? 100 : 50);
-    }
-  CQvImageMoniker xMoniker;
-  xMoniker.Create(w, h, GetParam(), EDataType::UByte, xBytes.data());
-  CQvDeviceImage2D xSource, xTarget;
-  xSource.Create(xMoniker);
-  CQvCudaCompDemosaic().Debayer(xTarget, xSource, 1.0f, 1.0f, 1.0f);
-  CQvImage xOut;
-  xTarget.CopyTo(xOut);
+  const CQvImage xOut =
+      DebayerBytes(w, h, GetParam(), ColourPlanes(w, h, GetParam(), 200, 100, 50), 1, 1, 1);
   const auto* p = static_cast<const uint8_t*>(xOut.GetDataPtr());
   for (int y = 2; y < h - 2; ++y)
     for (int x = 2; x < w - 2; ++x) {
@@ -143,14 +157,8 @@ INSTANTIATE_TEST_SUITE_P(AllOrders, DemosaicPatternTest,
 
 TEST(Demosaic, FlatFieldStaysFlatButForTruncation) {
   for (int v : {0, 1, 77, 128, 254, 255}) {
-    std::vector<uint8_t> xBytes(9 * 7, static_cast<uint8_t>(v));
-    CQvImageMoniker xMoniker;
-    xMoniker.Create(9, 7, EPixelType::BayerGR, EDataType::UByte, xBytes.data());
-    CQvDeviceImage2D xSource, xTarget;
-    xSource.Create(xMoniker);
-    CQvCudaCompDemosaic().Debayer(xTarget, xSource, 1.0f, 1.0f, 1.0f);
-    CQvImage xOut;
-    xTarget.CopyTo(xOut);
+    const CQvImage xOut = DebayerBytes(
+        9, 7, EPixelType::BayerGR, std::vector<uint8_t>(9 * 7, static_cast<uint8_t>(v)), 1, 1, 1);
     const auto* p = static_cast<const uint8_t*>(xOut.GetDataPtr());
     for (int i = 0; i < 9 * 7; ++i) {
       for (int c = 0; c < 3; ++c) {
@@ -183,20 +191,8 @@ TEST(Demosaic, BorderSampleTwoAwayTakesTheCentreGainOnTheOtherColour) {
   // yet it counts with the red gain. Hand-worked: with R sites 0.8 and G sites 0.4 (raw
   // 204 and 102), red gain 1: X = 0.4 + 0.8, Y = 0.8 + 0.8 (row -2 clamps onto row 0),
   // so EG = (4*0.8 + 2V + 2H - 2.8) / 8.
-  const int w = 6, h = 6;
-  std::vector<uint8_t> xBytes(w * h);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const char c = SiteColour(EPixelType::BayerGR, x, y);
-      xBytes[y * w + x] = c == 'R' ? 204 : (c == 'G' ? 102 : 51);
-    }
-  CQvImageMoniker xMoniker;
-  xMoniker.Create(w, h, EPixelType::BayerGR, EDataType::UByte, xBytes.data());
-  CQvDeviceImage2D xSource, xTarget;
-  xSource.Create(xMoniker);
-  CQvCudaCompDemosaic().Debayer(xTarget, xSource, 1.0f, 1.0f, 1.0f);
-  CQvImage xOut;
-  xTarget.CopyTo(xOut);
+  const CQvImage xOut = DebayerBytes(
+      6, 6, EPixelType::BayerGR, ColourPlanes(6, 6, EPixelType::BayerGR, 204, 102, 51), 1, 1, 1);
   const auto* q = static_cast<const uint8_t*>(xOut.GetDataPtr()) + 1 * 4;
   // H: left (0,0) G 0.4, right (2,0) G 0.4 -> 0.8; V: up clamps to (1,0) R 0.8, down (1,1) G
   // 0.4 -> 1.2. EG = (3.2 + 2.4 + 1.6 - 2.8) / 8 = 0.55 -> 140.25 -> 140.
