@@ -3,7 +3,10 @@
 #include <gst/base/gstbasetransform.h>
 #include <gst/check/gstharness.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "GstTestUtil.h"
@@ -194,6 +197,35 @@ TEST_F(UploadCapsTest, FilterIsIntersectedFirst) {
   EXPECT_STREQ("video/x-bayer", gst_structure_get_name(gst_caps_get_structure(x, 0)));
   EXPECT_STREQ("grbg", gst_structure_get_string(gst_caps_get_structure(x, 0), "format"));
   gst_caps_unref(x);
+}
+
+// Runs in a fresh child process: a pipeline forced onto CUDA fails to start with one clear
+// error message on the bus, and nothing crashes.
+[[noreturn]] void StartPipelineForcedOntoCuda() {
+  setenv("QV_DEVICE", "cuda", 1);
+  GstElement* pxPipeline = gst_parse_launch(
+      "videotestsrc num-buffers=1 ! video/x-raw,format=GRAY8,width=8,height=8 ! qvcudaupload ! "
+      "fakesink",
+      NULL);
+  const GstStateChangeReturn eResult = gst_element_set_state(pxPipeline, GST_STATE_PAUSED);
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMsg = gst_bus_timed_pop_filtered(pxBus, GST_SECOND, GST_MESSAGE_ERROR);
+  if (pxMsg) {
+    GError* pxError = NULL;
+    gst_message_parse_error(pxMsg, &pxError, NULL);
+    std::fprintf(stderr, "%s\n", pxError->message);
+    g_error_free(pxError);
+  }
+  std::exit(eResult == GST_STATE_CHANGE_FAILURE && pxMsg ? 3 : 0);
+}
+
+TEST(UploadBackend, ForcingCudaWithoutGpuFailsToStartWithOneClearError) {
+  // The backend is chosen once per process: decide without choosing it here, since the child
+  // process runs this body again before the statement.
+  if (access("/dev/nvidiactl", F_OK) == 0) GTEST_SKIP() << "this machine has a GPU";
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(StartPipelineForcedOntoCuda(), ::testing::ExitedWithCode(3),
+              "QV_DEVICE=cuda was requested but no usable CUDA device was found");
 }
 
 }  // namespace
