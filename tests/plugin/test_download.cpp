@@ -11,7 +11,6 @@
 
 #include "GstTestUtil.h"
 #include "QvDeviceImage2D.h"
-#include "gstqvCudaMemory.h"
 #include "gstqvHostElements.h"
 #include "plugin.h"
 
