@@ -3,6 +3,7 @@
 #include <glib.h>
 #include <gst/gst.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
@@ -46,7 +47,8 @@ SRun Launch(const std::string& sPipeline) {
 }
 
 std::string TempPath(const char* szName) {
-  return ::testing::TempDir() + "qv-launch-" +
+  // The process id keeps builds that test at the same time apart.
+  return ::testing::TempDir() + "qv-launch-" + std::to_string(getpid()) + "-" +
          ::testing::UnitTest::GetInstance()->current_test_info()->name() + "-" + szName;
 }
 

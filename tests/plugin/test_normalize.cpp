@@ -2,6 +2,7 @@
 // property, and frames with and without a reference.
 #include <gst/check/gstharness.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -37,7 +38,7 @@ class NormalizeElementTest : public ::testing::Test {
 
   // A gray 8-bit PNG of 4 x 2 whose pixel i is aValues[i].
   void WriteReference(const uint8_t (&aValues)[8]) {
-    m_sGrayPath = ::testing::TempDir() + "qv-normalize-gray-" +
+    m_sGrayPath = ::testing::TempDir() + "qv-normalize-gray-" + std::to_string(getpid()) + "-" +
                   ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".png";
     CQvImage xGray(CQvImageFormat(4, 2, EPixelType::Lum, EDataType::UByte));
     std::memcpy(xGray.GetDataPtr(), aValues, 8);
