@@ -1,13 +1,13 @@
 /**
  * SECTION:element-qvbayer2lum
  *
- * Passes bayer frames on as GRAY8 frames of the same size. No byte of a buffer changes.
- * No factory: a host application registers the type (qvproc-launch does).
+ * Passes bayer frames on as GRAY8 frames of the same size. No byte of a buffer changes. No
+ * factory: a host application registers the type (qvproc-launch does).
  *
  * |[
- * qvproc-launch filesrc location=frame.grbg blocksize=2073600 !
- * video/x-bayer,format=grbg,width=1920,height=1080,framerate=30/1 ! qvbayer2lum ! filesink
- * location=frame.gray
+ * qvproc-launch filesrc location=frame.grbg blocksize=2073600 \
+ *     ! video/x-bayer,format=grbg,width=1920,height=1080,framerate=30/1 \
+ *     ! qvbayer2lum ! filesink location=frame.gray
  * ]|
  */
 #include "bayer2lum.h"

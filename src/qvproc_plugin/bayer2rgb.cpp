@@ -1,14 +1,14 @@
 /**
  * SECTION:element-qvbayer2rgb
  *
- * Passes bayer frames on as RGB frames of a third of the height: a bayer image of one byte a pixel
- * and an RGB image of a third of the height have the same bytes. No byte of a buffer changes. No
- * factory: a host application registers the type (qvproc-launch does).
+ * Passes bayer frames on as RGB frames of a third of the height: a bayer image of one byte a
+ * pixel and an RGB image of a third of the height have the same bytes. No byte of a buffer
+ * changes. No factory: a host application registers the type (qvproc-launch does).
  *
  * |[
- * qvproc-launch filesrc location=frame.grbg blocksize=6220800 !
- * video/x-bayer,format=grbg,width=1920,height=3240,framerate=30/1 ! qvbayer2rgb ! filesink
- * location=frame.rgb
+ * qvproc-launch filesrc location=frame.grbg blocksize=6220800 \
+ *     ! video/x-bayer,format=grbg,width=1920,height=3240,framerate=30/1 \
+ *     ! qvbayer2rgb ! filesink location=frame.rgb
  * ]|
  */
 #include "bayer2rgb.h"

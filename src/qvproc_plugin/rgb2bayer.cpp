@@ -1,13 +1,14 @@
 /**
  * SECTION:element-qvrgb2bayer
  *
- * Passes RGB frames on as bayer frames of three times the height: the way back of qvbayer2rgb. No
- * byte of a buffer changes. No factory: a host application registers the type (qvproc-launch does).
+ * Passes RGB frames on as bayer frames of three times the height: the way back of qvbayer2rgb.
+ * No byte of a buffer changes. No factory: a host application registers the type
+ * (qvproc-launch does).
  *
  * |[
- * qvproc-launch filesrc location=frame.rgb blocksize=6220800 !
- * video/x-raw,format=RGB,width=1920,height=1080,framerate=30/1 ! qvrgb2bayer ! filesink
- * location=frame.grbg
+ * qvproc-launch filesrc location=frame.rgb blocksize=6220800 \
+ *     ! video/x-raw,format=RGB,width=1920,height=1080,framerate=30/1 \
+ *     ! qvrgb2bayer ! filesink location=frame.grbg
  * ]|
  */
 #include "rgb2bayer.h"
