@@ -12,11 +12,14 @@
 
 #include "QvCudaCompConvolve.h"
 #include "QvCudaCompDemosaic.h"
+#include "QvCudaCompYUV.h"
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvDeviceMMU.h"
 #include "QvException.h"
 #include "QvSynthetic.h"
+#include "gstqvCudaMemory.h"
+#include "gstqvHostElements.h"
 
 namespace {
 
@@ -199,11 +202,119 @@ bool HasFactories(std::initializer_list<const char*> xNames) {
   return true;
 }
 
+double MsSince(Clock::time_point t0) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+}
+
+// appsrc ! qvcudadownload ! fakesink with one stacked I420 device image pushed again and again.
+double DownloadPipelineMs(GstBuffer* pxDeviceFrame, int iWidth, int iHeight, int iFrames) {
+  char szCaps[160];
+  std::snprintf(szCaps, sizeof(szCaps), "video/x-raw,format=I420,width=%d,height=%d,framerate=30/1",
+                iWidth, iHeight);
+  const std::string sPipeline =
+      std::string("appsrc name=src format=time block=true max-buffers=4 caps=\"") + szCaps +
+      "\" ! qvcudadownload ! fakesink sync=false";
+  GError* pxError = NULL;
+  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
+  if (!pxPipeline || pxError) {
+    std::fprintf(stderr, "qvbench: %s\n", pxError ? pxError->message : "no pipeline");
+    return 0.0;
+  }
+  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  for (int i = 0; i < 5; ++i)
+    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxDeviceFrame));
+  g_usleep(200000);
+  const auto t0 = Clock::now();
+  for (int i = 0; i < iFrames; ++i)
+    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxDeviceFrame));
+  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  const double dMs = MsSince(t0) / iFrames;
+  if (pxMsg) gst_message_unref(pxMsg);
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  gst_object_unref(pxBus);
+  gst_object_unref(pxSrc);
+  gst_object_unref(pxPipeline);
+  return dMs;
+}
+
+// RGBA8 to I420 on the device (Convert) and the download of the result. The conversion reads
+// 4 and writes 1.5 bytes a pixel; its floor is a device-to-device copy moving as many bytes.
+// The download's floor is a bare device-to-host copy of the I420 bytes into pinned memory.
+void YuvDownloadBench(int iWidth, int iHeight, bool bCuda) {
+  const int iRuns = bCuda ? 100 : 5;
+  cudaStream_t hStream = Qv::Device::CreateStream();
+  Qv::CQvImage xHost(
+      Qv::CQvImageFormat(iWidth, iHeight, Qv::EPixelType::RGBA, Qv::EDataType::UByte));
+  std::memset(xHost.GetDataPtr(), 0x5A, xHost.GetImageBytes());
+  Qv::CQvDeviceImage2D xRgba(xHost);
+
+  // Floor: read 4 + write 1.5 bytes a pixel = a copy of 2.75 bytes a pixel.
+  const int iFloorRows = iHeight * 11 / 4;
+  Qv::CQvDeviceImage2D xFloorSrc(
+      Qv::CQvImageFormat(iWidth, iFloorRows, Qv::EPixelType::Lum, Qv::EDataType::UByte));
+  Qv::CQvDeviceImage2D xFloorDst(xFloorSrc.GetFormat());
+  std::vector<double> xFloor, xConvert, xBare;
+  for (int i = 0; i < iRuns + 2; ++i) {
+    const auto t0 = Clock::now();
+    xFloorSrc.CopyTo(xFloorDst);
+    Qv::Device::SynchronizeStream(nullptr);
+    if (i >= 2) xFloor.push_back(MsSince(t0));
+  }
+
+  GstAllocator* pxAllocator = gst_allocator_find("QvCudaDevImage");
+  if (!pxAllocator) {
+    my_memory_init();
+    pxAllocator = gst_allocator_find("QvCudaDevImage");
+  }
+  GstBuffer* pxFrame = gst_buffer_new_allocate(pxAllocator, 1, NULL);
+  gst_object_unref(pxAllocator);
+  GstMapInfo xMap;
+  gst_buffer_map(pxFrame, &xMap, GST_MAP_WRITE);
+  Qv::CQvDeviceImage2D& xI420 = *reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data);
+  Qv::CQvCudaCompYUV xComp;
+  xComp.SetStream(hStream);
+  for (int i = 0; i < iRuns + 2; ++i) {
+    const auto t0 = Clock::now();
+    xComp.Convert(xI420, xRgba);
+    if (i >= 2) xConvert.push_back(MsSince(t0));
+  }
+
+  const size_t uI420Bytes = static_cast<size_t>(iWidth) * iHeight * 3 / 2;
+  void* pPinned = Qv::Device::AllocPinnedHost(uI420Bytes);
+  for (int i = 0; i < iRuns + 2; ++i) {
+    const auto t0 = Clock::now();
+    Qv::Device::Copy2D(pPinned, static_cast<size_t>(iWidth), xI420.GetDevicePointer(),
+                       xI420.GetDevicePitch(), static_cast<size_t>(iWidth),
+                       static_cast<size_t>(xI420.GetFormat().iHeight),
+                       Qv::Device::ECopyKind::DeviceToHost, hStream, true);
+    Qv::Device::SynchronizeStream(hStream);
+    if (i >= 2) xBare.push_back(MsSince(t0));
+  }
+  Qv::Device::FreePinnedHost(pPinned);
+  gst_buffer_unmap(pxFrame, &xMap);
+
+  const double dFloor = Median(xFloor), dConvert = Median(xConvert), dBare = Median(xBare);
+  const double dDownload = DownloadPipelineMs(pxFrame, iWidth, iHeight, bCuda ? 300 : 20);
+  gst_buffer_unref(pxFrame);
+  Qv::Device::DestroyStream(hStream);
+  std::printf("yuv: device copy of the same bytes (floor)  %8.3f ms\n", dFloor);
+  std::printf("yuv: Convert RGBA8 to I420                  %8.3f ms (%.2f x the floor)\n", dConvert,
+              dFloor > 0 ? dConvert / dFloor : 0.0);
+  std::printf("download: bare device-to-host copy (pinned) %8.3f ms\n", dBare);
+  std::printf("download: appsrc ! qvcudadownload ! fakesink%8.3f ms/frame (%.2f x the bare copy)\n",
+              dDownload, dBare > 0 ? dDownload / dBare : 0.0);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   gst_init(&argc, &argv);
   gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
+  qv_register_host_elements();
   const int iWidth = 3840, iHeight = 2160;
   try {
     const bool bCuda = Qv::Device::IsCuda();
@@ -242,6 +353,8 @@ int main(int argc, char** argv) {
       std::printf(
           "chain:  CPU peer not run (bayer2rgb from gstreamer1.0-plugins-bad is missing)\n");
     }
+
+    YuvDownloadBench(iWidth, iHeight, bCuda);
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "qvbench: %s\n", e.GetMessageText());
     return 1;

@@ -3,9 +3,17 @@
 // settings, and the one failure report.
 #include <gst/base/gstbasetransform.h>
 #include <gst/gst.h>
+#include <gst/video/video.h>
 
+#include "QvDeviceImage2D.h"
 #include "QvException.h"
+#include "QvImage.h"
+#include "QvImageFormat.h"
 #include "QvString.h"
+
+namespace cv::cuda {
+class GpuMat;
+}
 
 GstCaps* defaultNegotiation(const gchar* sinkCapsText, const gchar* srcCapsText,
                             GstPadDirection direction, GstCaps* caps, GstCaps* filter);
@@ -15,3 +23,28 @@ void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf);
 void HandleException(const Qv::IException& exception);
 void LogMessage(const char* text);
 void LogMessage(Qv::CQvString text);
+// The device image of a mapped input buffer: null when the map gave none. A buffer of other
+// memory is refused, since its host bytes would be taken for an image.
+Qv::CQvDeviceImage2D* DeviceImageOfBuffer(GstBuffer* buffer, guint8* mapped);
+
+// Format mapping between GStreamer's video formats, the image ids and OpenCV matrix types. The
+// tables are not inverse to one another: a gray frame is a raw mosaic, a planar YUV frame one
+// Lum image. Failures raise CQvException.
+GstVideoFormat MapQvToGstFormat(Qv::EPixelType::ID pixelType);
+Qv::EPixelType::ID MapGstToQvPixType(const GstVideoFrame* frame);
+Qv::EDataType::ID MapGstToQvDataType(const GstVideoFrame* frame);
+int MapToCVFormat(Qv::CQvImageFormat format);
+Qv::EPixelType::ID PixelTypeFromCVFormat(int type);
+Qv::EDataType::ID DataTypeFromCVFormat(int type);
+
+// Frame copy between host images, mapped video frames and OpenCV device matrices.
+// One plane: a mosaic goes only into a frame of the same mosaic or a Lum frame.
+void copyQvImageToGSTFrame(Qv::CQvImage& image, GstVideoFrame* frame);
+// Three planes from the stacked I420 layout; the planes must have strides W, W/2 and W/2.
+void copyQvImageToGSTFrame_YUV(Qv::CQvImage& image, GstVideoFrame* frame);
+// A view on plane 0 with packed rows, valid while the frame stays mapped.
+Qv::CQvImageMoniker copyGSTFrameToQvImage(GstVideoFrame* frame);
+// Wraps the device memory without a copy; the matrix must not outlive the image.
+cv::cuda::GpuMat QvDevImgToCvMat(Qv::CQvDeviceImage2D* image);
+// Copies the matrix into the image, creating it first when create is true.
+void CvMatToQvDevImg(cv::cuda::GpuMat& mat, Qv::CQvDeviceImage2D* image, bool create);

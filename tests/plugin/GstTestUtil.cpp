@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "QvDeviceImage2D.h"
+#include "gstqvCudaMemory.h"
 
 namespace QvTest {
 
@@ -42,6 +43,24 @@ bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected) {
   }
   gst_caps_unref(pxExpected);
   return bEqual;
+}
+
+GstBuffer* DeviceImageBuffer(const Qv::CQvImage& xImage) {
+  GstAllocator* pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
+  if (!pxAllocator) {
+    my_memory_init();
+    pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
+  }
+  GstBuffer* pxBuffer = gst_buffer_new_allocate(pxAllocator, 1, NULL);
+  gst_object_unref(pxAllocator);
+  GstMapInfo xMap;
+  if (!gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE)) {
+    ADD_FAILURE() << "cannot map a device image buffer";
+    return pxBuffer;
+  }
+  reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data)->Create(xImage);
+  gst_buffer_unmap(pxBuffer, &xMap);
+  return pxBuffer;
 }
 
 }  // namespace QvTest

@@ -23,4 +23,8 @@ inline std::vector<uint8_t> FrameBytes(size_t uCount, uint32_t uSeed) {
 
 bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected);
 
+// A buffer whose one memory is a device image ("QvCudaDevImage") holding the host image, as an
+// upload or a device transform would hand it on.
+GstBuffer* DeviceImageBuffer(const Qv::CQvImage& xImage);
+
 }  // namespace QvTest

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "gstqvHostElements.h"
+
 namespace {
 
 GstTracer* FindLeaksTracer() {
@@ -20,12 +22,18 @@ GstTracer* FindLeaksTracer() {
   return pxFound;
 }
 
+// The plugin's factories, then the types without a factory that a host application registers
+// (they belong to no plugin, so the plugin's feature list does not name them).
 std::vector<std::string> PluginElementNames() {
   std::vector<std::string> xNames;
   GList* pxFeatures = gst_registry_get_feature_list_by_plugin(gst_registry_get(), "qvvideoproc");
   for (GList* l = pxFeatures; l; l = l->next)
     if (GST_IS_ELEMENT_FACTORY(l->data)) xNames.push_back(GST_OBJECT_NAME(l->data));
   gst_plugin_feature_list_free(pxFeatures);
+  if (qv_register_host_elements())
+    for (const char* szName : {"qvcudanormalize", "qvcudayuv", "qvcudadownload", "qvbayer2rgb",
+                               "qvrgb2bayer", "qvbayer2lum"})
+      xNames.push_back(szName);
   return xNames;
 }
 

@@ -1,0 +1,343 @@
+/**
+ * SECTION:element-qvcudadownload
+ *
+ * Brings a device image back to host memory as an ordinary video frame in pinned memory.
+ * Colour images (RGBA caps) go through a host image; the stacked I420 image of qvcudayuv
+ * (I420 caps) is copied plane by plane straight from the device into the frame. No factory: a
+ * host application registers the type (qvproc-launch does).
+ *
+ * |[
+ * qvproc-launch videotestsrc num-buffers=10 ! video/x-bayer,format=grbg,width=1920,height=1080 ! \
+ *     qvcudaupload ! qvcudadebayer ! qvcudadownload ! pngenc ! multifilesink location=f%02d.png
+ * ]|
+ */
+#include "gstqvCudaDownload.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "QvDevice.h"
+#include "QvDeviceImage2D.h"
+#include "QvException.h"
+#include "QvImage.h"
+#include "gstBufferMap.h"
+#include "gstUtil.h"
+#include "gstqvSysMemAlloc.h"
+
+GST_DEBUG_CATEGORY_STATIC(gst_cuda_download_debug);
+#define GST_CAT_DEFAULT gst_cuda_download_debug
+
+#define DOWNLOAD_CAPS                                                                           \
+  "video/x-raw, format = (string) {  RGBA, I420 }, width = (int) [ 1, max ], height = (int) [ " \
+  "1, max ], framerate = (fraction) [ 0, max ]"
+
+static GstStaticPadTemplate sink_template =
+    GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(DOWNLOAD_CAPS));
+static GstStaticPadTemplate src_template =
+    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(DOWNLOAD_CAPS));
+
+// Each pool buffer is twice a frame, one to three of them.
+#define POOL_MIN_BUFFERS 1
+#define POOL_MAX_BUFFERS 3
+
+G_DEFINE_TYPE_WITH_CODE(GstQvCudaDownload, gst_cuda_download, GST_TYPE_QV_CUDA_BASE_TRANSFORM,
+                        GST_DEBUG_CATEGORY_INIT(gst_cuda_download_debug, "qvcudadownload", 0,
+                                                "qvvideoproc download element"))
+
+static void gst_cuda_download_finalize(GObject* object);
+static GstStateChangeReturn gst_cuda_download_change_state(GstElement* element,
+                                                           GstStateChange transition);
+static GstCaps* gst_cuda_download_transform_caps(GstBaseTransform* trans, GstPadDirection direction,
+                                                 GstCaps* caps, GstCaps* filter);
+static GstCaps* gst_cuda_download_fixate_caps(GstBaseTransform* trans, GstPadDirection direction,
+                                              GstCaps* caps, GstCaps* othercaps);
+static gboolean gst_cuda_download_set_caps(GstBaseTransform* trans, GstCaps* incaps,
+                                           GstCaps* outcaps);
+static GstFlowReturn gst_cuda_download_prepare_output_buffer(GstBaseTransform* trans,
+                                                             GstBuffer* inbuf, GstBuffer** outbuf);
+static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
+                                                       GstBuffer* outbuf);
+
+static void gst_cuda_download_class_init(GstQvCudaDownloadClass* klass) {
+  GObjectClass* pxObjectClass = G_OBJECT_CLASS(klass);
+  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(klass);
+  GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
+
+  pxObjectClass->finalize = gst_cuda_download_finalize;
+  pxElementClass->change_state = GST_DEBUG_FUNCPTR(gst_cuda_download_change_state);
+
+  gst_element_class_set_static_metadata(pxElementClass, "qv cuda download element",
+                                        "Filter/Effect/Video", "Velmora Cuda Download",
+                                        "qvvideoproc developers");
+  gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
+  gst_element_class_add_static_pad_template(pxElementClass, &src_template);
+
+  pxTransClass->transform = GST_DEBUG_FUNCPTR(gst_cuda_download_transform_frame);
+  pxTransClass->transform_caps = GST_DEBUG_FUNCPTR(gst_cuda_download_transform_caps);
+  pxTransClass->fixate_caps = GST_DEBUG_FUNCPTR(gst_cuda_download_fixate_caps);
+  pxTransClass->set_caps = GST_DEBUG_FUNCPTR(gst_cuda_download_set_caps);
+  pxTransClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(gst_cuda_download_prepare_output_buffer);
+}
+
+static void gst_cuda_download_init(GstQvCudaDownload* self) {
+  gst_video_info_init(&self->videoInfo);
+  gst_video_info_init(&self->poolInfo);
+  g_mutex_init(&self->poolLock);
+  self->pool = NULL;
+}
+
+// Deactivating wakes a streaming thread that waits for a buffer; buffers still downstream
+// keep the pool alive until they come back.
+static void gst_cuda_download_release_pool(GstBufferPool* pool) {
+  if (!pool) return;
+  gst_buffer_pool_set_active(pool, FALSE);
+  gst_object_unref(pool);
+}
+
+static GstBufferPool* gst_cuda_download_take_pool(GstQvCudaDownload* self) {
+  g_mutex_lock(&self->poolLock);
+  GstBufferPool* pxPool = self->pool;
+  self->pool = NULL;
+  g_mutex_unlock(&self->poolLock);
+  return pxPool;
+}
+
+static void gst_cuda_download_finalize(GObject* object) {
+  GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(object);
+  gst_cuda_download_release_pool(gst_cuda_download_take_pool(self));
+  g_mutex_clear(&self->poolLock);
+  G_OBJECT_CLASS(gst_cuda_download_parent_class)->finalize(object);
+}
+
+static GstStateChangeReturn gst_cuda_download_change_state(GstElement* element,
+                                                           GstStateChange transition) {
+  // Before the pads stop: a thread blocked in acquire must come back for them to stop.
+  if (transition == GST_STATE_CHANGE_PAUSED_TO_READY)
+    gst_cuda_download_release_pool(gst_cuda_download_take_pool(GST_CUDA_DOWNLOAD(element)));
+  return GST_ELEMENT_CLASS(gst_cuda_download_parent_class)->change_state(element, transition);
+}
+
+static GstCaps* gst_cuda_download_transform_caps(GstBaseTransform* /*trans*/,
+                                                 GstPadDirection direction, GstCaps* caps,
+                                                 GstCaps* filter) {
+  return defaultNegotiation(DOWNLOAD_CAPS, DOWNLOAD_CAPS, direction, caps, filter);
+}
+
+// Both sides allow RGBA and I420: a download converts nothing, so the other side keeps this
+// side's format wherever its peer allows that.
+static GstCaps* gst_cuda_download_fixate_caps(GstBaseTransform* trans, GstPadDirection direction,
+                                              GstCaps* caps, GstCaps* othercaps) {
+  const GstStructure* pxStructure =
+      gst_caps_get_size(caps) > 0 ? gst_caps_get_structure(caps, 0) : NULL;
+  const gchar* szFormat = pxStructure ? gst_structure_get_string(pxStructure, "format") : NULL;
+  if (szFormat) {
+    GstCaps* pxSame = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, szFormat, NULL);
+    GstCaps* pxPreferred = gst_caps_intersect_full(othercaps, pxSame, GST_CAPS_INTERSECT_FIRST);
+    gst_caps_unref(pxSame);
+    if (gst_caps_is_empty(pxPreferred)) {
+      gst_caps_unref(pxPreferred);
+    } else {
+      gst_caps_unref(othercaps);
+      othercaps = pxPreferred;
+    }
+  }
+  return GST_BASE_TRANSFORM_CLASS(gst_cuda_download_parent_class)
+      ->fixate_caps(trans, direction, caps, othercaps);
+}
+
+static gboolean gst_cuda_download_set_caps(GstBaseTransform* trans, GstCaps* /*incaps*/,
+                                           GstCaps* outcaps) {
+  GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(trans);
+  if (!gst_video_info_from_caps(&self->videoInfo, outcaps)) {
+    GST_ERROR_OBJECT(self, "cannot read the output caps %" GST_PTR_FORMAT, outcaps);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+static GstBufferPool* gst_cuda_download_new_pool(GstQvCudaDownload* self) {
+  GstAllocationParams xParams = {static_cast<GstMemoryFlags>(0), 15, 0, 0, {}};
+  GstAllocator* pxAllocator = gst_allocator_find(QV_SYSMEM_NAME);
+  if (!pxAllocator) {
+    // No allocation query ran upstream: register the pinned allocator here.
+    my_SysMem_init();
+    pxAllocator = gst_allocator_find(QV_SYSMEM_NAME);
+  }
+  GstBufferPool* pxPool = gst_buffer_pool_new();
+  GstStructure* pxConfig = gst_buffer_pool_get_config(pxPool);
+  GstCaps* pxCaps = gst_video_info_to_caps(&self->videoInfo);
+  gst_buffer_pool_config_set_params(pxConfig, pxCaps,
+                                    static_cast<guint>(2 * GST_VIDEO_INFO_SIZE(&self->videoInfo)),
+                                    POOL_MIN_BUFFERS, POOL_MAX_BUFFERS);
+  gst_buffer_pool_config_set_allocator(pxConfig, pxAllocator, &xParams);
+  gst_caps_unref(pxCaps);
+  if (pxAllocator) gst_object_unref(pxAllocator);
+  if (!gst_buffer_pool_set_config(pxPool, pxConfig) || !gst_buffer_pool_set_active(pxPool, TRUE)) {
+    GST_ERROR_OBJECT(self, "cannot start an output pool for %d x %d",
+                     GST_VIDEO_INFO_WIDTH(&self->videoInfo),
+                     GST_VIDEO_INFO_HEIGHT(&self->videoInfo));
+    gst_object_unref(pxPool);
+    return NULL;
+  }
+  return pxPool;
+}
+
+static gboolean gst_cuda_download_same_frame(const GstVideoInfo* a, const GstVideoInfo* b) {
+  return GST_VIDEO_INFO_FORMAT(a) == GST_VIDEO_INFO_FORMAT(b) &&
+         GST_VIDEO_INFO_WIDTH(a) == GST_VIDEO_INFO_WIDTH(b) &&
+         GST_VIDEO_INFO_HEIGHT(a) == GST_VIDEO_INFO_HEIGHT(b) &&
+         GST_VIDEO_INFO_SIZE(a) == GST_VIDEO_INFO_SIZE(b);
+}
+
+// A reference to the pool for the current caps, made when there is none or the frame size
+// changed.
+static GstBufferPool* gst_cuda_download_ref_pool(GstQvCudaDownload* self) {
+  GstBufferPool* pxOld = NULL;
+  g_mutex_lock(&self->poolLock);
+  if (self->pool && !gst_cuda_download_same_frame(&self->poolInfo, &self->videoInfo)) {
+    pxOld = self->pool;
+    self->pool = NULL;
+  }
+  if (!self->pool) {
+    self->pool = gst_cuda_download_new_pool(self);
+    self->poolInfo = self->videoInfo;
+  }
+  GstBufferPool* pxPool = self->pool ? GST_BUFFER_POOL(gst_object_ref(self->pool)) : NULL;
+  g_mutex_unlock(&self->poolLock);
+  gst_cuda_download_release_pool(pxOld);
+  return pxPool;
+}
+
+static GstFlowReturn gst_cuda_download_prepare_output_buffer(GstBaseTransform* trans,
+                                                             GstBuffer* /*inbuf*/,
+                                                             GstBuffer** outbuf) {
+  GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(trans);
+  if (GST_VIDEO_INFO_SIZE(&self->videoInfo) == 0) return GST_FLOW_NOT_NEGOTIATED;
+  GstBufferPool* pxPool = gst_cuda_download_ref_pool(self);
+  if (!pxPool) return GST_FLOW_ERROR;
+  // With all buffers downstream this waits until one comes back.
+  const GstFlowReturn eResult = gst_buffer_pool_acquire_buffer(pxPool, outbuf, NULL);
+  gst_object_unref(pxPool);
+  if (eResult != GST_FLOW_OK) return eResult;
+  // Downstream sees one frame, not the whole block.
+  gst_buffer_set_size(*outbuf, static_cast<gssize>(GST_VIDEO_INFO_SIZE(&self->videoInfo)));
+  return GST_FLOW_OK;
+}
+
+// Unmaps the frame on every way out. A mapped frame holds a reference to its buffer, so the
+// buffer is writable again (for the meta) only after Unmap.
+class CVideoFrameMap {
+ public:
+  explicit CVideoFrameMap(GstVideoFrame* pxFrame) : m_pxFrame(pxFrame) {}
+  ~CVideoFrameMap() { Unmap(); }
+  CVideoFrameMap(const CVideoFrameMap&) = delete;
+  CVideoFrameMap& operator=(const CVideoFrameMap&) = delete;
+  void Unmap() {
+    if (m_pxFrame) gst_video_frame_unmap(m_pxFrame);
+    m_pxFrame = NULL;
+  }
+
+ private:
+  GstVideoFrame* m_pxFrame;
+};
+
+// The planar path writes plane Y in rows of W and each chroma plane as one run: refused where
+// that would land beside or past a plane.
+static void gst_cuda_download_check_planes(const GstVideoFrame* pxFrame, int iWidth, int iHeight,
+                                           guint64 uChromaBytes) {
+  const GstVideoInfo* pxInfo = &pxFrame->info;
+  if (GST_VIDEO_INFO_N_PLANES(pxInfo) != 3) {
+    Qv::CQvString sText("a planar image cannot go into a ");
+    sText << gst_video_format_to_string(GST_VIDEO_INFO_FORMAT(pxInfo)) << " frame";
+    QV_THROW(sText.ToCString());
+  }
+  if (GST_VIDEO_INFO_WIDTH(pxInfo) != iWidth || GST_VIDEO_INFO_HEIGHT(pxInfo) != iHeight) {
+    Qv::CQvString sText("the planar image holds a frame of ");
+    sText << iWidth << "x" << iHeight << ", the caps say " << GST_VIDEO_INFO_WIDTH(pxInfo) << "x"
+          << GST_VIDEO_INFO_HEIGHT(pxInfo);
+    QV_THROW(sText.ToCString());
+  }
+  const guint64 uChromaCapacity = static_cast<guint64>(GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 1)) *
+                                  static_cast<guint64>(GST_VIDEO_INFO_COMP_HEIGHT(pxInfo, 1));
+  if (GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 0) != iWidth ||
+      GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 1) != iWidth / 2 ||
+      GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 2) != iWidth / 2 || uChromaCapacity < uChromaBytes)
+    QV_THROW("Error: linestride missmatch");
+}
+
+// The stacked I420 image: H luma rows, then U and V in H/4 rows of W each.
+static void gst_cuda_download_planes(GstQvCudaDownload* self, const Qv::CQvDeviceImage2D& xImage,
+                                     GstVideoFrame* pxFrame) {
+  const Qv::CQvImageFormat& xFormat = xImage.GetFormat();
+  const int iWidth = xFormat.iWidth;
+  const int iHeight = static_cast<int>(static_cast<double>(xFormat.iHeight) / 1.5);
+  const guint64 uLuma = static_cast<guint64>(iWidth) * static_cast<guint64>(iHeight);
+  if (xFormat.eDataType == Qv::EDataType::UShort) {
+    LogMessage("Image is of type uShort - LUM converting to lum - ubyte ");
+    const guint64 uQuarter = uLuma / 4;
+    gst_cuda_download_check_planes(pxFrame, iWidth, iHeight, uQuarter);
+    Qv::CQvImage xHost;
+    xImage.CopyTo(xHost);
+    Qv::CQvImage xBytes;
+    xHost.ConvertType(xBytes, Qv::EPixelType::Lum, Qv::EDataType::UByte);
+    const auto* pSrc = static_cast<const guint8*>(xBytes.GetDataPtr());
+    std::memcpy(pxFrame->data[0], pSrc, uLuma);
+    std::memcpy(pxFrame->data[1], pSrc + uLuma, uQuarter);
+    std::memcpy(pxFrame->data[2], pSrc + uLuma + uQuarter, uQuarter);
+    return;
+  }
+  if (xFormat.eDataType != Qv::EDataType::UByte) {
+    Qv::CQvString sText("a planar image of data type '");
+    sText << Qv::CQvImageFormat::DataType2String(xFormat.eDataType)
+          << "' cannot go into an 8-bit frame";
+    QV_THROW(sText.ToCString());
+  }
+  const int iQuarterRows = iHeight / 4;
+  const size_t uRow = static_cast<size_t>(iWidth);
+  gst_cuda_download_check_planes(pxFrame, iWidth, iHeight,
+                                 static_cast<guint64>(iQuarterRows) * uRow);
+  const auto* pDevice = static_cast<const guint8*>(xImage.GetDevicePointer());
+  const size_t uPitch = xImage.GetDevicePitch();
+  const cudaStream_t hStream = self->parent.stream;
+  const auto eKind = Qv::Device::ECopyKind::DeviceToHost;
+  Qv::Device::Copy2D(pxFrame->data[0], uRow, pDevice, uPitch, uRow, static_cast<size_t>(iHeight),
+                     eKind, hStream, true);
+  Qv::Device::Copy2D(pxFrame->data[1], uRow, pDevice + uPitch * iHeight, uPitch, uRow,
+                     static_cast<size_t>(iQuarterRows), eKind, hStream, true);
+  Qv::Device::Copy2D(pxFrame->data[2], uRow, pDevice + uPitch * (iHeight + iQuarterRows), uPitch,
+                     uRow, static_cast<size_t>(iQuarterRows), eKind, hStream, true);
+  Qv::Device::SynchronizeStream(hStream);
+}
+
+static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
+                                                       GstBuffer* outbuf) {
+  GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(trans);
+  GstVideoFrame xFrame;
+  if (!gst_video_frame_map(&xFrame, &self->videoInfo, outbuf, GST_MAP_WRITE)) {
+    std::printf("MAPPING FAILED !!!\n");
+    std::fflush(stdout);
+    return GST_FLOW_OK;
+  }
+  try {
+    CVideoFrameMap xFrameMap(&xFrame);
+    CGstBufferMap xIn(inbuf, GST_MAP_READ, "cannot map in buffer");
+    Qv::CQvDeviceImage2D* pxImage = DeviceImageOfBuffer(inbuf, xIn.Data());
+    if (!pxImage) QV_THROW("No device image in meta found");
+    if (pxImage->GetFormat().ePixelType != Qv::EPixelType::Lum) {
+      std::printf("download format: %s\n", pxImage->GetFormat().ToString().ToCString());
+      std::fflush(stdout);
+      Qv::CQvImage xHost;
+      pxImage->CopyTo(xHost);
+      copyQvImageToGSTFrame(xHost, &xFrame);
+    } else {
+      gst_cuda_download_planes(self, *pxImage, &xFrame);
+    }
+    xFrameMap.Unmap();
+    CopyMetData(outbuf, inbuf);
+    LogMessage("Cuda download finish");
+    return GST_FLOW_OK;
+  } catch (const Qv::IException& e) {
+    HandleException(e);
+  }
+  return GST_FLOW_ERROR;
+}

@@ -1,0 +1,177 @@
+/**
+ * SECTION:element-qvcudanormalize
+ *
+ * Divides each RGBA device image by a gray reference image (a flat-field correction) and
+ * writes 8-bit RGBA. The reference is read once per instance from "/home/ubuntu/gray4k.png",
+ * or from the file that the environment variable QV_GRAY_REFERENCE names; the "gray" property
+ * is kept but does not choose the file. Without a reference every frame fails. No factory: a
+ * host application registers the type (qvproc-launch does).
+ *
+ * |[
+ * QV_GRAY_REFERENCE=gray.png qvproc-launch videotestsrc num-buffers=10 ! \
+ *     video/x-bayer,format=grbg,width=1920,height=1080 ! qvcudaupload ! qvcudadebayer ! \
+ *     qvcudanormalize ! qvcudadownload ! fakesink
+ * ]|
+ */
+#include "gstqvCudaNormalize.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "FileIO.h"
+#include "QvCudaCompNormalize.h"
+#include "QvDeviceImage2D.h"
+#include "QvException.h"
+#include "QvImage.h"
+#include "gstBufferMap.h"
+#include "gstUtil.h"
+
+GST_DEBUG_CATEGORY_STATIC(gst_cuda_normalize_debug);
+#define GST_CAT_DEFAULT gst_cuda_normalize_debug
+
+#define NORMALIZE_CAPS                                                                      \
+  "video/x-raw, format = (string) { RGBA }, width = (int) [ 1, max ], height = (int) [ 1, " \
+  "max ], framerate = (fraction) [ 0, max ]"
+
+static GstStaticPadTemplate sink_template =
+    GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(NORMALIZE_CAPS));
+static GstStaticPadTemplate src_template =
+    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(NORMALIZE_CAPS));
+
+#define DEFAULT_GRAY "gray4k.png"
+
+enum { PROP_0, PROP_GRAY };
+
+G_DEFINE_TYPE_WITH_CODE(GstQvCudaNormalize, gst_cuda_normalize, GST_TYPE_QV_CUDA_BASE_TRANSFORM,
+                        GST_DEBUG_CATEGORY_INIT(gst_cuda_normalize_debug, "qvcudanormalize", 0,
+                                                "qvvideoproc normalize element"))
+
+static void gst_cuda_normalize_set_property(GObject* object, guint prop_id, const GValue* value,
+                                            GParamSpec* pspec);
+static void gst_cuda_normalize_get_property(GObject* object, guint prop_id, GValue* value,
+                                            GParamSpec* pspec);
+static void gst_cuda_normalize_finalize(GObject* object);
+static GstFlowReturn gst_cuda_normalize_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
+                                                        GstBuffer* outbuf);
+
+static void gst_cuda_normalize_class_init(GstQvCudaNormalizeClass* klass) {
+  GObjectClass* pxObjectClass = G_OBJECT_CLASS(klass);
+  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(klass);
+  GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
+
+  pxObjectClass->set_property = gst_cuda_normalize_set_property;
+  pxObjectClass->get_property = gst_cuda_normalize_get_property;
+  pxObjectClass->finalize = gst_cuda_normalize_finalize;
+
+  g_object_class_install_property(
+      pxObjectClass, PROP_GRAY,
+      g_param_spec_string("gray", "Gray", "Gray image file path", DEFAULT_GRAY,
+                          static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
+
+  gst_element_class_set_static_metadata(pxElementClass, "qvvideo normalize", "Filter/Effect/Video",
+                                        "Velmora Video Proc", "qvvideoproc developers");
+  gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
+  gst_element_class_add_static_pad_template(pxElementClass, &src_template);
+
+  pxTransClass->transform = GST_DEBUG_FUNCPTR(gst_cuda_normalize_transform_frame);
+  pxTransClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(PrepareOutputBufferCuda);
+}
+
+// The reference is read, widened to 8-bit RGBA and uploaded once; a failure leaves the
+// instance without reference, and its frames fail.
+static void gst_cuda_normalize_load_reference(GstQvCudaNormalize* self) {
+  const char* szOverride = std::getenv(QV_GRAY_REFERENCE_ENV);
+  self->grayPath = g_strdup(szOverride && *szOverride ? szOverride : QV_GRAY_REFERENCE_PATH);
+  try {
+    Qv::CQvImage xFile;
+    Qv::FileIO::CImage::Read(xFile, self->grayPath);
+    Qv::CQvImage xRgba;
+    Qv::CQvImage::ConvertType(xRgba, xFile, Qv::EPixelType::RGBA, Qv::EDataType::UByte, true);
+    self->grayImage = new Qv::CQvDeviceImage2D(xRgba);
+  } catch (const Qv::CQvException& e) {
+    std::printf("%s\n", e.ToString(true).ToCString());
+    std::fflush(stdout);
+    self->grayImage = nullptr;
+  }
+}
+
+static void gst_cuda_normalize_init(GstQvCudaNormalize* self) {
+  self->comp = new Qv::CQvCudaCompNormalize();
+  self->grayImage = nullptr;
+  self->gray = g_strdup(DEFAULT_GRAY);
+  self->grayPath = nullptr;
+  gst_cuda_normalize_load_reference(self);
+}
+
+static void gst_cuda_normalize_finalize(GObject* object) {
+  GstQvCudaNormalize* self = GST_CUDA_NORMALIZE(object);
+  delete self->grayImage;
+  self->grayImage = nullptr;
+  delete self->comp;
+  self->comp = nullptr;
+  g_free(self->gray);
+  self->gray = nullptr;
+  g_free(self->grayPath);
+  self->grayPath = nullptr;
+  G_OBJECT_CLASS(gst_cuda_normalize_parent_class)->finalize(object);
+}
+
+// The text is only kept: it does not choose the reference file, and nothing reloads.
+static void gst_cuda_normalize_set_property(GObject* object, guint prop_id, const GValue* value,
+                                            GParamSpec* pspec) {
+  GstQvCudaNormalize* self = GST_CUDA_NORMALIZE(object);
+  switch (prop_id) {
+    case PROP_GRAY: {
+      const gchar* szValue = g_value_get_string(value);
+      GST_OBJECT_LOCK(self);
+      g_free(self->gray);
+      self->gray = g_strdup(szValue ? szValue : DEFAULT_GRAY);
+      GST_OBJECT_UNLOCK(self);
+      break;
+    }
+    default:
+      G_OBJECT_WARN_INVALID_PROPERTY_ID(object, prop_id, pspec);
+      break;
+  }
+}
+
+static void gst_cuda_normalize_get_property(GObject* object, guint prop_id, GValue* value,
+                                            GParamSpec* pspec) {
+  GstQvCudaNormalize* self = GST_CUDA_NORMALIZE(object);
+  switch (prop_id) {
+    case PROP_GRAY:
+      GST_OBJECT_LOCK(self);
+      g_value_set_string(value, self->gray);
+      GST_OBJECT_UNLOCK(self);
+      break;
+    default:
+      G_OBJECT_WARN_INVALID_PROPERTY_ID(object, prop_id, pspec);
+      break;
+  }
+}
+
+static GstFlowReturn gst_cuda_normalize_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
+                                                        GstBuffer* outbuf) {
+  GstQvCudaNormalize* self = GST_CUDA_NORMALIZE(trans);
+  try {
+    LogMessage("Normalize plugin start");
+    CGstBufferMap xIn(inbuf, GST_MAP_READ, "cannot map inbuffer");
+    CGstBufferMap xOut(outbuf, GST_MAP_WRITE, "cannot map outbuffer");
+    Qv::CQvDeviceImage2D* pxIn = DeviceImageOfBuffer(inbuf, xIn.Data());
+    if (!pxIn) QV_THROW("no image data found");
+    LogMessage("found a device image pointer in meta !!.\n");
+    if (!self->grayImage) {
+      Qv::CQvString sText("no gray reference image: '");
+      sText << self->grayPath << "' could not be read when the element was made";
+      QV_THROW(sText.ToCString());
+    }
+    auto* pxOut = reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data());
+    self->comp->SetStream(self->parent.stream);
+    self->comp->Normalize(*pxOut, *pxIn, *self->grayImage, Qv::EDataType::UByte);
+    CopyMetData(outbuf, inbuf);
+    return GST_FLOW_OK;
+  } catch (const Qv::IException& e) {
+    HandleException(e);
+  }
+  return GST_FLOW_ERROR;
+}

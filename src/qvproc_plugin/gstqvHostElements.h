@@ -1,0 +1,13 @@
+#pragma once
+// The element types without a factory in the plugin are registered by the host application;
+// this registers all of them at once under their element names, for qvproc-launch and tests.
+#include <gst/gst.h>
+
+G_BEGIN_DECLS
+
+// Registers "qvcudanormalize", "qvcudayuv", "qvcudadownload", "qvbayer2rgb", "qvrgb2bayer"
+// and "qvbayer2lum" without a plugin, rank none. Every registration is tried; the result is
+// true when all succeeded. Calling it again changes nothing.
+gboolean qv_register_host_elements(void);
+
+G_END_DECLS

@@ -1,0 +1,20 @@
+#pragma once
+#include <gst/base/gstbasetransform.h>
+#include <gst/gst.h>
+
+G_BEGIN_DECLS
+
+#define GST_TYPE_RGB2BAYER (gst_rgb2bayer_get_type())
+#define GST_RGB2BAYER(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_RGB2BAYER, GstRgb2Bayer))
+
+typedef struct _GstRgb2Bayer {
+  GstBaseTransform parent;
+} GstRgb2Bayer;
+
+typedef struct _GstRgb2BayerClass {
+  GstBaseTransformClass parent_class;
+} GstRgb2BayerClass;
+
+GType gst_rgb2bayer_get_type(void);
+
+G_END_DECLS

@@ -1,0 +1,188 @@
+// qvproc-launch end to end: pipeline descriptions that name the element types without a
+// factory run from a raw file into a file, and failures end the run with an error.
+#include <glib.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "GstTestUtil.h"
+
+namespace {
+
+struct SRun {
+  int iExit = -1;
+  std::string sOut;
+  std::string sErr;
+};
+
+SRun Launch(const std::string& sPipeline) {
+  SRun x;
+  gchar** ppArgv = NULL;
+  GError* pxError = NULL;
+  const std::string sCommand = std::string(QV_LAUNCH_PATH) + " " + sPipeline;
+  EXPECT_TRUE(g_shell_parse_argv(sCommand.c_str(), NULL, &ppArgv, &pxError));
+  gchar* szOut = NULL;
+  gchar* szErr = NULL;
+  gint iStatus = 0;
+  if (g_spawn_sync(NULL, ppArgv, NULL, G_SPAWN_DEFAULT, NULL, NULL, &szOut, &szErr, &iStatus,
+                   &pxError)) {
+    x.iExit = WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : -1;
+    x.sOut = szOut ? szOut : "";
+    x.sErr = szErr ? szErr : "";
+  } else {
+    ADD_FAILURE() << (pxError ? pxError->message : "cannot run qvproc-launch");
+  }
+  g_clear_error(&pxError);
+  g_free(szOut);
+  g_free(szErr);
+  g_strfreev(ppArgv);
+  return x;
+}
+
+std::string TempPath(const char* szName) {
+  // The process id keeps builds that test at the same time apart.
+  return ::testing::TempDir() + "qv-launch-" + std::to_string(getpid()) + "-" +
+         ::testing::UnitTest::GetInstance()->current_test_info()->name() + "-" + szName;
+}
+
+void WriteFile(const std::string& sPath, const std::vector<uint8_t>& x) {
+  std::ofstream xFile(sPath, std::ios::binary);
+  xFile.write(reinterpret_cast<const char*>(x.data()), static_cast<std::streamsize>(x.size()));
+}
+
+std::vector<uint8_t> ReadFile(const std::string& sPath) {
+  std::ifstream xFile(sPath, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(xFile), {});
+}
+
+std::string FileSourceCaps(const std::string& sPath, size_t uFrameBytes, const char* szCaps) {
+  return "filesrc location=" + sPath + " blocksize=" + std::to_string(uFrameBytes) + " ! " + szCaps;
+}
+
+TEST(LaunchPipeline, RelabellingFiltersCarryARawFileThroughUnchanged) {
+  // Bayer to RGB of a third of the height, back to bayer, then to gray: three frames of
+  // 64 x 48 leave as they came.
+  const std::vector<uint8_t> xRaw = QvTest::FrameBytes(3 * 64 * 48, 21);
+  const std::string sIn = TempPath("in.grbg"), sOut = TempPath("out.gray");
+  WriteFile(sIn, xRaw);
+  const SRun x = Launch(
+      FileSourceCaps(sIn, 64 * 48, "video/x-bayer,format=grbg,width=64,height=48,framerate=30/1") +
+      " ! qvbayer2rgb ! qvrgb2bayer ! qvbayer2lum ! "
+      "video/x-raw,format=GRAY8,width=64,height=48 ! filesink location=" +
+      sOut);
+  EXPECT_EQ(0, x.iExit) << x.sOut << x.sErr;
+  EXPECT_EQ(xRaw, ReadFile(sOut));
+  std::remove(sIn.c_str());
+  std::remove(sOut.c_str());
+}
+
+TEST(LaunchPipeline, UnknownElementsAndFailedFramesEndTheRunWithAnError) {
+  SRun x = Launch("fakesrc num-buffers=1 ! nosuchelement ! fakesink");
+  EXPECT_NE(0, x.iExit);
+  EXPECT_NE(std::string::npos, x.sErr.find("nosuchelement")) << x.sErr;
+  // Host bytes are no device image: the download element fails the frame.
+  const std::string sIn = TempPath("in.rgba");
+  WriteFile(sIn, QvTest::FrameBytes(8 * 4 * 4, 22));
+  x = Launch(
+      FileSourceCaps(sIn, 8 * 4 * 4, "video/x-raw,format=RGBA,width=8,height=4,framerate=30/1") +
+      " ! qvcudadownload ! fakesink");
+  EXPECT_EQ(1, x.iExit) << x.sOut << x.sErr;
+  EXPECT_NE(std::string::npos, x.sOut.find("exception catched: ")) << x.sOut;
+  EXPECT_NE(std::string::npos, x.sErr.find("ERROR")) << x.sErr;
+  std::remove(sIn.c_str());
+}
+
+// Reference of the whole chain, worked out here: Malvar-He-Cutler demosaic of a GRBG mosaic
+// with the debayer element's fixed gains, 8-bit storing, then I420 from the BT.601 analogue
+// weights with the chroma of each block's top left pixel.
+struct SReference {
+  int W, H;
+  const uint8_t* pRaw;
+
+  float P(int x, int y) const {
+    x = x < 0 ? 0 : (x >= W ? W - 1 : x);
+    y = y < 0 ? 0 : (y >= H ? H - 1 : y);
+    return pRaw[y * W + x] / 255.0f;
+  }
+  static float Store(double v) {
+    double s = v * 255.0;
+    s = s > 255.0 ? 255.0 : (s < 0.0 ? 0.0 : s);
+    return static_cast<float>(std::trunc(s)) / 255.0f;
+  }
+  void Rgb(int x, int y, float* pRgb) const {
+    const double r = 1.4285715, g = 1.0, b = 1.1363636;
+    const int iPhase = (1 - x % 2) + 2 * (y % 2);
+    const double aGains[4][4] = {{r, g, g, b}, {g, r, b, g}, {g, b, r, g}, {b, g, g, r}};
+    const double c = aGains[iPhase][0], h = aGains[iPhase][1], v = aGains[iPhase][2],
+                 d = aGains[iPhase][3];
+    const double C = c * P(x, y), X = c * (P(x - 2, y) + P(x + 2, y)),
+                 Y = c * (P(x, y - 2) + P(x, y + 2)), Hs = h * (P(x - 1, y) + P(x + 1, y)),
+                 V = v * (P(x, y - 1) + P(x, y + 1)),
+                 D = d * (P(x - 1, y - 1) + P(x - 1, y + 1) + P(x + 1, y - 1) + P(x + 1, y + 1));
+    const double T = 10 * C - 2 * D;
+    const double EH = (T + 8 * Hs + Y - 2 * X) * 0.0625, EV = (T + 8 * V + X - 2 * Y) * 0.0625;
+    const double EG = (4 * C + 2 * V + 2 * Hs - (X + Y)) * 0.125;
+    const double ED = (12 * C + 4 * D - 3 * (X + Y)) * 0.0625;
+    const double aOut[4][3] = {{C, EG, ED}, {EH, C, EV}, {EV, C, EH}, {ED, EG, C}};
+    for (int i = 0; i < 3; ++i) pRgb[i] = Store(aOut[iPhase][i]);
+  }
+  static int Byte(double v) {
+    double s = v * 255.0;
+    return static_cast<int>(s > 255.0 ? 255.0 : (s < 0.0 ? 0.0 : s));
+  }
+  // Y plane, then U and V planes of W/2 x H/2.
+  std::vector<int> I420() const {
+    std::vector<int> x;
+    float c[3];
+    for (int y = 0; y < H; ++y)
+      for (int i = 0; i < W; ++i) {
+        Rgb(i, y, c);
+        x.push_back(Byte(0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]));
+      }
+    for (int iPlane = 0; iPlane < 2; ++iPlane)
+      for (int j = 0; j < H / 2; ++j)
+        for (int i = 0; i < W / 2; ++i) {
+          Rgb(2 * i, 2 * j, c);
+          x.push_back(Byte(iPlane == 0 ? -0.147 * c[0] - 0.289 * c[1] + 0.436 * c[2] + 0.5
+                                       : 0.615 * c[0] - 0.515 * c[1] - 0.1 * c[2] + 0.5));
+        }
+    return x;
+  }
+};
+
+TEST(LaunchPipeline, RawGrbgFileThroughDebayerYuvAndDownloadGivesTheReferenceI420) {
+  GstElementFactory* pxDebayer = gst_element_factory_find("qvcudadebayer");
+  if (!pxDebayer) GTEST_SKIP() << "no qvcudadebayer factory in this build of the plugin";
+  gst_object_unref(pxDebayer);
+  const int W = 64, H = 48, iFrames = 2;
+  const std::vector<uint8_t> xRaw = QvTest::FrameBytes(static_cast<size_t>(iFrames) * W * H, 23);
+  const std::string sIn = TempPath("in.grbg"), sOut = TempPath("out.i420");
+  WriteFile(sIn, xRaw);
+  const SRun x = Launch(
+      FileSourceCaps(sIn, W * H, "video/x-bayer,format=grbg,width=64,height=48,framerate=30/1") +
+      " ! qvcudaupload ! qvcudadebayer ! qvcudayuv ! qvcudadownload ! "
+      "video/x-raw,format=I420 ! filesink location=" +
+      sOut);
+  EXPECT_EQ(0, x.iExit) << x.sOut << x.sErr;
+  const std::vector<uint8_t> xOut = ReadFile(sOut);
+  const size_t uFrame = W * H * 3 / 2;
+  ASSERT_EQ(iFrames * uFrame, xOut.size());
+  for (int f = 0; f < iFrames; ++f) {
+    const std::vector<int> xExpected = SReference{W, H, xRaw.data() + f * W * H}.I420();
+    // The demosaic's own float order decides the last bit of a stored colour; through the
+    // colour weights that moves a sample by at most two steps.
+    for (size_t i = 0; i < uFrame; ++i)
+      ASSERT_NEAR(xExpected[i], xOut[f * uFrame + i], 2) << "frame " << f << " byte " << i;
+  }
+  std::remove(sIn.c_str());
+  std::remove(sOut.c_str());
+}
+
+}  // namespace

@@ -1,0 +1,174 @@
+// qvproc-launch: runs a pipeline description as gst-launch-1.0 does, after registering the
+// plugin's element types that have no factory, so that a pipeline can name every element.
+#include <glib-unix.h>
+#include <gst/gst.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "gstqvHostElements.h"
+
+namespace {
+
+struct SRun {
+  GMainLoop* pxLoop = NULL;
+  GstElement* pxPipeline = NULL;
+  bool bQuiet = false;
+  bool bEosOnShutdown = false;
+  int iResult = 0;
+  bool bInterrupted = false;
+};
+
+void Say(const SRun& x, const char* szText) {
+  if (!x.bQuiet) std::printf("%s\n", szText);
+  std::fflush(stdout);
+}
+
+gboolean OnBusMessage(GstBus* /*bus*/, GstMessage* pxMessage, gpointer pData) {
+  SRun& x = *static_cast<SRun*>(pData);
+  switch (GST_MESSAGE_TYPE(pxMessage)) {
+    case GST_MESSAGE_ERROR: {
+      GError* pxError = NULL;
+      gchar* szDebug = NULL;
+      gst_message_parse_error(pxMessage, &pxError, &szDebug);
+      gchar* szName = gst_object_get_path_string(GST_MESSAGE_SRC(pxMessage));
+      std::fprintf(stderr, "ERROR: from element %s: %s\n", szName, pxError->message);
+      if (szDebug) std::fprintf(stderr, "Additional debug info:\n%s\n", szDebug);
+      g_free(szName);
+      g_free(szDebug);
+      g_error_free(pxError);
+      x.iResult = 1;
+      g_main_loop_quit(x.pxLoop);
+      break;
+    }
+    case GST_MESSAGE_WARNING: {
+      GError* pxError = NULL;
+      gchar* szDebug = NULL;
+      gst_message_parse_warning(pxMessage, &pxError, &szDebug);
+      gchar* szName = gst_object_get_path_string(GST_MESSAGE_SRC(pxMessage));
+      std::fprintf(stderr, "WARNING: from element %s: %s\n", szName, pxError->message);
+      g_free(szName);
+      g_free(szDebug);
+      g_error_free(pxError);
+      break;
+    }
+    case GST_MESSAGE_EOS:
+      Say(x, "Got EOS from element \"pipeline0\".");
+      g_main_loop_quit(x.pxLoop);
+      break;
+    default:
+      break;
+  }
+  return TRUE;
+}
+
+gboolean OnInterrupt(gpointer pData) {
+  SRun& x = *static_cast<SRun*>(pData);
+  if (x.bEosOnShutdown && !x.bInterrupted) {
+    Say(x, "Interrupt: sending EOS ...");
+    x.bInterrupted = true;
+    gst_element_send_event(x.pxPipeline, gst_event_new_eos());
+    return G_SOURCE_CONTINUE;
+  }
+  Say(x, "Interrupt: stopping pipeline ...");
+  x.iResult = 1;
+  g_main_loop_quit(x.pxLoop);
+  return G_SOURCE_REMOVE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  SRun x;
+  gboolean bVerbose = FALSE, bQuiet = FALSE, bEos = FALSE;
+  GOptionEntry aEntries[] = {
+      {"verbose", 'v', 0, G_OPTION_ARG_NONE, &bVerbose,
+       "Print status information and property notifications", NULL},
+      {"quiet", 'q', 0, G_OPTION_ARG_NONE, &bQuiet, "Do not print any progress information", NULL},
+      {"eos-on-shutdown", 'e', 0, G_OPTION_ARG_NONE, &bEos,
+       "Force an EOS on the pipeline on Ctrl-C", NULL},
+      {NULL, 0, 0, G_OPTION_ARG_NONE, NULL, NULL, NULL}};
+  GOptionContext* pxContext = g_option_context_new("PIPELINE-DESCRIPTION");
+  g_option_context_set_summary(
+      pxContext,
+      "Runs a GStreamer pipeline like gst-launch-1.0, with every element of qvvideoproc,\n"
+      "also those without a factory (qvcudanormalize, qvcudayuv, qvcudadownload,\n"
+      "qvbayer2rgb, qvrgb2bayer, qvbayer2lum).");
+  g_option_context_add_main_entries(pxContext, aEntries, NULL);
+  g_option_context_add_group(pxContext, gst_init_get_option_group());
+  GError* pxError = NULL;
+  if (!g_option_context_parse(pxContext, &argc, &argv, &pxError)) {
+    std::fprintf(stderr, "qvproc-launch: %s\n", pxError ? pxError->message : "bad options");
+    g_clear_error(&pxError);
+    g_option_context_free(pxContext);
+    return 2;
+  }
+  g_option_context_free(pxContext);
+  x.bQuiet = bQuiet;
+  x.bEosOnShutdown = bEos;
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: qvproc-launch [-v] [-q] [-e] PIPELINE-DESCRIPTION\n");
+    return 2;
+  }
+
+  // The plugin this tool was built with, also when GST_PLUGIN_PATH does not name it.
+  gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
+  if (!qv_register_host_elements()) {
+    std::fprintf(stderr, "qvproc-launch: could not register the qvvideoproc element types\n");
+    return 1;
+  }
+
+  x.pxPipeline = gst_parse_launchv(const_cast<const gchar**>(argv + 1), &pxError);
+  if (!x.pxPipeline) {
+    std::fprintf(stderr, "qvproc-launch: could not construct pipeline: %s\n",
+                 pxError ? pxError->message : "unknown error");
+    g_clear_error(&pxError);
+    return 1;
+  }
+  if (pxError) {
+    std::fprintf(stderr, "WARNING: erroneous pipeline: %s\n", pxError->message);
+    g_clear_error(&pxError);
+  }
+  if (!GST_IS_PIPELINE(x.pxPipeline)) {
+    // A single element: put it into a pipeline of its own.
+    GstElement* pxPipeline = gst_pipeline_new(NULL);
+    gst_bin_add(GST_BIN(pxPipeline), x.pxPipeline);
+    x.pxPipeline = pxPipeline;
+  }
+  gulong uNotify = 0;
+  if (bVerbose)
+    uNotify = g_signal_connect(x.pxPipeline, "deep-notify",
+                               G_CALLBACK(gst_object_default_deep_notify), NULL);
+
+  x.pxLoop = g_main_loop_new(NULL, FALSE);
+  GstBus* pxBus = gst_element_get_bus(x.pxPipeline);
+  const guint uWatch = gst_bus_add_watch(pxBus, OnBusMessage, &x);
+  const guint uSigInt = g_unix_signal_add(SIGINT, OnInterrupt, &x);
+
+  Say(x, "Setting pipeline to PLAYING ...");
+  if (gst_element_set_state(x.pxPipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    std::fprintf(stderr, "ERROR: pipeline doesn't want to play.\n");
+    // The bus may say why.
+    GstMessage* pxMessage = gst_bus_pop_filtered(pxBus, GST_MESSAGE_ERROR);
+    if (pxMessage) {
+      OnBusMessage(pxBus, pxMessage, &x);
+      gst_message_unref(pxMessage);
+    }
+    x.iResult = 1;
+  } else {
+    g_main_loop_run(x.pxLoop);
+  }
+
+  Say(x, "Setting pipeline to NULL ...");
+  gst_element_set_state(x.pxPipeline, GST_STATE_NULL);
+  if (uNotify) g_signal_handler_disconnect(x.pxPipeline, uNotify);
+  g_source_remove(uSigInt);
+  g_source_remove(uWatch);
+  gst_object_unref(pxBus);
+  gst_object_unref(x.pxPipeline);
+  g_main_loop_unref(x.pxLoop);
+  Say(x, "Freeing pipeline ...");
+  gst_deinit();
+  return x.iResult;
+}
