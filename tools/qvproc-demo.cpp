@@ -1,9 +1,10 @@
 // The demo: synthetic GRBG camera frames from a pinned pool go through qvcudaupload,
-// qvcudadebayer and qvcudascale on the default backend; it prints what it did and writes the
-// last picture as a PNG.
+// qvcudadebayer, qvcudascale and qvcudadownload on the default backend; it prints what it did
+// and writes the last downloaded picture as a PNG.
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
+#include <gst/video/video.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -17,6 +18,7 @@
 #include "QvDeviceMMU.h"
 #include "QvException.h"
 #include "QvSynthetic.h"
+#include "gstqvHostElements.h"
 
 namespace {
 
@@ -49,6 +51,7 @@ int main(int argc, char** argv) {
   gst_init(&argc, &argv);
   // The plugin this demo was built with, also when GST_PLUGIN_PATH does not name it.
   gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
+  qv_register_host_elements();
   const SOptions xOpt = ParseArgs(argc, argv);
   if (xOpt.iWidth < 2 || xOpt.iHeight < 2 || xOpt.iFrames < 1) {
     std::fprintf(stderr, "usage: qvproc-demo [--width W] [--height H] [--frames N] [--out DIR]\n");
@@ -67,7 +70,8 @@ int main(int argc, char** argv) {
                 xOpt.iHeight);
   const std::string sPipeline =
       std::string("appsrc name=src format=time caps=\"") + szCaps +
-      "\" ! qvcudaupload name=upload ! qvcudadebayer ! qvcudascale ! appsink name=sink sync=false";
+      "\" ! qvcudaupload name=upload ! qvcudadebayer ! qvcudascale ! qvcudadownload ! "
+      "video/x-raw,format=RGBA ! appsink name=sink sync=false";
   GError* pxError = NULL;
   GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
   if (!pxPipeline || pxError) {
@@ -106,11 +110,19 @@ int main(int argc, char** argv) {
     }
     if (i == 1) uAllocsAtFrame2 = Qv::CQvDeviceMMU::GetAllocationCount();
     if (i == xOpt.iFrames - 1) {
-      GstMapInfo xMap;
-      GstBuffer* pxOut = gst_sample_get_buffer(pxSample);
-      if (gst_buffer_map(pxOut, &xMap, GST_MAP_READ)) {
-        reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data)->CopyTo(xLastImage);
-        gst_buffer_unmap(pxOut, &xMap);
+      // The download element hands a host RGBA frame in pinned memory.
+      GstVideoInfo xInfo;
+      GstVideoFrame xFrame;
+      if (gst_video_info_from_caps(&xInfo, gst_sample_get_caps(pxSample)) &&
+          gst_video_frame_map(&xFrame, &xInfo, gst_sample_get_buffer(pxSample), GST_MAP_READ)) {
+        xLastImage.Create(Qv::CQvImageFormat(xInfo.width, xInfo.height, Qv::EPixelType::RGBA,
+                                             Qv::EDataType::UByte));
+        Qv::Device::Copy2D(xLastImage.GetDataPtr(), xLastImage.GetFormat().GetRowBytes(),
+                           GST_VIDEO_FRAME_PLANE_DATA(&xFrame, 0),
+                           GST_VIDEO_FRAME_PLANE_STRIDE(&xFrame, 0),
+                           xLastImage.GetFormat().GetRowBytes(), xInfo.height,
+                           Qv::Device::ECopyKind::HostToHost, nullptr, false);
+        gst_video_frame_unmap(&xFrame);
       }
     }
     gst_sample_unref(pxSample);
@@ -121,13 +133,13 @@ int main(int argc, char** argv) {
   gst_element_set_state(pxPipeline, GST_STATE_NULL);
 
   std::printf(
-      "qvproc-demo: %d of %d frames of %dx%d through upload, debayer and scale in %.3f s "
+      "qvproc-demo: %d of %d frames of %dx%d through upload, debayer, scale and download in %.3f s "
       "(%.1f fps)\n",
       iOk, xOpt.iFrames, xOpt.iWidth, xOpt.iHeight, dSeconds, iOk / (dSeconds > 0 ? dSeconds : 1));
   const bool bPicture =
       xLastImage.IsValid() && xLastImage.GetFormat().ePixelType == Qv::EPixelType::RGBA;
   if (xLastImage.IsValid())
-    std::printf("qvproc-demo: last device image %s\n",
+    std::printf("qvproc-demo: last downloaded frame %s\n",
                 xLastImage.GetFormat().ToString().ToCString());
   if (xOpt.iFrames > 2)
     std::printf(
