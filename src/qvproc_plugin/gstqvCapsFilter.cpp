@@ -1,5 +1,7 @@
 #include "gstqvCapsFilter.h"
 
+#include "gstqvSysMemAlloc.h"
+
 GstCaps* QvRelabelCaps(GstBaseTransform* trans, GstCaps* caps, GstCaps* filter, gboolean bToBayer,
                        QvHeightRule fnRule) {
   GST_DEBUG_OBJECT(trans, "transforming caps from %" GST_PTR_FORMAT, caps);
@@ -64,4 +66,28 @@ gboolean QvCapsFilterQuery(GstBaseTransform* trans, GstPadDirection direction, G
   gst_query_set_caps_result(query, pxResult);
   gst_caps_unref(pxResult);
   return TRUE;
+}
+
+void QvCapsFilterClassInit(GstBaseTransformClass* pxClass, const char* szSrcCaps,
+                           const char* szSinkCaps,
+                           GstCaps* (*fnTransformCaps)(GstBaseTransform*, GstPadDirection, GstCaps*,
+                                                       GstCaps*)) {
+  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(pxClass);
+  gst_element_class_set_static_metadata(
+      pxElementClass, "Bayer to Gray8 filter", "Filter/Converter/Video",
+      "Converts video/x-bayer to video/x-raw", "qvvideoproc developers");
+  GstCaps* pxSrcCaps = gst_caps_from_string(szSrcCaps);
+  GstCaps* pxSinkCaps = gst_caps_from_string(szSinkCaps);
+  gst_element_class_add_pad_template(
+      pxElementClass, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, pxSrcCaps));
+  gst_element_class_add_pad_template(
+      pxElementClass, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, pxSinkCaps));
+  gst_caps_unref(pxSrcCaps);
+  gst_caps_unref(pxSinkCaps);
+
+  pxClass->transform_caps = fnTransformCaps;
+  pxClass->transform_ip = GST_DEBUG_FUNCPTR(QvCapsFilterTransformIp);
+  pxClass->propose_allocation = GST_DEBUG_FUNCPTR(ProposeAllocation);
+  pxClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(QvCapsFilterPrepareOutputBuffer);
+  pxClass->query = GST_DEBUG_FUNCPTR(QvCapsFilterQuery);
 }

@@ -25,6 +25,13 @@ typedef gint (*QvHeightRule)(gint iHeight);
 GstCaps* QvRelabelCaps(GstBaseTransform* trans, GstCaps* caps, GstCaps* filter, gboolean bToBayer,
                        QvHeightRule fnRule);
 
+// Class set-up shared by the filters: the one metadata of all three, pad templates from the
+// two caps texts, and the slots around the element's own transform_caps.
+void QvCapsFilterClassInit(GstBaseTransformClass* pxClass, const char* szSrcCaps,
+                           const char* szSinkCaps,
+                           GstCaps* (*fnTransformCaps)(GstBaseTransform*, GstPadDirection, GstCaps*,
+                                                       GstCaps*));
+
 // Instance set-up shared by the filters: in place, and pads that accept what their template
 // allows.
 void QvCapsFilterInit(GstBaseTransform* trans);

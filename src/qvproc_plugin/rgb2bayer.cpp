@@ -16,7 +16,6 @@
 #include <cstdio>
 
 #include "gstqvCapsFilter.h"
-#include "gstqvSysMemAlloc.h"
 
 GST_DEBUG_CATEGORY_STATIC(gst_rgb2bayer_debug);
 #define GST_CAT_DEFAULT gst_rgb2bayer_debug
@@ -27,28 +26,9 @@ static GstCaps* gst_rgb2bayer_transform_caps(GstBaseTransform* trans, GstPadDire
                                              GstCaps* caps, GstCaps* filter);
 
 static void gst_rgb2bayer_class_init(GstRgb2BayerClass* klass) {
-  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(klass);
-  GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
-
   GST_DEBUG_CATEGORY_INIT(gst_rgb2bayer_debug, "qvrgb2bayer", 0, "rgb2bayer element");
-
-  gst_element_class_set_static_metadata(
-      pxElementClass, "Bayer to Gray8 filter", "Filter/Converter/Video",
-      "Converts video/x-bayer to video/x-raw", "qvvideoproc developers");
-  GstCaps* pxSrcCaps = gst_caps_from_string(QV_CAPS_BAYER);
-  GstCaps* pxSinkCaps = gst_caps_from_string(QV_CAPS_RGB);
-  gst_element_class_add_pad_template(
-      pxElementClass, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, pxSrcCaps));
-  gst_element_class_add_pad_template(
-      pxElementClass, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, pxSinkCaps));
-  gst_caps_unref(pxSrcCaps);
-  gst_caps_unref(pxSinkCaps);
-
-  pxTransClass->transform_caps = GST_DEBUG_FUNCPTR(gst_rgb2bayer_transform_caps);
-  pxTransClass->transform_ip = GST_DEBUG_FUNCPTR(QvCapsFilterTransformIp);
-  pxTransClass->propose_allocation = GST_DEBUG_FUNCPTR(ProposeAllocation);
-  pxTransClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(QvCapsFilterPrepareOutputBuffer);
-  pxTransClass->query = GST_DEBUG_FUNCPTR(QvCapsFilterQuery);
+  QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), QV_CAPS_BAYER, QV_CAPS_RGB,
+                        GST_DEBUG_FUNCPTR(gst_rgb2bayer_transform_caps));
 }
 
 static void gst_rgb2bayer_init(GstRgb2Bayer* self) {
