@@ -56,7 +56,7 @@ void QvSetupDeviceTransformClass(GstBaseTransformClass* pxClass, const char* szL
   gst_element_class_add_static_pad_template(pxElementClass, pxSinkTemplate);
   gst_element_class_add_static_pad_template(pxElementClass, pxSrcTemplate);
   pxClass->transform = fnTransform;
-  pxClass->transform_caps = fnTransformCaps;
+  if (fnTransformCaps) pxClass->transform_caps = fnTransformCaps;
   pxClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(PrepareOutputBufferCuda);
 }
 

@@ -36,8 +36,8 @@ typedef GstFlowReturn (*QvTransformFunc)(GstBaseTransform*, GstBuffer*, GstBuffe
 typedef GstCaps* (*QvTransformCapsFunc)(GstBaseTransform*, GstPadDirection, GstCaps*, GstCaps*);
 
 // What every device transform sets on its class: metadata (classification
-// "Filter/Effect/Video"), both pad templates, transform, transform_caps, and output buffers
-// that carry a device image.
+// "Filter/Effect/Video"), both pad templates, transform, transform_caps (if given; else the
+// same caps on both sides), and output buffers that carry a device image.
 void QvSetupDeviceTransformClass(GstBaseTransformClass* pxClass, const char* szLongName,
                                  const char* szDescription, GstStaticPadTemplate* pxSinkTemplate,
                                  GstStaticPadTemplate* pxSrcTemplate, QvTransformFunc fnTransform,
@@ -63,7 +63,7 @@ GstFlowReturn QvRunDeviceFrame(GstQvCudaBaseTransform* self, GstBuffer* inbuf, G
     LogMessage(xTexts.szStart);
     CGstBufferMap xIn(inbuf, GST_MAP_READ, xTexts.szCannotMapIn);
     CGstBufferMap xOut(outbuf, GST_MAP_WRITE, xTexts.szCannotMapOut);
-    auto* pxInImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xIn.Data());
+    Qv::CQvDeviceImage2D* pxInImage = DeviceImageOfBuffer(inbuf, xIn.Data());
     if (!pxInImage) QV_THROW(xTexts.szNoImage);
     LogMessage(xTexts.szFoundImage);
     LogMessage(pxInImage->GetFormat().ToString());

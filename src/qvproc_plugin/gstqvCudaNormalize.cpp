@@ -56,8 +56,6 @@ static GstFlowReturn gst_cuda_normalize_transform_frame(GstBaseTransform* trans,
 
 static void gst_cuda_normalize_class_init(GstQvCudaNormalizeClass* klass) {
   GObjectClass* pxObjectClass = G_OBJECT_CLASS(klass);
-  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(klass);
-  GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
 
   pxObjectClass->set_property = gst_cuda_normalize_set_property;
   pxObjectClass->get_property = gst_cuda_normalize_get_property;
@@ -68,13 +66,9 @@ static void gst_cuda_normalize_class_init(GstQvCudaNormalizeClass* klass) {
       g_param_spec_string("gray", "Gray", "Gray image file path", DEFAULT_GRAY,
                           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
 
-  gst_element_class_set_static_metadata(pxElementClass, "qvvideo normalize", "Filter/Effect/Video",
-                                        "Velmora Video Proc", "qvvideoproc developers");
-  gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
-  gst_element_class_add_static_pad_template(pxElementClass, &src_template);
-
-  pxTransClass->transform = GST_DEBUG_FUNCPTR(gst_cuda_normalize_transform_frame);
-  pxTransClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(PrepareOutputBufferCuda);
+  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "qvvideo normalize",
+                              "Velmora Video Proc", &sink_template, &src_template,
+                              GST_DEBUG_FUNCPTR(gst_cuda_normalize_transform_frame), NULL);
 }
 
 // The reference is read, widened to 8-bit RGBA and uploaded once; a failure leaves the
@@ -96,7 +90,7 @@ static void gst_cuda_normalize_load_reference(GstQvCudaNormalize* self) {
 }
 
 static void gst_cuda_normalize_init(GstQvCudaNormalize* self) {
-  self->comp = new Qv::CQvCudaCompNormalize();
+  self->parent.comp = new Qv::CQvCudaCompNormalize();
   self->grayImage = nullptr;
   self->gray = g_strdup(DEFAULT_GRAY);
   self->grayPath = nullptr;
@@ -107,8 +101,6 @@ static void gst_cuda_normalize_finalize(GObject* object) {
   GstQvCudaNormalize* self = GST_CUDA_NORMALIZE(object);
   delete self->grayImage;
   self->grayImage = nullptr;
-  delete self->comp;
-  self->comp = nullptr;
   g_free(self->gray);
   self->gray = nullptr;
   g_free(self->grayPath);
@@ -153,25 +145,18 @@ static void gst_cuda_normalize_get_property(GObject* object, guint prop_id, GVal
 static GstFlowReturn gst_cuda_normalize_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
                                                         GstBuffer* outbuf) {
   GstQvCudaNormalize* self = GST_CUDA_NORMALIZE(trans);
-  try {
-    LogMessage("Normalize plugin start");
-    CGstBufferMap xIn(inbuf, GST_MAP_READ, "cannot map inbuffer");
-    CGstBufferMap xOut(outbuf, GST_MAP_WRITE, "cannot map outbuffer");
-    Qv::CQvDeviceImage2D* pxIn = DeviceImageOfBuffer(inbuf, xIn.Data());
-    if (!pxIn) QV_THROW("no image data found");
-    LogMessage("found a device image pointer in meta !!.\n");
-    if (!self->grayImage) {
-      Qv::CQvString sText("no gray reference image: '");
-      sText << self->grayPath << "' could not be read when the element was made";
-      QV_THROW(sText.ToCString());
-    }
-    auto* pxOut = reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data());
-    self->comp->SetStream(self->parent.stream);
-    self->comp->Normalize(*pxOut, *pxIn, *self->grayImage, Qv::EDataType::UByte);
-    CopyMetData(outbuf, inbuf);
-    return GST_FLOW_OK;
-  } catch (const Qv::IException& e) {
-    HandleException(e);
-  }
-  return GST_FLOW_ERROR;
+  static const SQvFrameTexts xTexts = {"Normalize plugin start", "cannot map inbuffer",
+                                       "cannot map outbuffer", "no image data found",
+                                       "found a device image pointer in meta !!.\n"};
+  return QvRunDeviceFrame(&self->parent, inbuf, outbuf, xTexts,
+                          [self](Qv::CQvDeviceImage2D& xIn, Qv::CQvDeviceImage2D& xOut) {
+                            if (!self->grayImage) {
+                              Qv::CQvString sText("no gray reference image: '");
+                              sText << self->grayPath
+                                    << "' could not be read when the element was made";
+                              QV_THROW(sText.ToCString());
+                            }
+                            static_cast<Qv::CQvCudaCompNormalize*>(self->parent.comp)
+                                ->Normalize(xOut, xIn, *self->grayImage, Qv::EDataType::UByte);
+                          });
 }

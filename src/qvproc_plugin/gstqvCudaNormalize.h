@@ -18,7 +18,6 @@ G_BEGIN_DECLS
 
 typedef struct _GstQvCudaNormalize {
   GstQvCudaBaseTransform parent;
-  Qv::CQvCudaCompNormalize* comp;
   // Null when the reference could not be loaded; every frame then fails.
   Qv::CQvDeviceImage2D* grayImage;
   gchar* gray;

@@ -38,39 +38,20 @@ G_DEFINE_TYPE_WITH_CODE(GstQvCudaYUV, gst_cuda_yuv, GST_TYPE_QV_CUDA_BASE_TRANSF
                         GST_DEBUG_CATEGORY_INIT(gst_cuda_yuv_debug, "qvcudayuv", 0,
                                                 "qvvideoproc YUV element"))
 
-static void gst_cuda_yuv_finalize(GObject* object);
 static GstCaps* gst_cuda_yuv_transform_caps(GstBaseTransform* trans, GstPadDirection direction,
                                             GstCaps* caps, GstCaps* filter);
 static GstFlowReturn gst_cuda_yuv_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
                                                   GstBuffer* outbuf);
 
 static void gst_cuda_yuv_class_init(GstQvCudaYUVClass* klass) {
-  GObjectClass* pxObjectClass = G_OBJECT_CLASS(klass);
-  GstElementClass* pxElementClass = GST_ELEMENT_CLASS(klass);
-  GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
-
-  pxObjectClass->finalize = gst_cuda_yuv_finalize;
-
-  gst_element_class_set_static_metadata(pxElementClass, "qv cuda yuv element",
-                                        "Filter/Effect/Video", "Velmora Cuda YUV",
-                                        "qvvideoproc developers");
-  gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
-  gst_element_class_add_static_pad_template(pxElementClass, &src_template);
-
-  pxTransClass->transform = GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_frame);
-  pxTransClass->transform_caps = GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_caps);
-  pxTransClass->prepare_output_buffer = GST_DEBUG_FUNCPTR(PrepareOutputBufferCuda);
+  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "qv cuda yuv element",
+                              "Velmora Cuda YUV", &sink_template, &src_template,
+                              GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_frame),
+                              GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_caps));
 }
 
 static void gst_cuda_yuv_init(GstQvCudaYUV* self) {
-  self->comp = new Qv::CQvCudaCompYUV();
-}
-
-static void gst_cuda_yuv_finalize(GObject* object) {
-  GstQvCudaYUV* self = GST_CUDA_YUV(object);
-  delete self->comp;
-  self->comp = nullptr;
-  G_OBJECT_CLASS(gst_cuda_yuv_parent_class)->finalize(object);
+  self->parent.comp = new Qv::CQvCudaCompYUV();
 }
 
 static GstCaps* gst_cuda_yuv_transform_caps(GstBaseTransform* /*trans*/, GstPadDirection direction,
@@ -80,20 +61,12 @@ static GstCaps* gst_cuda_yuv_transform_caps(GstBaseTransform* /*trans*/, GstPadD
 
 static GstFlowReturn gst_cuda_yuv_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
                                                   GstBuffer* outbuf) {
-  GstQvCudaYUV* self = GST_CUDA_YUV(trans);
-  try {
-    LogMessage("starting yuv! \n");
-    CGstBufferMap xIn(inbuf, GST_MAP_READ, "cannot map inbuffer");
-    CGstBufferMap xOut(outbuf, GST_MAP_WRITE, "cannot map outbuffer");
-    Qv::CQvDeviceImage2D* pxIn = DeviceImageOfBuffer(inbuf, xIn.Data());
-    if (!pxIn) QV_THROW("no image data available");
-    auto* pxOut = reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data());
-    self->comp->SetStream(self->parent.stream);
-    self->comp->Convert(*pxOut, *pxIn);
-    CopyMetData(outbuf, inbuf);
-    return GST_FLOW_OK;
-  } catch (const Qv::IException& e) {
-    HandleException(e);
-  }
-  return GST_FLOW_ERROR;
+  GstQvCudaBaseTransform* self = GST_QV_CUDA_BASE_TRANSFORM(trans);
+  static const SQvFrameTexts xTexts = {"starting yuv! \n", "cannot map inbuffer",
+                                       "cannot map outbuffer", "no image data available",
+                                       "found a device image pointer"};
+  return QvRunDeviceFrame(self, inbuf, outbuf, xTexts,
+                          [self](Qv::CQvDeviceImage2D& xIn, Qv::CQvDeviceImage2D& xOut) {
+                            static_cast<Qv::CQvCudaCompYUV*>(self->comp)->Convert(xOut, xIn);
+                          });
 }

@@ -12,7 +12,6 @@ G_BEGIN_DECLS
 
 typedef struct _GstQvCudaYUV {
   GstQvCudaBaseTransform parent;
-  Qv::CQvCudaCompYUV* comp;
 } GstQvCudaYUV;
 
 typedef struct _GstQvCudaYUVClass {
