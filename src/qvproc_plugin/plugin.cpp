@@ -2,6 +2,7 @@
 // buffer meta that carries camera settings along with a frame.
 #include "plugin.h"
 
+#include "gstqvCudaMix.h"
 #include "gstqvCudaUpload.h"
 
 #ifndef PACKAGE
@@ -37,6 +38,7 @@ static gboolean plugin_init(GstPlugin* plugin) {
   // Every registration is tried, whatever an earlier one gave.
   gboolean bOk = TRUE;
   bOk &= gst_element_register(plugin, "qvcudaupload", GST_RANK_NONE, gst_cuda_upload_get_type());
+  bOk &= gst_element_register(plugin, "qvcudamix", GST_RANK_NONE, gst_cudamixer2_get_type());
   return bOk;
 }
 
