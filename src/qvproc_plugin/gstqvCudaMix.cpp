@@ -1278,6 +1278,9 @@ static gboolean gst_cudamixer2_src_seek(GstCudaMixer2* self, GstPad* pad, GstEve
   GST_CUDA_MIXER2_UNLOCK(self);
   gst_cudamixer2_reset_qos(self);
 
+  // GstCollectPads forgets which pads are at EOS when it sees a seek, and only a flush brings
+  // that back: after a seek without flush a camera that had ended would stall every pass.
+  if (!(eFlags & GST_SEEK_FLAG_FLUSH)) return gst_pad_event_default(pad, GST_OBJECT(self), event);
   return gst_collect_pads_src_event_default(self->collect, pad, event);
 }
 
