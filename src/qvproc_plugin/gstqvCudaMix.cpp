@@ -279,13 +279,14 @@ static void gst_cudamixer2_release_pad(GstElement* element, GstPad* pad) {
     return;
   }
   self->sinkpads = g_slist_delete_link(self->sinkpads, pxLink);
-  gst_child_proxy_child_removed(GST_CHILD_PROXY(self), G_OBJECT(pad), GST_OBJECT_NAME(pad));
   self->numpads--;
   // The output format follows the remaining pads; the caps on the source pad stay until the
   // next caps event on a sink pad.
   gst_cudamixer2_update_converters(self);
   GST_CUDA_MIXER2_UNLOCK(self);
   GST_COLLECT_PADS_STREAM_UNLOCK(self->collect);
+  // Announced without the locks: a handler may well ask the element for its children.
+  gst_child_proxy_child_removed(GST_CHILD_PROXY(self), G_OBJECT(pad), GST_OBJECT_NAME(pad));
 
   gst_collect_pads_remove_pad(self->collect, pad);
   gst_element_remove_pad(element, pad);
@@ -303,6 +304,10 @@ static void gst_cudamixer2_dispose(GObject* object) {
 
 static void gst_cudamixer2_finalize(GObject* object) {
   GstCudaMixer2* self = GST_CUDA_MIXER2(object);
+  // The pads themselves went with the element's dispose.
+  g_slist_free(self->sinkpads);
+  self->sinkpads = NULL;
+  self->numpads = 0;
   gst_object_unref(self->collect);
   g_mutex_clear(&self->lock);
   g_mutex_clear(&self->setcaps_lock);
