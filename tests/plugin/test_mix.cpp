@@ -848,6 +848,26 @@ TEST(MixEvents, FlushingSeekClearsCurrentBuffersAndPlainSeekKeepsThem) {
   }
 }
 
+TEST(MixEvents, FlushOnOnePadRewindsTheWholeOutput) {
+  // After a flush on A the time line starts at 0 again; B's current buffer stays.
+  STwoPads x(0);
+  x.Push(x.a, "a0", 0, 40 * kMs);
+  x.Push(x.b, "b0", 0, 40 * kMs);
+  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
+  x.a.Event(gst_event_new_flush_start());
+  EXPECT_EQ(GST_FLOW_OK, x.a.Wait(x.a.Event(gst_event_new_flush_stop(TRUE))));
+  EXPECT_EQ(-1, Position(x.xRig.Mixer()));
+  x.a.Segment();
+  x.Push(x.a, "a0 again", 0, 40 * kMs);
+  x.Push(x.b, "b40", 40 * kMs, 40 * kMs);
+  x.a.Eos();
+  x.b.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  EXPECT_EQ((std::vector<std::string>{"a0", "a0 again", "pool"}), x.Out());
+  EXPECT_EQ(2u, CountEvents(x.xRig.Out(), GST_EVENT_SEGMENT));
+  EXPECT_EQ(1u, CountEvents(x.xRig.Out(), GST_EVENT_FLUSH_STOP));
+}
+
 TEST(MixEvents, QueriesAnswerPositionInTimeAndTheLongestDuration) {
   STwoPads x(0);
   x.Push(x.a, "a0", 0, 40 * kMs);
