@@ -235,6 +235,16 @@ TEST(MixCaps, OutputTakesTheLargestSizeAndRateOrTheWallSize) {
   GstCaps* pxCaps =
       NegotiatedCaps(xRig, {"video/x-raw,format=GRAY8,width=64,height=48,framerate=0/1"});
   EXPECT_EQ(std::make_pair(25, 1), CapsFraction(pxCaps, "framerate"));
+
+  // A raw mosaic under bayer caps goes out as GRAY8, the label of a raw device image.
+  CMixerRig xBayer;
+  xBayer.Play();
+  pxCaps = NegotiatedCaps(xBayer, {"video/x-bayer,format=grbg,width=64,height=48,framerate=30/1"});
+  EXPECT_TRUE(gst_structure_has_name(gst_caps_get_structure(pxCaps, 0), "video/x-raw"));
+  EXPECT_EQ("GRAY8", CapsString(pxCaps, "format"));
+  EXPECT_EQ(64, CapsInt(pxCaps, "width"));
+  EXPECT_EQ(48, CapsInt(pxCaps, "height"));
+  EXPECT_EQ(std::make_pair(30, 1), CapsFraction(pxCaps, "framerate"));
 }
 
 TEST(MixCaps, AlphaBeatsAnyCountAndFailsWhereDownstreamHasNoAlpha) {
