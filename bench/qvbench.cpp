@@ -309,6 +309,181 @@ void YuvDownloadBench(int iWidth, int iHeight, bool bCuda) {
               dDownload, dBare > 0 ? dDownload / dBare : 0.0);
 }
 
+// The mixer. Six branches of appsrc feed qvcudamix; every buffer is queued before the pipeline
+// plays, so that the figure is the mixer's own cost per output frame, counted at the sink from
+// the first frame to the last.
+struct SMixResult {
+  double dMsPerFrame = 0;
+  int iFrames = 0;
+};
+
+void CountFrame(GstElement* /*sink*/, GstBuffer* /*buffer*/, GstPad* /*pad*/, gpointer pxData) {
+  auto* pxTimes = static_cast<std::vector<Clock::time_point>*>(pxData);
+  pxTimes->push_back(Clock::now());
+}
+
+// xBranches[i] is the list of buffers for branch i (taken). szMixer is the element line between
+// the branches and the sink, with the name "mix".
+SMixResult MixPipeline(const char* szMixer, const char* szCaps,
+                       std::vector<std::vector<GstBuffer*>>& xBranches) {
+  std::string sPipeline =
+      std::string(szMixer) + " ! fakesink name=sink sync=false signal-handoffs=true";
+  for (size_t i = 0; i < xBranches.size(); ++i)
+    sPipeline += " appsrc name=src" + std::to_string(i) +
+                 " format=time max-bytes=0 max-buffers=0 block=false caps=\"" + szCaps +
+                 "\" ! mix.";
+  SMixResult xResult;
+  GError* pxError = NULL;
+  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
+  if (!pxPipeline || pxError) {
+    std::fprintf(stderr, "qvbench: %s\n", pxError ? pxError->message : "no pipeline");
+    if (pxError) g_error_free(pxError);
+    for (auto& x : xBranches)
+      for (GstBuffer* b : x) gst_buffer_unref(b);
+    return xResult;
+  }
+  for (size_t i = 0; i < xBranches.size(); ++i) {
+    GstElement* pxSrc =
+        gst_bin_get_by_name(GST_BIN(pxPipeline), ("src" + std::to_string(i)).c_str());
+    for (GstBuffer* pxBuffer : xBranches[i]) gst_app_src_push_buffer(GST_APP_SRC(pxSrc), pxBuffer);
+    gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
+    gst_object_unref(pxSrc);
+  }
+  std::vector<Clock::time_point> xTimes;
+  xTimes.reserve(4096);
+  GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
+  g_signal_connect(pxSink, "handoff", G_CALLBACK(CountFrame), &xTimes);
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  if (pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_ERROR)
+    std::fprintf(stderr, "qvbench: the mixer pipeline failed\n");
+  if (pxMsg) gst_message_unref(pxMsg);
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  xResult.iFrames = static_cast<int>(xTimes.size());
+  if (xTimes.size() > 1)
+    xResult.dMsPerFrame =
+        std::chrono::duration<double, std::milli>(xTimes.back() - xTimes.front()).count() /
+        (xTimes.size() - 1);
+  gst_object_unref(pxSink);
+  gst_object_unref(pxBus);
+  gst_object_unref(pxPipeline);
+  return xResult;
+}
+
+// The byte floor of a wall frame: one device-to-device copy of 6 x 1280 x 1338 contiguous
+// bytes, waited for; and the same tiles as six 2D copies out of 3840x2160 images.
+void BareWallMs(const std::vector<Qv::CQvDeviceImage2D*>& xImages, int iRuns, double& dFloor,
+                double& dTiles) {
+  const size_t uTile = 1280u * 1338u;
+  Qv::CQvDeviceImage2D xWall(
+      Qv::CQvImageFormat(3840, 2676, Qv::EPixelType::BayerGR, Qv::EDataType::UByte));
+  Qv::CQvDeviceImage2D xSrc(Qv::CQvImageFormat(static_cast<int>(uTile), 6, Qv::EPixelType::BayerGR,
+                                               Qv::EDataType::UByte));
+  Qv::CQvDeviceImage2D xDst(Qv::CQvImageFormat(static_cast<int>(uTile), 6, Qv::EPixelType::BayerGR,
+                                               Qv::EDataType::UByte));
+  cudaStream_t hStream = Qv::Device::CreateStream();
+  std::vector<double> xFloor, xTiles;
+  for (int i = 0; i < iRuns + 3; ++i) {
+    auto t0 = Clock::now();
+    Qv::Device::Copy2D(xDst.GetDevicePointer(), xDst.GetDevicePitch(), xSrc.GetDevicePointer(),
+                       xSrc.GetDevicePitch(), uTile, 6, Qv::Device::ECopyKind::DeviceToDevice,
+                       hStream, true);
+    Qv::Device::SynchronizeStream(hStream);
+    auto t1 = Clock::now();
+    auto* pWall = static_cast<uint8_t*>(xWall.GetDevicePointer());
+    for (int t = 0; t < 6; ++t)
+      Qv::Device::Copy2D(pWall + (t / 3) * 1338 * xWall.GetDevicePitch() + (t % 3) * 1280,
+                         xWall.GetDevicePitch(), xImages[t]->GetDevicePointer(),
+                         xImages[t]->GetDevicePitch(), 1280, 1338,
+                         Qv::Device::ECopyKind::DeviceToDevice, hStream, true);
+    Qv::Device::SynchronizeStream(hStream);
+    auto t2 = Clock::now();
+    if (i >= 3) {
+      xFloor.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+      xTiles.push_back(std::chrono::duration<double, std::milli>(t2 - t1).count());
+    }
+  }
+  Qv::Device::DestroyStream(hStream);
+  dFloor = Median(xFloor);
+  dTiles = Median(xTiles);
+}
+
+void MixBenchmarks(bool bCuda) {
+  const int iFrames = bCuda ? 2000 : 150;
+  const char* szRaw4k = "video/x-raw,format=GRAY8,width=3840,height=2160,framerate=25/1";
+
+  // Six camera images on the device, each pushed again and again. Every branch first holds a
+  // buffer over [0,1000 s); the images wait at 1000 s, so each frame pops one per camera.
+  GstAllocator* pxAllocator = gst_allocator_find("QvCudaDevImage");
+  if (!pxAllocator) {
+    my_memory_init();
+    pxAllocator = gst_allocator_find("QvCudaDevImage");
+  }
+  std::vector<GstBuffer*> xCameras;
+  std::vector<Qv::CQvDeviceImage2D*> xImages;
+  const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(3840, 2160, 0);
+  for (int i = 0; i < 6; ++i) {
+    GstBuffer* pxBuffer = gst_buffer_new_allocate(pxAllocator, 1, NULL);
+    GstMapInfo xMap;
+    gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE);
+    auto* pxImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data);
+    pxImage->Create(Qv::CQvImageFormat(3840, 2160, Qv::EPixelType::BayerGR, Qv::EDataType::UByte),
+                    xScene.data(), false);
+    gst_buffer_unmap(pxBuffer, &xMap);
+    GST_BUFFER_PTS(pxBuffer) = 1000 * GST_SECOND;
+    GST_BUFFER_DURATION(pxBuffer) = 40 * GST_MSECOND;
+    xCameras.push_back(pxBuffer);
+    xImages.push_back(pxImage);
+  }
+  gst_object_unref(pxAllocator);
+
+  double dFloor = 0, dTiles = 0;
+  BareWallMs(xImages, bCuda ? 200 : 20, dFloor, dTiles);
+
+  std::vector<std::vector<GstBuffer*>> xBranches(6);
+  for (int i = 0; i < 6; ++i) {
+    GstBuffer* pxFirst = gst_buffer_new_allocate(NULL, 1, NULL);
+    GST_BUFFER_PTS(pxFirst) = 0;
+    GST_BUFFER_DURATION(pxFirst) = 1000 * GST_SECOND;
+    xBranches[i].push_back(pxFirst);
+    for (int k = 0; k < iFrames; ++k) xBranches[i].push_back(gst_buffer_ref(xCameras[i]));
+  }
+  const SMixResult xWall = MixPipeline("qvcudamix name=mix type=videowall", szRaw4k, xBranches);
+  for (GstBuffer* pxBuffer : xCameras) gst_buffer_unref(pxBuffer);
+
+  // The selector against input-selector: the same six branches of small timestamped buffers.
+  auto SelectorBranches = [&] {
+    std::vector<std::vector<GstBuffer*>> x(6);
+    for (auto& xBranch : x)
+      for (int k = 0; k < iFrames; ++k) {
+        GstBuffer* pxBuffer = gst_buffer_new_allocate(NULL, 16, NULL);
+        GST_BUFFER_PTS(pxBuffer) = k * 40 * GST_MSECOND;
+        GST_BUFFER_DURATION(pxBuffer) = 40 * GST_MSECOND;
+        xBranch.push_back(pxBuffer);
+      }
+    return x;
+  };
+  auto xSelBranches = SelectorBranches();
+  const SMixResult xSel = MixPipeline("qvcudamix name=mix", szRaw4k, xSelBranches);
+  auto xInBranches = SelectorBranches();
+  const SMixResult xIn = MixPipeline("input-selector name=mix", szRaw4k, xInBranches);
+
+  const double dBytes = 2.0 * 6 * 1280 * 1338;
+  std::printf("mix: byte floor, one copy of 6x1280x1338 bytes   %8.3f ms (%.1f GB/s read+write)\n",
+              dFloor, dFloor > 0 ? dBytes / dFloor / 1e6 : 0.0);
+  std::printf("mix: six tile copies and a sync, bare            %8.3f ms (%.2f x floor)\n", dTiles,
+              dFloor > 0 ? dTiles / dFloor : 0.0);
+  std::printf(
+      "mix: 6 x 3840x2160 ! qvcudamix videowall         %8.3f ms/frame (%.2f x floor, %d frames)\n",
+      xWall.dMsPerFrame, dFloor > 0 ? xWall.dMsPerFrame / dFloor : 0.0, xWall.iFrames);
+  std::printf("mix: 6 branches ! qvcudamix selector             %8.3f ms/frame (%d frames)\n",
+              xSel.dMsPerFrame, xSel.iFrames);
+  std::printf("mix: 6 branches ! input-selector                 %8.3f ms/frame (%d frames)\n",
+              xIn.dMsPerFrame, xIn.iFrames);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -355,6 +530,7 @@ int main(int argc, char** argv) {
     }
 
     YuvDownloadBench(iWidth, iHeight, bCuda);
+    MixBenchmarks(bCuda);
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "qvbench: %s\n", e.GetMessageText());
     return 1;

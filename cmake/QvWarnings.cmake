@@ -11,3 +11,9 @@ if(QV_SANITIZE)
     $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-fsanitize=address,-fsanitize=undefined,-fno-omit-frame-pointer>)
   target_link_options(qv_build_flags INTERFACE -fsanitize=address,undefined)
 endif()
+if(QV_TSAN)
+  target_compile_options(qv_build_flags INTERFACE
+    $<$<COMPILE_LANGUAGE:CXX>:-fsanitize=thread -fno-omit-frame-pointer>
+    $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-fsanitize=thread,-fno-omit-frame-pointer>)
+  target_link_options(qv_build_flags INTERFACE -fsanitize=thread)
+endif()

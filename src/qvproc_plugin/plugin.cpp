@@ -4,6 +4,7 @@
 
 #include "gstqvCudaDebayer.h"
 #include "gstqvCudaScale.h"
+#include "gstqvCudaMix.h"
 #include "gstqvCudaUpload.h"
 
 #ifndef PACKAGE
@@ -40,6 +41,7 @@ static gboolean plugin_init(GstPlugin* plugin) {
   gboolean bOk = TRUE;
   bOk &= gst_element_register(plugin, "qvcudadebayer", GST_RANK_NONE, gst_cuda_debayer_get_type());
   bOk &= gst_element_register(plugin, "qvcudaupload", GST_RANK_NONE, gst_cuda_upload_get_type());
+  bOk &= gst_element_register(plugin, "qvcudamix", GST_RANK_NONE, gst_cudamixer2_get_type());
   bOk &= gst_element_register(plugin, "qvcudascale", GST_RANK_NONE, gst_cuda_scale_get_type());
   return bOk;
 }

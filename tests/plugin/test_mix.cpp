@@ -1,0 +1,1067 @@
+// The mixer between test pads whose buffers and times each test sets: pads and property,
+// negotiation, the output time line, the two modes, events, queries and quality of service.
+// Expected frames are worked out by hand from the 40 ms intervals of a 25/1 output.
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "GstTestUtil.h"
+#include "MixerRig.h"
+#include "QvDevice.h"
+#include "plugin.h"
+
+using namespace QvTest;
+
+namespace {
+
+const char* kGray25 = "video/x-raw,format=GRAY8,width=16,height=8,framerate=25/1";
+
+// Names the outputs: an input buffer by the name the test gave it, an unwritten selector pool
+// buffer "pool", a wall frame "wall".
+std::vector<std::string> Labels(const std::vector<SOutBuffer>& xOut,
+                                const std::map<const GstBuffer*, std::string>& xNames) {
+  std::vector<std::string> xLabels;
+  for (const SOutBuffer& x : xOut) {
+    auto it = xNames.find(x.pxIdentity);
+    if (it != xNames.end())
+      xLabels.push_back(it->second);
+    else
+      xLabels.push_back(x.bDeviceImage ? "wall" : x.bFromPool ? "pool" : "?");
+  }
+  return xLabels;
+}
+
+std::vector<std::string> Repeat(const std::string& s, size_t n) {
+  return std::vector<std::string>(n, s);
+}
+
+std::vector<std::string> Concat(std::initializer_list<std::vector<std::string>> xParts) {
+  std::vector<std::string> x;
+  for (const auto& xPart : xParts) x.insert(x.end(), xPart.begin(), xPart.end());
+  return x;
+}
+
+GstCaps* LastCaps(CMixOutput& xOut) {
+  GstCaps* pxCaps = NULL;
+  for (GstEvent* pxEvent : xOut.Events())
+    if (GST_EVENT_TYPE(pxEvent) == GST_EVENT_CAPS) gst_event_parse_caps(pxEvent, &pxCaps);
+  return pxCaps;
+}
+
+size_t CountEvents(CMixOutput& xOut, GstEventType eType) {
+  size_t n = 0;
+  for (GstEventType e : xOut.EventTypes()) n += e == eType;
+  return n;
+}
+
+const GstSegment* LastSegment(CMixOutput& xOut) {
+  const GstSegment* pxSegment = NULL;
+  for (GstEvent* pxEvent : xOut.Events())
+    if (GST_EVENT_TYPE(pxEvent) == GST_EVENT_SEGMENT) gst_event_parse_segment(pxEvent, &pxSegment);
+  return pxSegment;
+}
+
+gint64 Position(GstElement* pxMixer) {
+  gint64 iPosition = -2;
+  GstPad* pxSrc = gst_element_get_static_pad(pxMixer, "src");
+  GstQuery* pxQuery = gst_query_new_position(GST_FORMAT_TIME);
+  if (gst_pad_query(pxSrc, pxQuery)) gst_query_parse_position(pxQuery, NULL, &iPosition);
+  gst_query_unref(pxQuery);
+  gst_object_unref(pxSrc);
+  return iPosition;
+}
+
+GstEvent* TimeSeek(gdouble dRate, GstSeekFlags eFlags, GstClockTime uStart, GstClockTime uStop) {
+  return gst_event_new_seek(dRate, GST_FORMAT_TIME, eFlags, GST_SEEK_TYPE_SET,
+                            static_cast<gint64>(uStart),
+                            GST_CLOCK_TIME_IS_VALID(uStop) ? GST_SEEK_TYPE_SET : GST_SEEK_TYPE_NONE,
+                            GST_CLOCK_TIME_IS_VALID(uStop) ? static_cast<gint64>(uStop) : -1);
+}
+
+/* Pads, children and the property */
+
+std::string PadName(GstPad* pxPad) {
+  if (!pxPad) return "(none)";
+  std::string s = GST_PAD_NAME(pxPad);
+  gst_object_unref(pxPad);
+  return s;
+}
+
+std::string RequestName(GstElement* pxMixer, const char* szName) {
+  return PadName(gst_element_request_pad_simple(pxMixer, szName));
+}
+
+// Straight to the element, for names GStreamer's own checks stop before it gets them.
+std::string RequestDirect(GstElement* pxMixer, const char* szName, GstPadTemplate* pxTemplate) {
+  GstPad* pxPad =
+      GST_ELEMENT_GET_CLASS(pxMixer)->request_new_pad(pxMixer, pxTemplate, szName, NULL);
+  return PadName(pxPad ? GST_PAD(gst_object_ref(pxPad)) : NULL);
+}
+
+TEST(MixPads, RequestedNamesSetTheNextNumberOnlyUpwards) {
+  GstElement* pxMixer = gst_element_factory_make("qvcudamix", NULL);
+  EXPECT_EQ("sink_7", RequestName(pxMixer, "sink_7"));
+  EXPECT_EQ("sink_8", RequestName(pxMixer, "sink_%u"));
+  EXPECT_EQ("sink_2", RequestName(pxMixer, "sink_2"));
+  EXPECT_EQ("sink_9", RequestName(pxMixer, "sink_%u"));
+  GstPadTemplate* pxTemplate =
+      gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(pxMixer), "sink_%u");
+  // "sink_" alone is no longer than 5 characters and isn't parsed.
+  EXPECT_EQ("sink_10", RequestDirect(pxMixer, "sink_", pxTemplate));
+  // A number in use is refused instead of making a second pad of the same name.
+  EXPECT_EQ("(none)", RequestDirect(pxMixer, "sink_2", pxTemplate));
+  EXPECT_EQ(5u, gst_child_proxy_get_children_count(GST_CHILD_PROXY(pxMixer)));
+  gst_object_unref(pxMixer);
+
+  pxMixer = gst_element_factory_make("qvcudamix", NULL);
+  EXPECT_EQ("sink_5", RequestName(pxMixer, "sink_5"));
+  EXPECT_EQ("sink_2", RequestName(pxMixer, "sink_2"));
+  EXPECT_EQ("sink_6", RequestName(pxMixer, "sink_%u"));
+  // A template of the same name that isn't the class's own gets nothing.
+  GstPadTemplate* pxForeign =
+      gst_pad_template_new("sink_%u", GST_PAD_SINK, GST_PAD_REQUEST, gst_caps_new_any());
+  EXPECT_EQ("(none)", RequestDirect(pxMixer, NULL, pxForeign));
+  gst_object_unref(pxForeign);
+  gst_object_unref(pxMixer);
+}
+
+TEST(MixPads, ChildrenFollowTheOrderOfRequestAndReleases) {
+  GstElement* pxMixer = gst_element_factory_make("qvcudamix", NULL);
+  GstPad* apxPads[3];
+  for (GstPad*& pxPad : apxPads) pxPad = gst_element_request_pad_simple(pxMixer, "sink_%u");
+  GstChildProxy* pxProxy = GST_CHILD_PROXY(pxMixer);
+  EXPECT_EQ(3u, gst_child_proxy_get_children_count(pxProxy));
+  GObject* pxChild = gst_child_proxy_get_child_by_name(pxProxy, "sink_1");
+  EXPECT_EQ(G_OBJECT(apxPads[1]), pxChild);
+  g_object_unref(pxChild);
+
+  gst_element_release_request_pad(pxMixer, apxPads[0]);
+  EXPECT_EQ(2u, gst_child_proxy_get_children_count(pxProxy));
+  for (guint i = 0; i < 2; ++i) {
+    GObject* pxAt = gst_child_proxy_get_child_by_index(pxProxy, i);
+    EXPECT_EQ(G_OBJECT(apxPads[i + 1]), pxAt) << "camera index " << i;
+    g_object_unref(pxAt);
+  }
+  EXPECT_EQ(nullptr, gst_child_proxy_get_child_by_index(pxProxy, 2));
+
+  // A pad that isn't the element's own is only reported.
+  std::string sLogged;
+  const guint uHandler = g_log_set_handler(
+      NULL, G_LOG_LEVEL_WARNING,
+      [](const gchar*, GLogLevelFlags, const gchar* szMessage, gpointer pxOut) {
+        *static_cast<std::string*>(pxOut) += szMessage;
+      },
+      &sLogged);
+  GstPad* pxStranger = gst_pad_new("stranger", GST_PAD_SINK);
+  GST_ELEMENT_GET_CLASS(pxMixer)->release_pad(pxMixer, pxStranger);
+  g_log_remove_handler(NULL, uHandler);
+  EXPECT_EQ("Unknown pad stranger", sLogged);
+  EXPECT_EQ(2u, gst_child_proxy_get_children_count(pxProxy));
+  gst_object_unref(pxStranger);
+  for (GstPad* pxPad : apxPads) gst_object_unref(pxPad);
+  gst_object_unref(pxMixer);
+}
+
+TEST(MixPads, TypePropertyTakesTwoExactValuesAndReadsVideoWallWithCapitalW) {
+  GstElement* pxMixer = gst_element_factory_make("qvcudamix", NULL);
+  auto Type = [&] {
+    gchar* sz = NULL;
+    g_object_get(pxMixer, "type", &sz, NULL);
+    std::string s = sz ? sz : "";
+    g_free(sz);
+    return s;
+  };
+  EXPECT_EQ("selector", Type());
+  testing::internal::CaptureStdout();
+  g_object_set(pxMixer, "type", "videowall", NULL);
+  EXPECT_EQ("videoWall", Type());
+  g_object_set(pxMixer, "type", "selector", NULL);
+  g_object_set(pxMixer, "type", "videoWall", NULL);  // what reading gives, yet no mode
+  EXPECT_EQ("selector", Type());
+  EXPECT_EQ(
+      "Setting Mixer Type to: videowall\nSetting Mixer Type to: MixType_VideoWall \n"
+      "Setting Mixer Type to: selector\nSetting Mixer Type to: videoWall\n",
+      testing::internal::GetCapturedStdout());
+
+  GstElementFactory* pxFactory = gst_element_get_factory(pxMixer);
+  EXPECT_STREQ("qv cuda mixer",
+               gst_element_factory_get_metadata(pxFactory, GST_ELEMENT_METADATA_LONGNAME));
+  EXPECT_STREQ("Filter/Editor/Video/Compositor",
+               gst_element_factory_get_metadata(pxFactory, GST_ELEMENT_METADATA_KLASS));
+  EXPECT_STREQ("Mix video ",
+               gst_element_factory_get_metadata(pxFactory, GST_ELEMENT_METADATA_DESCRIPTION));
+  gst_object_unref(pxMixer);
+}
+
+/* Negotiation */
+
+// Pushes one frame per input and returns the caps the output got with it.
+GstCaps* NegotiatedCaps(CMixerRig& xRig, const std::vector<const char*>& xCaps) {
+  std::vector<CMixInput*> xIns = xRig.AddInputs(xCaps.size());
+  for (size_t i = 0; i < xCaps.size(); ++i) {
+    CMixInput& xIn = *xIns[i];
+    xIn.Caps(xCaps[i]);
+    xIn.Push(TimedBuffer(0, 40 * kMs));
+  }
+  EXPECT_TRUE(xRig.Out().WaitForBuffers(1));
+  return LastCaps(xRig.Out());
+}
+
+TEST(MixCaps, OutputTakesTheLargestSizeAndRateOrTheWallSize) {
+  const std::vector<const char*> xCaps = {
+      "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1",
+      "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1",
+      "video/x-raw,format=GRAY8,width=1280,height=720,framerate=15/1"};
+  for (const char* szType : {"selector", "videowall"}) {
+    testing::internal::CaptureStdout();
+    CMixerRig xRig(szType);
+    xRig.Play();
+    GstCaps* pxCaps = NegotiatedCaps(xRig, xCaps);
+    const bool bWall = std::string(szType) == "videowall";
+    EXPECT_EQ("GRAY8", CapsString(pxCaps, "format"));
+    EXPECT_EQ(bWall ? 3840 : 1280, CapsInt(pxCaps, "width")) << szType;
+    EXPECT_EQ(bWall ? 2676 : 720, CapsInt(pxCaps, "height")) << szType;
+    EXPECT_EQ(std::make_pair(30, 1), CapsFraction(pxCaps, "framerate")) << szType;
+    testing::internal::GetCapturedStdout();
+  }
+
+  CMixerRig xRig;
+  xRig.Play();
+  GstCaps* pxCaps =
+      NegotiatedCaps(xRig, {"video/x-raw,format=GRAY8,width=64,height=48,framerate=0/1"});
+  EXPECT_EQ(std::make_pair(25, 1), CapsFraction(pxCaps, "framerate"));
+
+  // A raw mosaic under bayer caps goes out as GRAY8, the label of a raw device image.
+  CMixerRig xBayer;
+  xBayer.Play();
+  pxCaps = NegotiatedCaps(xBayer, {"video/x-bayer,format=grbg,width=64,height=48,framerate=30/1"});
+  EXPECT_TRUE(gst_structure_has_name(gst_caps_get_structure(pxCaps, 0), "video/x-raw"));
+  EXPECT_EQ("GRAY8", CapsString(pxCaps, "format"));
+  EXPECT_EQ(64, CapsInt(pxCaps, "width"));
+  EXPECT_EQ(48, CapsInt(pxCaps, "height"));
+  EXPECT_EQ(std::make_pair(30, 1), CapsFraction(pxCaps, "framerate"));
+}
+
+TEST(MixCaps, AlphaBeatsAnyCountAndFailsWhereDownstreamHasNoAlpha) {
+  const char* kGray = "video/x-raw,format=GRAY8,width=16,height=8,framerate=25/1";
+  const char* kRgba = "video/x-raw,format=RGBA,width=16,height=8,framerate=25/1";
+  {
+    CMixerRig xRig(nullptr, "video/x-raw,format={GRAY8,RGBA}");
+    xRig.Play();
+    EXPECT_EQ("RGBA", CapsString(NegotiatedCaps(xRig, {kGray, kGray, kRgba}), "format"));
+    // A later pad without alpha is skipped: the format stays and no new caps go out.
+    CMixInput& xLate = xRig.AddInput();
+    EXPECT_EQ(GST_FLOW_OK, xLate.Wait(xLate.Caps(kGray)));
+    for (size_t i = 0; i < 4; ++i) xRig.Input(i).Push(TimedBuffer(40 * kMs, 40 * kMs));
+    EXPECT_TRUE(xRig.Out().WaitForBuffers(2));
+    EXPECT_EQ(1u, CountEvents(xRig.Out(), GST_EVENT_CAPS));
+    EXPECT_EQ("RGBA", CapsString(LastCaps(xRig.Out()), "format"));
+  }
+  {
+    CMixerRig xRig(nullptr, "video/x-raw,format=GRAY8");
+    xRig.Play();
+    for (const char* szCaps : {kGray, kGray}) {
+      CMixInput& xIn = xRig.AddInput();
+      EXPECT_EQ(GST_FLOW_OK, xIn.Wait(xIn.Caps(szCaps)));
+    }
+    // Sent straight to the pad: a push from upstream reports a sticky event as stored.
+    CMixInput& xIn = xRig.AddInput();
+    EXPECT_EQ(GST_FLOW_OK, xIn.Wait(0));
+    EXPECT_FALSE(
+        gst_pad_send_event(xIn.MixerPad(), gst_event_new_caps(gst_caps_from_string(kRgba))));
+    std::vector<GstMessage*> xErrors = xRig.Messages(GST_MESSAGE_ERROR);
+    ASSERT_EQ(1u, xErrors.size());
+    GError* pxError = NULL;
+    gchar* szDebug = NULL;
+    gst_message_parse_error(xErrors[0], &pxError, &szDebug);
+    EXPECT_TRUE(g_error_matches(pxError, GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION));
+    EXPECT_STREQ(
+        "At least one of the input pads contains alpha, but downstream can't support alpha.",
+        pxError->message);
+    EXPECT_NE(nullptr, strstr(szDebug,
+                              "Either convert your inputs to not contain alpha or add "
+                              "a videoconvert after the mixer"));
+    g_error_free(pxError);
+    g_free(szDebug);
+  }
+}
+
+TEST(MixCaps, SinkPadsOfferRelaxedCapsAndAcceptOtherSizesRatesAndFormats) {
+  CMixerRig xRig;
+  xRig.Play();
+  CMixInput& xIn = xRig.AddInput();
+  // Before any output caps: the template, any size and rate, square pixels, all formats.
+  GstCaps* pxCaps = gst_pad_query_caps(xIn.MixerPad(), NULL);
+  EXPECT_TRUE(CapsEqualString(
+      pxCaps,
+      "video/x-raw, format=(string){ GRAY8, RGBA }, width=(int)[ 1, 2147483647 ], "
+      "height=(int)[ 1, 2147483647 ], framerate=(fraction)[ 0/1, 2147483647/1 ], "
+      "pixel-aspect-ratio=(fraction)1/1; video/x-bayer, format=(string){ BA81, bggr, grbg, "
+      "gbrg, rggb }, width=(int)[ 1, 2147483647 ], height=(int)[ 1, 2147483647 ], "
+      "framerate=(fraction)[ 0/1, 2147483647/1 ], pixel-aspect-ratio=(fraction)1/1"));
+  gst_caps_unref(pxCaps);
+
+  xIn.Caps(kGray25);
+  xIn.Push(TimedBuffer(0, 40 * kMs));
+  ASSERT_TRUE(xRig.Out().WaitForBuffers(1));
+  auto Accepts = [&](const char* szCaps) {
+    GstCaps* pxOffer = gst_caps_from_string(szCaps);
+    const gboolean b = gst_pad_query_accept_caps(xIn.MixerPad(), pxOffer);
+    gst_caps_unref(pxOffer);
+    return b;
+  };
+  EXPECT_TRUE(Accepts("video/x-raw,format=RGBA,width=100,height=50,framerate=60/1"));
+  EXPECT_FALSE(
+      Accepts("video/x-raw,format=GRAY8,width=16,height=8,framerate=25/1,pixel-aspect-ratio=2/1"));
+  EXPECT_FALSE(Accepts("video/x-bayer,format=grbg,width=16,height=8,framerate=25/1"));
+
+  // The allocation answer is a pool of pinned host memory.
+  GstCaps* pxAlloc = gst_caps_from_string("video/x-raw,format=GRAY8,width=64,height=32");
+  GstQuery* pxQuery = gst_query_new_allocation(pxAlloc, TRUE);
+  EXPECT_TRUE(gst_pad_peer_query(xIn.SourcePad(), pxQuery));
+  ASSERT_EQ(1u, gst_query_get_n_allocation_pools(pxQuery));
+  guint uSize = 0;
+  gst_query_parse_nth_allocation_pool(pxQuery, 0, NULL, &uSize, NULL, NULL);
+  EXPECT_EQ(2048u, uSize);
+  ASSERT_EQ(1u, gst_query_get_n_allocation_params(pxQuery));
+  GstAllocator* pxAllocator = NULL;
+  gst_query_parse_nth_allocation_param(pxQuery, 0, &pxAllocator, NULL);
+  ASSERT_NE(nullptr, pxAllocator);
+  EXPECT_STREQ("MySysMem", pxAllocator->mem_type);
+  gst_object_unref(pxAllocator);
+  gst_query_unref(pxQuery);
+  gst_caps_unref(pxAlloc);
+}
+
+TEST(MixCaps, RateChangeGoesOnFromThePositionWithoutAJump) {
+  CMixerRig xRig;
+  xRig.Play();
+  CMixInput& xIn = xRig.AddInput();
+  xIn.Caps(kGray25);
+  for (int i = 0; i < 3; ++i) xIn.Push(TimedBuffer(i * 40 * kMs, 40 * kMs));
+  ASSERT_TRUE(xRig.Out().WaitForBuffers(3));
+  EXPECT_EQ(static_cast<gint64>(120 * kMs), Position(xRig.Mixer()));
+  // At 50/1 the next interval ends one 20 ms frame after 120 ms, not at 4 x 20 ms.
+  EXPECT_EQ(GST_FLOW_OK,
+            xIn.Wait(xIn.Caps("video/x-raw,format=GRAY8,width=16,height=8,framerate=50/1", false)));
+  xIn.Push(TimedBuffer(120 * kMs, 20 * kMs));
+  ASSERT_TRUE(xRig.Out().WaitForBuffers(4));
+  EXPECT_EQ(static_cast<gint64>(140 * kMs), Position(xRig.Mixer()));
+  EXPECT_EQ(std::make_pair(50, 1), CapsFraction(LastCaps(xRig.Out()), "framerate"));
+}
+
+/* The output time line */
+
+struct STwoPads {
+  CMixerRig xRig;
+  CMixInput& a;
+  CMixInput& b;
+  std::map<const GstBuffer*, std::string> xNames;
+  explicit STwoPads(int iCamera) : a((xRig.Play(), xRig.AddInput())), b(xRig.AddInput()) {
+    EXPECT_TRUE(xRig.SelectCamera(iCamera));
+    a.Caps(kGray25);
+    b.Caps(kGray25);
+  }
+  void Push(CMixInput& xIn, const std::string& sName, GstClockTime uPts, GstClockTime uDur) {
+    xIn.Push(TimedBuffer(uPts, uDur));
+    xNames[xIn.Last()] = sName;
+  }
+  std::vector<std::string> Out() { return Labels(xRig.Out().Buffers(), xNames); }
+};
+
+TEST(MixTimeline, TwoPadsTakeKeepAndShareIntervalsAsWorkedOut) {
+  // A at 0 and 40 ms, B at 50 ms: interval [0,40) takes A and keeps B, [40,80) takes both.
+  for (int iCamera : {0, 1}) {
+    testing::internal::CaptureStdout();
+    STwoPads x(iCamera);
+    x.Push(x.a, "a0", 0, 40 * kMs);
+    x.Push(x.b, "b50", 50 * kMs, 40 * kMs);
+    x.Push(x.a, "a40", 40 * kMs, 40 * kMs);
+    ASSERT_TRUE(x.xRig.Out().WaitForBuffers(2));
+    EXPECT_EQ(static_cast<gint64>(80 * kMs), Position(x.xRig.Mixer()));
+    x.a.Eos();
+    x.b.Eos();
+    ASSERT_TRUE(x.xRig.Out().WaitForEos());
+    const std::vector<std::string> xExpected = iCamera == 0
+                                                   ? std::vector<std::string>{"a0", "a40"}
+                                                   : std::vector<std::string>{"pool", "b50"};
+    EXPECT_EQ(xExpected, x.Out());
+    const std::vector<GstEventType> xTypes = x.xRig.Out().EventTypes();
+    EXPECT_EQ((std::vector<GstEventType>{GST_EVENT_STREAM_START, GST_EVENT_CAPS, GST_EVENT_SEGMENT,
+                                         GST_EVENT_EOS}),
+              xTypes);
+    const gchar* szStream = NULL;
+    gst_event_parse_stream_start(x.xRig.Out().Events()[0], &szStream);
+    EXPECT_TRUE(g_regex_match_simple("^mix-[0-9a-f]{8}$", szStream,
+                                     static_cast<GRegexCompileFlags>(0),
+                                     static_cast<GRegexMatchFlags>(0)));
+    EXPECT_EQ("Sending NEWSEGMENT even\n", testing::internal::GetCapturedStdout());
+  }
+}
+
+TEST(MixTimeline, PadRunningAheadKeepsItsBufferForFiveIntervals) {
+  // B's buffer at 200 ms waits through [0,40) ... [160,200) and is taken in [200,240).
+  STwoPads x(1);
+  for (int i = 0; i <= 6; ++i) x.Push(x.a, "a" + std::to_string(i * 40), i * 40 * kMs, 40 * kMs);
+  x.Push(x.b, "b200", 200 * kMs, 40 * kMs);
+  x.a.Eos();
+  x.b.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  EXPECT_EQ(Concat({Repeat("pool", 5), {"b200", "pool"}}), x.Out());
+}
+
+TEST(MixTimeline, BufferWithoutDurationWaitsForItsSuccessor) {
+  STwoPads x(0);
+  x.b.Eos();
+  for (int i = 0; i < 3; ++i)
+    x.Push(x.a, "a" + std::to_string(i * 40), i * 40 * kMs, GST_CLOCK_TIME_NONE);
+  x.a.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  // The last one is still queued at EOS and never taken.
+  EXPECT_EQ((std::vector<std::string>{"a0", "a40"}), x.Out());
+  for (const SOutBuffer& xOut : x.xRig.Out().Buffers())
+    EXPECT_EQ(GST_CLOCK_TIME_NONE, xOut.uDuration);
+}
+
+TEST(MixTimeline, EndOfStreamEndsWithTheLastLivePad) {
+  {
+    STwoPads x(0);
+    x.a.Eos();
+    x.b.Eos();
+    ASSERT_TRUE(x.xRig.Out().WaitForEos());
+    EXPECT_TRUE(x.Out().empty());
+  }
+  {
+    // Alone at EOS, a current buffer of 200 ms doesn't hold the stream open.
+    STwoPads x(0);
+    x.b.Eos();
+    x.Push(x.a, "a0", 0, 200 * kMs);
+    x.a.Eos();
+    ASSERT_TRUE(x.xRig.Out().WaitForEos());
+    EXPECT_EQ((std::vector<std::string>{"a0"}), x.Out());
+  }
+  {
+    // Beside a live pad, B's last buffer stays current until the position reaches its end.
+    STwoPads x(1);
+    x.Push(x.b, "b0", 0, 120 * kMs);
+    x.b.Eos();
+    for (int i = 0; i < 5; ++i) x.Push(x.a, "a", i * 40 * kMs, 40 * kMs);
+    x.a.Eos();
+    ASSERT_TRUE(x.xRig.Out().WaitForEos());
+    EXPECT_EQ(Concat({Repeat("b0", 3), Repeat("pool", 2)}), x.Out());
+  }
+}
+
+TEST(MixTimeline, SegmentStopEndsTheStreamOrWithTheFlagShortensTheLastInterval) {
+  for (bool bFlag : {false, true}) {
+    STwoPads x(0);
+    // B has ended before the seek: a seek without flush must not wait for it again.
+    EXPECT_EQ(GST_FLOW_OK, x.b.Wait(x.b.Eos()));
+    EXPECT_TRUE(x.xRig.Out().SendUpstream(
+        TimeSeek(1.0, bFlag ? GST_SEEK_FLAG_SEGMENT : GST_SEEK_FLAG_NONE, 0, 100 * kMs)));
+    for (int i = 0; i < 5; ++i) x.Push(x.a, "a" + std::to_string(i * 40), i * 40 * kMs, 40 * kMs);
+    x.a.Eos();
+    ASSERT_TRUE(x.xRig.Out().WaitForEos());
+    const GstSegment* pxSegment = LastSegment(x.xRig.Out());
+    ASSERT_NE(nullptr, pxSegment);
+    EXPECT_EQ(100 * kMs, pxSegment->stop);
+    if (!bFlag) {
+      // E = 120 ms reaches the stop: EOS instead of a third frame.
+      EXPECT_EQ((std::vector<std::string>{"a0", "a40"}), x.Out());
+      EXPECT_EQ(0u, CountEvents(x.xRig.Out(), GST_EVENT_SEGMENT_DONE));
+      continue;
+    }
+    // [80,100) is the last interval; then SEGMENT_DONE once and nothing more from behind the stop.
+    EXPECT_EQ((std::vector<std::string>{"a0", "a40", "a80"}), x.Out());
+    EXPECT_EQ(static_cast<gint64>(100 * kMs), Position(x.xRig.Mixer()));
+    EXPECT_EQ(1u, CountEvents(x.xRig.Out(), GST_EVENT_SEGMENT_DONE));
+    std::vector<GstMessage*> xDone = x.xRig.Messages(GST_MESSAGE_SEGMENT_DONE);
+    ASSERT_EQ(1u, xDone.size());
+    GstFormat eFormat;
+    gint64 iPosition;
+    gst_message_parse_segment_done(xDone[0], &eFormat, &iPosition);
+    EXPECT_EQ(GST_FORMAT_TIME, eFormat);
+    EXPECT_EQ(static_cast<gint64>(100 * kMs), iPosition);
+    EXPECT_EQ(GST_EVENT_EOS, x.xRig.Out().EventTypes().back());
+  }
+}
+
+TEST(MixTimeline, OutputRateTwoCountsInputTimeDouble) {
+  // A buffer at 100 ms counts as [200,280) at rate 2.0, as [100,140) at rate 1.0.
+  for (gdouble dRate : {1.0, 2.0}) {
+    STwoPads x(0);
+    EXPECT_EQ(GST_FLOW_OK, x.b.Wait(x.b.Eos()));
+    EXPECT_TRUE(
+        x.xRig.Out().SendUpstream(TimeSeek(dRate, GST_SEEK_FLAG_NONE, 0, GST_CLOCK_TIME_NONE)));
+    x.Push(x.a, "a100", 100 * kMs, 40 * kMs);
+    x.a.Eos();
+    ASSERT_TRUE(x.xRig.Out().WaitForEos());
+    EXPECT_EQ(Concat({Repeat("pool", dRate == 2.0 ? 5 : 2), {"a100"}}), x.Out()) << dRate;
+    EXPECT_EQ(dRate, LastSegment(x.xRig.Out())->rate);
+  }
+}
+
+TEST(MixTimeline, BufferWithoutTimestampIsRefusedAndTheNextOnePasses) {
+  STwoPads x(0);
+  x.b.Eos();
+  const size_t uBad = x.a.Push(TimedBuffer(GST_CLOCK_TIME_NONE, 40 * kMs));
+  EXPECT_EQ(GST_FLOW_ERROR, x.a.Wait(uBad));
+  x.Push(x.a, "a0", 0, 40 * kMs);
+  x.a.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  EXPECT_EQ((std::vector<std::string>{"a0"}), x.Out());
+}
+
+/* Selector */
+
+TEST(MixSelector, HandsOnTheCamerasOwnBufferWithMetaAndTimes) {
+  STwoPads x(1);
+  x.b.Eos();
+  // camID 0 picks the first pad; an event without camID leaves the choice alone.
+  EXPECT_TRUE(x.xRig.SelectCamera(0));
+  EXPECT_FALSE(x.xRig.Out().SendUpstream(
+      gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM, gst_structure_new_empty("eventStruct"))));
+  GstBuffer* pxIn = TimedBuffer(0, 40 * kMs);
+  auto* pxMeta = reinterpret_cast<MyMetaInfo*>(gst_buffer_add_meta(pxIn, my_meta_get_info(), NULL));
+  pxMeta->exposure = 0.02f;
+  pxMeta->gain = 2.5f;
+  x.a.Push(pxIn);
+  x.a.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  const std::vector<SOutBuffer> xOut = x.xRig.Out().Buffers();
+  ASSERT_EQ(1u, xOut.size());
+  EXPECT_EQ(pxIn, xOut[0].pxBuffer);
+  EXPECT_EQ(0u, xOut[0].uPts);
+  EXPECT_EQ(40 * kMs, xOut[0].uDuration);
+  auto* pxOutMeta =
+      reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(xOut[0].pxBuffer, MY_META_INFO_API_TYPE));
+  ASSERT_NE(nullptr, pxOutMeta);
+  EXPECT_EQ(0.02f, pxOutMeta->exposure);
+  EXPECT_EQ(2.5f, pxOutMeta->gain);
+  // The selection stays with the mixer: no camera hears of it.
+  for (GstEventType e : x.a.UpstreamEventTypes()) EXPECT_NE(GST_EVENT_CUSTOM_UPSTREAM, e);
+}
+
+TEST(MixSelector, CameraBeyondThePadsGivesUnwrittenPoolBuffersOfTheOutputSize) {
+  STwoPads x(3);
+  for (int i = 0; i < 3; ++i) {
+    x.Push(x.a, "a", i * 40 * kMs, 40 * kMs);
+    x.Push(x.b, "b", i * 40 * kMs, 40 * kMs);
+  }
+  x.a.Eos();
+  x.b.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  const std::vector<SOutBuffer> xOut = x.xRig.Out().Buffers();
+  ASSERT_EQ(3u, xOut.size());
+  for (const SOutBuffer& xBuf : xOut) {
+    EXPECT_TRUE(xBuf.bFromPool);
+    EXPECT_TRUE(xBuf.bSysMem);
+    EXPECT_EQ(128u, xBuf.uSize);  // GRAY8 16x8
+    EXPECT_EQ(GST_CLOCK_TIME_NONE, xBuf.uPts);
+  }
+}
+
+TEST(MixSelector, CameraIndexIsThePositionAmongThePadsNotTheNumberInTheName) {
+  CMixerRig xRig;
+  xRig.Play();
+  std::vector<CMixInput*> xIn;
+  for (int i = 0; i < 3; ++i) xIn.push_back(&xRig.AddInput());
+  gst_element_release_request_pad(xRig.Mixer(), xIn[0]->MixerPad());
+  EXPECT_TRUE(xRig.SelectCamera(1));
+  std::map<const GstBuffer*, std::string> xNames;
+  for (int i = 1; i < 3; ++i) {
+    xIn[i]->Caps(kGray25);
+    xIn[i]->Push(TimedBuffer(0, 40 * kMs));
+    xNames[xIn[i]->Last()] = GST_PAD_NAME(xIn[i]->MixerPad());
+    xIn[i]->Eos();
+  }
+  ASSERT_TRUE(xRig.Out().WaitForEos());
+  EXPECT_EQ((std::vector<std::string>{"sink_2"}), Labels(xRig.Out().Buffers(), xNames));
+}
+
+TEST(MixSelector, PoolsAreSharedPerOutputAndNeverGiveABufferOfAnotherSize) {
+  auto Run = [](CMixerRig& xRig, const char* szCaps, int iFrames) {
+    xRig.Play();
+    EXPECT_TRUE(xRig.SelectCamera(5));
+    CMixInput& xIn = xRig.AddInput();
+    xIn.Caps(szCaps);
+    for (int i = 0; i < iFrames; ++i) xIn.Push(TimedBuffer(i * 40 * kMs, 40 * kMs));
+  };
+  const char* kWide = "video/x-raw,format=GRAY8,width=32,height=8,framerate=25/1";
+  CMixerRig xFirst, xSecond, xThird;
+  Run(xFirst, kGray25, 2);
+  ASSERT_TRUE(xFirst.Out().WaitForBuffers(2));
+  Run(xSecond, kWide, 2);
+  Run(xThird, kGray25, 2);
+  ASSERT_TRUE(xSecond.Out().WaitForBuffers(2));
+  ASSERT_TRUE(xThird.Out().WaitForBuffers(2));
+  // A new size in the middle of a stream gets buffers of the new size.
+  CMixInput& xIn = xFirst.Input(0);
+  xIn.Caps(kWide, false);
+  xIn.Push(TimedBuffer(80 * kMs, 40 * kMs));
+  ASSERT_TRUE(xFirst.Out().WaitForBuffers(3));
+
+  const auto a = xFirst.Out().Buffers(), b = xSecond.Out().Buffers(), c = xThird.Out().Buffers();
+  EXPECT_EQ(128u, a[0].uSize);
+  EXPECT_EQ(256u, a[2].uSize);
+  EXPECT_EQ(256u, b[0].uSize);
+  EXPECT_EQ(128u, c[0].uSize);
+  EXPECT_EQ(a[0].pxPool, c[0].pxPool);  // the same output shares the first mixer's pool
+  EXPECT_NE(a[0].pxPool, b[0].pxPool);
+  EXPECT_EQ(a[2].pxPool, b[0].pxPool);
+}
+
+/* Video wall */
+
+struct SWallInput {
+  std::vector<uint8_t> xBytes;
+  int iWidth, iHeight;
+};
+
+// Checks that tile t of the wall holds the top-left 1280x1338 bytes of the image.
+void ExpectTile(const Qv::CQvImage& xWall, int iTile, const SWallInput& xIn) {
+  const auto* pWall = static_cast<const uint8_t*>(xWall.GetDataPtr());
+  const size_t x0 = (iTile % 3) * 1280, y0 = (iTile / 3) * 1338;
+  int iBadRows = 0;
+  for (size_t y = 0; y < 1338; ++y)
+    iBadRows += std::memcmp(pWall + (y0 + y) * 3840 + x0, &xIn.xBytes[y * xIn.iWidth], 1280) != 0;
+  EXPECT_EQ(0, iBadRows) << "tile " << iTile;
+}
+
+bool TileEquals(const Qv::CQvImage& xWall, int iTile, const SWallInput& xIn) {
+  const auto* pWall = static_cast<const uint8_t*>(xWall.GetDataPtr());
+  const size_t x0 = (iTile % 3) * 1280, y0 = (iTile / 3) * 1338;
+  for (size_t y = 0; y < 1338; ++y)
+    if (std::memcmp(pWall + (y0 + y) * 3840 + x0, &xIn.xBytes[y * xIn.iWidth], 1280)) return false;
+  return true;
+}
+
+SWallInput WallImage(int iWidth, int iHeight, uint32_t uSeed) {
+  return SWallInput{FrameBytes(static_cast<size_t>(iWidth) * iHeight, uSeed), iWidth, iHeight};
+}
+
+Qv::CQvImage WallFrame(CMixerRig& xRig, size_t uIndex) {
+  const std::vector<SOutBuffer> xOut = xRig.Out().Buffers();
+  if (uIndex >= xOut.size() || !xOut[uIndex].pxBuffer) {
+    ADD_FAILURE() << "no wall frame " << uIndex;
+    return Qv::CQvImage();
+  }
+  return DownloadBufferImage(xOut[uIndex].pxBuffer);
+}
+
+TEST(MixWall, EachPoppedImageGivesTheTopLeftOfItsTileInPadOrder) {
+  // Every pad takes a at [0,80) in the first interval; in the second each keeps b at 80 ms,
+  // and the wall pops it into the pad's tile.
+  testing::internal::CaptureStdout();
+  CMixerRig xRig("videowall");
+  xRig.Play();
+  std::vector<SWallInput> xImages;
+  std::vector<CMixInput*> xIns = xRig.AddInputs(6);
+  for (int i = 0; i < 6; ++i) {
+    xImages.push_back(i == 5 ? WallImage(1280, 1338, 60 + i) : WallImage(1300 + i, 1340, 60 + i));
+    CMixInput& xIn = *xIns[i];
+    xIn.Caps("video/x-raw,format=GRAY8,width=1300,height=1340,framerate=25/1");
+    xIn.Push(TimedBuffer(0, 80 * kMs));
+    xIn.Push(DeviceImageBuffer(xImages[i].iWidth, xImages[i].iHeight, xImages[i].xBytes, 80 * kMs,
+                               40 * kMs));
+    xIn.Eos();
+  }
+  ASSERT_TRUE(xRig.Out().WaitForEos());
+  testing::internal::GetCapturedStdout();
+  const std::vector<SOutBuffer> xOut = xRig.Out().Buffers();
+  ASSERT_EQ(2u, xOut.size());
+  for (const SOutBuffer& x : xOut) {
+    EXPECT_TRUE(x.bDeviceImage);
+    EXPECT_EQ(GST_CLOCK_TIME_NONE, x.uPts);
+  }
+  GstCaps* pxCaps = LastCaps(xRig.Out());
+  EXPECT_EQ(3840, CapsInt(pxCaps, "width"));
+  EXPECT_EQ(2676, CapsInt(pxCaps, "height"));
+  const Qv::CQvImage xWall = WallFrame(xRig, 1);
+  EXPECT_EQ(Qv::CQvImageFormat(3840, 2676, Qv::EPixelType::BayerGR, Qv::EDataType::UByte),
+            xWall.GetFormat());
+  for (int t = 0; t < 6; ++t) ExpectTile(xWall, t, xImages[t]);
+  EXPECT_TRUE(xRig.Messages(GST_MESSAGE_WARNING).empty());
+}
+
+TEST(MixWall, PadWithoutCurrentBufferLeavesAGapAndOneWithNothingWaitingDoesNot) {
+  {
+    const SWallInput xImage = WallImage(1280, 1338, 71);
+    // Pad 0 keeps its buffer at 200 ms and has no current one: pad 1's popped image goes to
+    // tile 1, in the second of six frames.
+    CMixerRig xRig("videowall");
+    xRig.Play();
+    CMixInput& x0 = xRig.AddInput();
+    CMixInput& x1 = xRig.AddInput();
+    x0.Caps(kGray25);
+    x1.Caps(kGray25);
+    x0.Push(TimedBuffer(200 * kMs, 40 * kMs));
+    x0.Eos();
+    x1.Push(TimedBuffer(0, 80 * kMs));
+    x1.Push(DeviceImageBuffer(1280, 1338, xImage.xBytes, 80 * kMs, 40 * kMs));
+    x1.Eos();
+    ASSERT_TRUE(xRig.Out().WaitForEos());
+    ASSERT_EQ(6u, xRig.Out().Buffers().size());
+    const Qv::CQvImage xWall = WallFrame(xRig, 1);
+    ExpectTile(xWall, 1, xImage);
+    EXPECT_FALSE(TileEquals(xWall, 0, xImage));
+  }
+  {
+    // Pad 0 takes a fresh buffer, so nothing waits on it: pad 1's image moves up to tile 0.
+    const SWallInput xImage = WallImage(1280, 1338, 72);
+    CMixerRig xRig("videowall");
+    xRig.Play();
+    CMixInput& x0 = xRig.AddInput();
+    CMixInput& x1 = xRig.AddInput();
+    x0.Caps(kGray25);
+    x1.Caps(kGray25);
+    x0.Push(TimedBuffer(0, 40 * kMs));
+    x0.Push(TimedBuffer(40 * kMs, 40 * kMs));
+    x0.Eos();
+    x1.Push(TimedBuffer(0, 80 * kMs));
+    x1.Push(DeviceImageBuffer(1280, 1338, xImage.xBytes, 80 * kMs, 40 * kMs));
+    x1.Eos();
+    ASSERT_TRUE(xRig.Out().WaitForEos());
+    ASSERT_EQ(2u, xRig.Out().Buffers().size());
+    const Qv::CQvImage xWall = WallFrame(xRig, 1);
+    ExpectTile(xWall, 0, xImage);
+    EXPECT_FALSE(TileEquals(xWall, 1, xImage));
+  }
+}
+
+TEST(MixWall, SeventhPadIsLeftOutWithOneWarning) {
+  // Two frames pop an image on all seven pads; the seventh is said once.
+  testing::internal::CaptureStdout();
+  CMixerRig xRig("videowall");
+  xRig.Play();
+  std::vector<SWallInput> xImages;
+  std::vector<CMixInput*> xIns = xRig.AddInputs(7);
+  for (int i = 0; i < 7; ++i) {
+    xImages.push_back(WallImage(1280, 1338, 80 + i));
+    CMixInput& xIn = *xIns[i];
+    xIn.Caps(kGray25);
+    xIn.Push(TimedBuffer(0, 120 * kMs));
+    for (int k = 0; k < 2; ++k)
+      xIn.Push(DeviceImageBuffer(1280, 1338, xImages[i].xBytes, 120 * kMs, 40 * kMs));
+    xIn.Eos();
+  }
+  ASSERT_TRUE(xRig.Out().WaitForEos());
+  testing::internal::GetCapturedStdout();
+  ASSERT_EQ(3u, xRig.Out().Buffers().size());
+  for (size_t f : {1u, 2u}) {
+    const Qv::CQvImage xWall = WallFrame(xRig, f);
+    for (int t = 0; t < 6; ++t) ExpectTile(xWall, t, xImages[t]);
+  }
+  std::vector<GstMessage*> xWarnings = xRig.Messages(GST_MESSAGE_WARNING);
+  ASSERT_EQ(1u, xWarnings.size());
+  GError* pxError = NULL;
+  gst_message_parse_warning(xWarnings[0], &pxError, NULL);
+  EXPECT_STREQ("The video wall has six tiles; the images of sink_6 and later pads are left out.",
+               pxError->message);
+  g_error_free(pxError);
+  EXPECT_TRUE(xRig.Messages(GST_MESSAGE_ERROR).empty());
+}
+
+TEST(MixWall, ImageTooSmallOrNotOnTheDeviceLeavesItsTileWithOneWarningPerPad) {
+  testing::internal::CaptureStdout();
+  CMixerRig xRig("videowall");
+  xRig.Play();
+  const SWallInput xSmall = WallImage(640, 480, 90);
+  std::vector<CMixInput*> xIns = xRig.AddInputs(2);
+  for (int i = 0; i < 2; ++i) {
+    CMixInput& xIn = *xIns[i];
+    xIn.Caps(kGray25);
+    xIn.Push(TimedBuffer(0, 120 * kMs));
+    for (int k = 0; k < 2; ++k)
+      xIn.Push(i == 0 ? TimedBuffer(120 * kMs, 40 * kMs)
+                      : DeviceImageBuffer(640, 480, xSmall.xBytes, 120 * kMs, 40 * kMs));
+    xIn.Eos();
+  }
+  ASSERT_TRUE(xRig.Out().WaitForEos());
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(3u, xRig.Out().Buffers().size());
+  std::vector<std::string> xTexts;
+  for (GstMessage* pxMessage : xRig.Messages(GST_MESSAGE_WARNING)) {
+    GError* pxError = NULL;
+    gst_message_parse_warning(pxMessage, &pxError, NULL);
+    xTexts.push_back(pxError->message);
+    g_error_free(pxError);
+  }
+  EXPECT_EQ((std::vector<std::string>{
+                "The image of sink_0 carries no device image; its tile stays unwritten.",
+                "The image of sink_1 is 640x480, BayerGR, UByte, smaller than a tile of 1280 "
+                "bytes by 1338 rows; its tile stays unwritten."}),
+            xTexts);
+  EXPECT_TRUE(xRig.Messages(GST_MESSAGE_ERROR).empty());
+}
+
+TEST(MixWall, SwitchingTypeWhilePlayingGivesWallFramesUnderTheSelectorsCaps) {
+  testing::internal::CaptureStdout();
+  STwoPads x(0);
+  x.b.Eos();
+  x.Push(x.a, "a0", 0, 40 * kMs);
+  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
+  g_object_set(x.xRig.Mixer(), "type", "videowall", NULL);
+  x.Push(x.a, "a40", 40 * kMs, 40 * kMs);
+  x.a.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ((std::vector<std::string>{"a0", "wall"}), x.Out());
+  EXPECT_EQ(1u, CountEvents(x.xRig.Out(), GST_EVENT_CAPS));
+  EXPECT_EQ(16, CapsInt(LastCaps(x.xRig.Out()), "width"));
+}
+
+/* Events and queries */
+
+TEST(MixEvents, SeeksWithoutAPositiveRateOrInOtherFormatsAreRefused) {
+  STwoPads x(0);
+  // GStreamer makes no seek of rate 0 itself: one is edited into an event of rate 1.
+  GstEvent* pxZero = TimeSeek(1.0, GST_SEEK_FLAG_FLUSH, 0, 0);
+  gst_structure_set(gst_event_writable_structure(pxZero), "rate", G_TYPE_DOUBLE, 0.0, NULL);
+  EXPECT_FALSE(x.xRig.Out().SendUpstream(pxZero));
+  EXPECT_FALSE(x.xRig.Out().SendUpstream(TimeSeek(-1.0, GST_SEEK_FLAG_FLUSH, 0, 0)));
+  EXPECT_FALSE(x.xRig.Out().SendUpstream(gst_event_new_seek(
+      1.0, GST_FORMAT_BYTES, GST_SEEK_FLAG_NONE, GST_SEEK_TYPE_SET, 0, GST_SEEK_TYPE_NONE, -1)));
+  EXPECT_FALSE(x.xRig.Out().SendUpstream(
+      gst_event_new_navigation(gst_structure_new_empty("application/x-gst-navigation"))));
+  EXPECT_TRUE(x.a.UpstreamEventTypes().empty());
+}
+
+TEST(MixEvents, FlushingSeekClearsCurrentBuffersAndPlainSeekKeepsThem) {
+  // B holds b0 over [0,400) and keeps b1 at 400 ms. After the seek to 0 the intervals start
+  // again: the plain seek keeps handing on b0, the flushing one has no current buffer.
+  for (bool bFlush : {false, true}) {
+    STwoPads x(1);
+    x.Push(x.a, "a0", 0, 40 * kMs);
+    x.Push(x.a, "a40", 40 * kMs, 40 * kMs);
+    x.Push(x.b, "b0", 0, 400 * kMs);
+    x.Push(x.b, "b1", 400 * kMs, 40 * kMs);
+    ASSERT_TRUE(x.xRig.Out().WaitForBuffers(2));
+    EXPECT_TRUE(x.xRig.Out().SendUpstream(
+        TimeSeek(1.0, bFlush ? GST_SEEK_FLAG_FLUSH : GST_SEEK_FLAG_NONE, 0, GST_CLOCK_TIME_NONE)));
+    EXPECT_EQ(-1, Position(x.xRig.Mixer()));
+    x.Push(x.a, "a80", 80 * kMs, 40 * kMs);
+    x.a.Eos();
+    x.b.Eos();
+    ASSERT_TRUE(x.xRig.Out().WaitForEos());
+    EXPECT_EQ(Concat({{"b0", "b0"}, Repeat(bFlush ? "pool" : "b0", 10), {"b1"}}), x.Out());
+    EXPECT_EQ(2u, CountEvents(x.xRig.Out(), GST_EVENT_SEGMENT));
+    for (CMixInput* pxIn : {&x.a, &x.b}) {
+      const auto xTypes = pxIn->UpstreamEventTypes();
+      EXPECT_EQ(1, std::count(xTypes.begin(), xTypes.end(), GST_EVENT_SEEK));
+    }
+  }
+}
+
+TEST(MixEvents, FlushOnOnePadRewindsTheWholeOutput) {
+  // After a flush on A the time line starts at 0 again; B's current buffer stays.
+  STwoPads x(0);
+  x.Push(x.a, "a0", 0, 40 * kMs);
+  x.Push(x.b, "b0", 0, 40 * kMs);
+  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
+  x.a.Event(gst_event_new_flush_start());
+  EXPECT_EQ(GST_FLOW_OK, x.a.Wait(x.a.Event(gst_event_new_flush_stop(TRUE))));
+  EXPECT_EQ(-1, Position(x.xRig.Mixer()));
+  x.a.Segment();
+  x.Push(x.a, "a0 again", 0, 40 * kMs);
+  x.Push(x.b, "b40", 40 * kMs, 40 * kMs);
+  x.a.Eos();
+  x.b.Eos();
+  ASSERT_TRUE(x.xRig.Out().WaitForEos());
+  EXPECT_EQ((std::vector<std::string>{"a0", "a0 again", "pool"}), x.Out());
+  EXPECT_EQ(2u, CountEvents(x.xRig.Out(), GST_EVENT_SEGMENT));
+  EXPECT_EQ(1u, CountEvents(x.xRig.Out(), GST_EVENT_FLUSH_STOP));
+}
+
+TEST(MixEvents, QueriesAnswerPositionInTimeAndTheLongestDuration) {
+  STwoPads x(0);
+  x.Push(x.a, "a0", 0, 40 * kMs);
+  x.Push(x.b, "b0", 0, 40 * kMs);
+  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
+  GstPad* pxSrc = gst_element_get_static_pad(x.xRig.Mixer(), "src");
+  EXPECT_EQ(static_cast<gint64>(40 * kMs), Position(x.xRig.Mixer()));
+  gint64 iValue = 0;
+  EXPECT_FALSE(gst_pad_query_position(pxSrc, GST_FORMAT_BUFFERS, &iValue));
+  GstQuery* pxLatency = gst_query_new_latency();
+  EXPECT_FALSE(gst_pad_query(pxSrc, pxLatency));
+  gst_query_unref(pxLatency);
+
+  EXPECT_FALSE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));  // no answers
+  x.a.AnswerDuration(10 * GST_SECOND);
+  EXPECT_FALSE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));  // one answer
+  x.b.AnswerDuration(20 * GST_SECOND);
+  EXPECT_TRUE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));
+  EXPECT_EQ(static_cast<gint64>(20 * GST_SECOND), iValue);
+  x.a.AnswerDuration(-1);
+  EXPECT_TRUE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));
+  EXPECT_EQ(-1, iValue);
+  gst_object_unref(pxSrc);
+}
+
+TEST(MixEvents, TagsGoOutWithTheNextPassAndQosGoesToEveryCamera) {
+  STwoPads x(0);
+  GstTagList* pxTags = gst_tag_list_new(GST_TAG_TITLE, "camera A", NULL);
+  EXPECT_EQ(GST_FLOW_OK, x.a.Wait(x.a.Event(gst_event_new_tag(pxTags))));
+  x.Push(x.a, "a0", 0, 40 * kMs);
+  EXPECT_EQ(0u, CountEvents(x.xRig.Out(), GST_EVENT_TAG));  // no pass without B
+  x.Push(x.b, "b0", 0, 40 * kMs);
+  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
+  std::vector<GstEvent*> xEvents = x.xRig.Out().Events();
+  ASSERT_EQ(4u, xEvents.size());
+  ASSERT_EQ(GST_EVENT_TAG, GST_EVENT_TYPE(xEvents[3]));
+  GstTagList* pxOutTags = NULL;
+  gst_event_parse_tag(xEvents[3], &pxOutTags);
+  gchar* szTitle = NULL;
+  EXPECT_TRUE(gst_tag_list_get_string(pxOutTags, GST_TAG_TITLE, &szTitle));
+  EXPECT_STREQ("camera A", szTitle);
+  g_free(szTitle);
+
+  EXPECT_TRUE(x.xRig.Out().SendUpstream(
+      gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 0.9, 10 * kMs, 40 * kMs)));
+  for (CMixInput* pxIn : {&x.a, &x.b})
+    EXPECT_EQ((std::vector<GstEventType>{GST_EVENT_QOS}), pxIn->UpstreamEventTypes());
+}
+
+TEST(MixEvents, SegmentInAnotherFormatIsRefusedWithAWarning) {
+  STwoPads x(0);
+  GstSegment xBytes;
+  gst_segment_init(&xBytes, GST_FORMAT_BYTES);
+  EXPECT_EQ(GST_FLOW_OK, x.a.Wait(0));
+  EXPECT_FALSE(gst_pad_send_event(x.a.MixerPad(), gst_event_new_segment(&xBytes)));
+  std::vector<GstMessage*> xWarnings = x.xRig.Messages(GST_MESSAGE_WARNING);
+  ASSERT_EQ(1u, xWarnings.size());
+  GError* pxError = NULL;
+  gst_message_parse_warning(xWarnings[0], &pxError, NULL);
+  EXPECT_TRUE(g_error_matches(pxError, GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT));
+  EXPECT_STREQ("Refused a segment in bytes on sink_0: the mixer takes time segments only.",
+               pxError->message);
+  g_error_free(pxError);
+}
+
+TEST(MixEvents, ControlFromAnotherThreadWhileFramesAreMade) {
+  // The application thread selects cameras, reports QoS, seeks the rate back to 1, queries and
+  // sets the property while the streaming threads run a burst of 500 frames. What matters is
+  // that it ends and, under ThreadSanitizer, that nothing races.
+  testing::internal::CaptureStdout();
+  STwoPads x(0);
+  for (CMixInput* pxIn : {&x.a, &x.b}) {
+    pxIn->AnswerDuration(20 * GST_SECOND);
+    x.Push(*pxIn, "long", 0, 20 * GST_SECOND);
+    x.Push(*pxIn, "late", 20 * GST_SECOND, 40 * kMs);
+  }
+  GstPad* pxSrc = gst_element_get_static_pad(x.xRig.Mixer(), "src");
+  for (int i = 0; i < 200; ++i) {
+    x.xRig.SelectCamera(i % 3);
+    x.xRig.Out().SendUpstream(
+        gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 1.0, -GST_MSECOND, i * GST_MSECOND));
+    gint64 iValue;
+    gst_pad_query_position(pxSrc, GST_FORMAT_TIME, &iValue);
+    gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue);
+    g_object_set(x.xRig.Mixer(), "type", "selector", NULL);
+  }
+  gst_object_unref(pxSrc);
+  x.a.Eos();
+  x.b.Eos();
+  EXPECT_TRUE(x.xRig.Out().WaitForEos());
+  testing::internal::GetCapturedStdout();
+  EXPECT_FALSE(x.xRig.Out().Buffers().empty());
+}
+
+/* Quality of service */
+
+struct SQosRun {
+  std::vector<SOutBuffer> xOut;
+  std::vector<GstMessage*> xQos;
+  std::string sStdout;
+};
+
+// One pad with a buffer over [0,2 s) and a kept one at 2 s: one pass per 40 ms interval.
+template <class FReport>
+void RunQos(CMixerRig& xRig, SQosRun& xRun, FReport fnReport) {
+  testing::internal::CaptureStdout();
+  xRig.Play();
+  CMixInput& xIn = xRig.AddInput();
+  xIn.Caps(kGray25, false);
+  EXPECT_EQ(GST_FLOW_OK, xIn.Wait(xIn.Segment()));
+  fnReport(xRig);
+  xIn.Push(TimedBuffer(0, 2 * GST_SECOND));
+  xIn.Push(TimedBuffer(2 * GST_SECOND, 40 * kMs));
+  xIn.Eos();
+  EXPECT_TRUE(xRig.Out().WaitForEos());
+  xRun.sStdout = testing::internal::GetCapturedStdout();
+  xRun.xOut = xRig.Out().Buffers();
+  xRun.xQos = xRig.Messages(GST_MESSAGE_QOS);
+}
+
+size_t CountLines(const std::string& s, const std::string& sLine) {
+  size_t n = 0;
+  for (size_t i = s.find(sLine); i != std::string::npos; i = s.find(sLine, i + 1)) ++n;
+  return n;
+}
+
+TEST(MixQos, LateReportDropsUntilTwiceTheLatenessAndOneFramePastIt) {
+  // diff +40 ms at 1 s: earliest 1 s + 80 ms + 40 ms = 1.12 s; frames from 0 to 1.08 s go.
+  // diff -40 ms: earliest 0.96 s.
+  for (GstClockTimeDiff iDiff : {40 * GST_MSECOND, -40 * GST_MSECOND}) {
+    CMixerRig xRig;
+    SQosRun xRun;
+    RunQos(xRig, xRun, [&](CMixerRig& r) {
+      EXPECT_TRUE(
+          r.Out().SendUpstream(gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 0.8, iDiff, GST_SECOND)));
+    });
+    const GstClockTime uEarliest = iDiff > 0 ? 1120 * kMs : 960 * kMs;
+    const size_t uDrops = uEarliest / (40 * kMs);
+    ASSERT_EQ(uDrops, xRun.xQos.size());
+    EXPECT_EQ(uDrops, CountLines(xRun.sStdout, "Have jitter, dropping frames!\n"));
+    // The frame at the earliest time itself has jitter 0 and is made; so are the 2 s buffer's.
+    EXPECT_EQ(50 - uDrops + 1, xRun.xOut.size());
+    for (size_t i = 0; i < xRun.xQos.size(); ++i) {
+      GstMessage* m = xRun.xQos[i];
+      const GstClockTime uS = i * 40 * kMs;
+      gboolean bLive;
+      guint64 uRunning, uStream, uTimestamp, uDuration;
+      gst_message_parse_qos(m, &bLive, &uRunning, &uStream, &uTimestamp, &uDuration);
+      EXPECT_FALSE(bLive);
+      EXPECT_EQ(uS, uRunning);
+      EXPECT_EQ(uS, uStream);
+      EXPECT_EQ(uS, uTimestamp);
+      EXPECT_EQ(40 * kMs, uDuration);
+      gint64 iJitter;
+      gdouble dProportion;
+      gint iQuality;
+      gst_message_parse_qos_values(m, &iJitter, &dProportion, &iQuality);
+      EXPECT_EQ(static_cast<gint64>(uEarliest - uS), iJitter);
+      EXPECT_EQ(0.8, dProportion);
+      EXPECT_EQ(1000000, iQuality);
+      GstFormat eFormat;
+      guint64 uProcessed, uDropped;
+      gst_message_parse_qos_stats(m, &eFormat, &uProcessed, &uDropped);
+      EXPECT_EQ(GST_FORMAT_BUFFERS, eFormat);
+      EXPECT_EQ(0u, uProcessed);
+      EXPECT_EQ(i + 1, uDropped);
+    }
+  }
+}
+
+TEST(MixQos, NothingIsDroppedBeforeAReportWithATimestamp) {
+  for (bool bReport : {false, true}) {
+    CMixerRig xRig;
+    SQosRun xRun;
+    RunQos(xRig, xRun, [&](CMixerRig& r) {
+      if (bReport) {
+        EXPECT_TRUE(r.Out().SendUpstream(
+            gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 0.8, GST_SECOND, GST_CLOCK_TIME_NONE)));
+      }
+    });
+    EXPECT_TRUE(xRun.xQos.empty());
+    EXPECT_EQ(51u, xRun.xOut.size());
+    EXPECT_EQ(0u, CountLines(xRun.sStdout, "Have jitter"));
+  }
+}
+
+}  // namespace
