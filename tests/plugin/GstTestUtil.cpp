@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "QvDeviceImage2D.h"
+#include "gstUtil.h"
 #include "gstqvCudaMemory.h"
 
 namespace QvTest {
@@ -45,14 +46,13 @@ bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected) {
   return bEqual;
 }
 
-GstBuffer* DeviceImageBuffer(const Qv::CQvImage& xImage) {
-  GstAllocator* pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
-  if (!pxAllocator) {
-    my_memory_init();
-    pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
+GstBuffer* DeviceImageBuffer(const Qv::IImage& xImage) {
+  // The buffer an element's output step makes, filled as that element would fill it.
+  GstBuffer* pxBuffer = NULL;
+  if (PrepareOutputBufferCuda(NULL, NULL, &pxBuffer) != GST_FLOW_OK || !pxBuffer) {
+    ADD_FAILURE() << "cannot make a device image buffer";
+    return gst_buffer_new();
   }
-  GstBuffer* pxBuffer = gst_buffer_new_allocate(pxAllocator, 1, NULL);
-  gst_object_unref(pxAllocator);
   GstMapInfo xMap;
   if (!gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE)) {
     ADD_FAILURE() << "cannot map a device image buffer";

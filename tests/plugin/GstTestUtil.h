@@ -25,6 +25,6 @@ bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected);
 
 // A buffer whose one memory is a device image ("QvCudaDevImage") holding the host image, as an
 // upload or a device transform would hand it on.
-GstBuffer* DeviceImageBuffer(const Qv::CQvImage& xImage);
+GstBuffer* DeviceImageBuffer(const Qv::IImage& xImage);
 
 }  // namespace QvTest

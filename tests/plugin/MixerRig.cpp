@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstring>
 
+#include "GstTestUtil.h"
+#include "GstTestUtil.h"
 #include "QvDeviceImage2D.h"
 #include "gstqvCudaMemory.h"
 
@@ -32,21 +34,10 @@ GstBuffer* TimedBuffer(GstClockTime uPts, GstClockTime uDuration, size_t uBytes)
 
 GstBuffer* DeviceImageBuffer(int iWidth, int iHeight, const std::vector<uint8_t>& xBytes,
                              GstClockTime uPts, GstClockTime uDuration) {
-  GstAllocator* pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
-  if (!pxAllocator) {
-    my_memory_init();
-    pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
-  }
-  GstBuffer* pxBuffer = gst_buffer_new_allocate(pxAllocator, 1, NULL);
-  gst_object_unref(pxAllocator);
-  GstMapInfo xMap;
-  if (gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE)) {
-    auto* pxImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data);
-    pxImage->Create(
-        Qv::CQvImageFormat(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte),
-        xBytes.data(), false);
-    gst_buffer_unmap(pxBuffer, &xMap);
-  }
+  Qv::CQvImageMoniker xMoniker;
+  xMoniker.Create(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte,
+                  const_cast<uint8_t*>(xBytes.data()));
+  GstBuffer* pxBuffer = QvTest::DeviceImageBuffer(xMoniker);
   GST_BUFFER_PTS(pxBuffer) = uPts;
   GST_BUFFER_DURATION(pxBuffer) = uDuration;
   return pxBuffer;

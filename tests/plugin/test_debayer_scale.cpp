@@ -4,6 +4,8 @@
 #include <gst/check/gstharness.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "GstTestUtil.h"
 #include "QvDeviceImage2D.h"
 #include "gstUtil.h"
@@ -25,17 +27,11 @@ GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const 
   return pxResult;
 }
 
-// A buffer of the device-image allocator holding an image of the format.
+// A buffer of the device-image allocator holding a black image of the format.
 GstBuffer* DeviceBuffer(const CQvImageFormat& xFormat) {
-  GstBuffer* pxBuffer = NULL;
-  PrepareOutputBufferCuda(NULL, NULL, &pxBuffer);
-  GstMapInfo xMap;
-  gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE);
-  auto* pxImage = reinterpret_cast<CQvDeviceImage2D*>(xMap.data);
-  pxImage->Create(xFormat);
-  pxImage->SetZero();
-  gst_buffer_unmap(pxBuffer, &xMap);
-  return pxBuffer;
+  CQvImage xImage(xFormat);
+  std::memset(xImage.GetDataPtr(), 0, xFormat.GetImageBytes());
+  return QvTest::DeviceImageBuffer(xImage);
 }
 
 TEST(Debayer, MosaicBecomesRgbaOfTheSameSize) {
