@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "GstTestUtil.h"
-#include "GstTestUtil.h"
 #include "QvDeviceImage2D.h"
 #include "gstqvCudaMemory.h"
 
