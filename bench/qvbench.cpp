@@ -18,7 +18,7 @@
 #include "QvDeviceMMU.h"
 #include "QvException.h"
 #include "QvSynthetic.h"
-#include "gstqvCudaMemory.h"
+#include "gstUtil.h"
 #include "gstqvHostElements.h"
 
 namespace {
@@ -265,13 +265,8 @@ void YuvDownloadBench(int iWidth, int iHeight, bool bCuda) {
     if (i >= 2) xFloor.push_back(MsSince(t0));
   }
 
-  GstAllocator* pxAllocator = gst_allocator_find("QvCudaDevImage");
-  if (!pxAllocator) {
-    my_memory_init();
-    pxAllocator = gst_allocator_find("QvCudaDevImage");
-  }
-  GstBuffer* pxFrame = gst_buffer_new_allocate(pxAllocator, 1, NULL);
-  gst_object_unref(pxAllocator);
+  GstBuffer* pxFrame = NULL;
+  PrepareOutputBufferCuda(NULL, NULL, &pxFrame);
   GstMapInfo xMap;
   gst_buffer_map(pxFrame, &xMap, GST_MAP_WRITE);
   Qv::CQvDeviceImage2D& xI420 = *reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data);
@@ -416,16 +411,12 @@ void MixBenchmarks(bool bCuda) {
 
   // Six camera images on the device, each pushed again and again. Every branch first holds a
   // buffer over [0,1000 s); the images wait at 1000 s, so each frame pops one per camera.
-  GstAllocator* pxAllocator = gst_allocator_find("QvCudaDevImage");
-  if (!pxAllocator) {
-    my_memory_init();
-    pxAllocator = gst_allocator_find("QvCudaDevImage");
-  }
   std::vector<GstBuffer*> xCameras;
   std::vector<Qv::CQvDeviceImage2D*> xImages;
   const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(3840, 2160, 0);
   for (int i = 0; i < 6; ++i) {
-    GstBuffer* pxBuffer = gst_buffer_new_allocate(pxAllocator, 1, NULL);
+    GstBuffer* pxBuffer = NULL;
+    PrepareOutputBufferCuda(NULL, NULL, &pxBuffer);
     GstMapInfo xMap;
     gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE);
     auto* pxImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data);
@@ -437,7 +428,6 @@ void MixBenchmarks(bool bCuda) {
     xCameras.push_back(pxBuffer);
     xImages.push_back(pxImage);
   }
-  gst_object_unref(pxAllocator);
 
   double dFloor = 0, dTiles = 0;
   BareWallMs(xImages, bCuda ? 200 : 20, dFloor, dTiles);
