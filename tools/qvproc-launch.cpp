@@ -25,34 +25,31 @@ void Say(const SRun& x, const char* szText) {
   std::fflush(stdout);
 }
 
+// Prints an error or warning message as gst-launch-1.0 does, with its debug text.
+void ReportProblem(GstMessage* pxMessage, const char* szKind,
+                   void (*fnParse)(GstMessage*, GError**, gchar**)) {
+  GError* pxError = NULL;
+  gchar* szDebug = NULL;
+  fnParse(pxMessage, &pxError, &szDebug);
+  gchar* szName = gst_object_get_path_string(GST_MESSAGE_SRC(pxMessage));
+  std::fprintf(stderr, "%s: from element %s: %s\n", szKind, szName, pxError->message);
+  if (szDebug) std::fprintf(stderr, "Additional debug info:\n%s\n", szDebug);
+  g_free(szName);
+  g_free(szDebug);
+  g_error_free(pxError);
+}
+
 gboolean OnBusMessage(GstBus* /*bus*/, GstMessage* pxMessage, gpointer pData) {
   SRun& x = *static_cast<SRun*>(pData);
   switch (GST_MESSAGE_TYPE(pxMessage)) {
-    case GST_MESSAGE_ERROR: {
-      GError* pxError = NULL;
-      gchar* szDebug = NULL;
-      gst_message_parse_error(pxMessage, &pxError, &szDebug);
-      gchar* szName = gst_object_get_path_string(GST_MESSAGE_SRC(pxMessage));
-      std::fprintf(stderr, "ERROR: from element %s: %s\n", szName, pxError->message);
-      if (szDebug) std::fprintf(stderr, "Additional debug info:\n%s\n", szDebug);
-      g_free(szName);
-      g_free(szDebug);
-      g_error_free(pxError);
+    case GST_MESSAGE_ERROR:
+      ReportProblem(pxMessage, "ERROR", gst_message_parse_error);
       x.iResult = 1;
       g_main_loop_quit(x.pxLoop);
       break;
-    }
-    case GST_MESSAGE_WARNING: {
-      GError* pxError = NULL;
-      gchar* szDebug = NULL;
-      gst_message_parse_warning(pxMessage, &pxError, &szDebug);
-      gchar* szName = gst_object_get_path_string(GST_MESSAGE_SRC(pxMessage));
-      std::fprintf(stderr, "WARNING: from element %s: %s\n", szName, pxError->message);
-      g_free(szName);
-      g_free(szDebug);
-      g_error_free(pxError);
+    case GST_MESSAGE_WARNING:
+      ReportProblem(pxMessage, "WARNING", gst_message_parse_warning);
       break;
-    }
     case GST_MESSAGE_EOS:
       Say(x, "Got EOS from element \"pipeline0\".");
       g_main_loop_quit(x.pxLoop);
