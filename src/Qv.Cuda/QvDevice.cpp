@@ -175,9 +175,13 @@ void Copy2D(void* pDst, size_t uDstPitch, const void* pSrc, size_t uSrcPitch, si
                                       ToCuda(eKind), hStream),
                     "Error queueing a 2D copy");
     } else {
+      // cudaMemcpy2D may return before the copy is done (device to device, and pageable host
+      // to device), and work on the non-blocking streams does not wait for the default
+      // stream: wait for it here, so that a copy that is not asynchronous is complete.
       QV_CUDA_CHECK(
           cudaMemcpy2D(pDst, uDstPitch, pSrc, uSrcPitch, uWidthBytes, uHeight, ToCuda(eKind)),
           "Error copying 2D memory");
+      QV_CUDA_CHECK(cudaStreamSynchronize(nullptr), "Error copying 2D memory");
     }
     return;
   }

@@ -199,6 +199,7 @@ void CQvDeviceImage2D::SetZero() {
   if (!IsValid()) QV_THROW("Image is invalid");
   Device::Memset2D(GetDevicePointer(), GetDevicePitch(), 0, m_xFormat.GetRowBytes(),
                    static_cast<size_t>(m_xFormat.iHeight), nullptr);
+  Device::SynchronizeStream(nullptr);  // work on other streams does not wait for this one
 }
 
 CQvDeviceImage1D::~CQvDeviceImage1D() {
