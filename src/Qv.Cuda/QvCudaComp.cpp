@@ -26,14 +26,26 @@ void CQvCudaComp::SetKernelDim_Direct(const CQvImageFormat& xFormat, int iBlockX
   m_xGrid.y = static_cast<unsigned>(xFormat.iHeight / iBlockY + 1);
 }
 
-void CQvCudaComp::Begin(const char* /*szName*/, cudaStream_t /*hStream*/) {}
+void CQvCudaComp::SetKernelTiming(bool bOn) {
+  m_pTimer.reset(bOn ? new Device::CStreamTimer() : nullptr);
+  m_dKernelMs = 0.0;
+}
+
+void CQvCudaComp::Begin(const char* /*szName*/, cudaStream_t hStream) {
+  if (m_pTimer) m_pTimer->Start(hStream);
+}
 
 void CQvCudaComp::End(const char* szName, cudaStream_t hStream) {
-  if (!Device::IsCuda()) return;
+  if (m_pTimer) m_pTimer->Stop(hStream);
+  if (!Device::IsCuda()) {
+    if (m_pTimer) m_dKernelMs += m_pTimer->ElapsedMs();
+    return;
+  }
   CQvString sText("Error executing ");
   sText << (szName ? szName : "kernel");
   QV_CUDA_CHECK(cudaPeekAtLastError(), sText.ToCString());
   QV_CUDA_CHECK(cudaStreamSynchronize(hStream), sText.ToCString());
+  if (m_pTimer) m_dKernelMs += m_pTimer->ElapsedMs();
 }
 
 }  // namespace Qv

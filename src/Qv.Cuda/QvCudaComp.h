@@ -1,8 +1,13 @@
 #pragma once
+#include <memory>
+
 #include "QvCudaDefs.h"
 #include "QvImageFormat.h"
 
 namespace Qv {
+namespace Device {
+class CStreamTimer;
+}
 
 // Base of the computation classes: the stream that launches go to, the launch geometry, and
 // the bracket around each launch.
@@ -29,10 +34,18 @@ class CQvCudaComp {
   void Begin(const char* szName, cudaStream_t hStream);
   void End(const char* szName, cudaStream_t hStream);
 
+  // Kernel timing, for benchmarks. While it is on, every launch is bracketed by events on its
+  // stream, the closing one queued before End waits, and GetKernelMs sums the time between the
+  // brackets since the timing was switched on (wall time on the host backend).
+  void SetKernelTiming(bool bOn);
+  double GetKernelMs() const { return m_dKernelMs; }
+
  protected:
   cudaStream_t m_hStream = nullptr;
   dim3 m_xGrid;
   dim3 m_xBlock;
+  std::unique_ptr<Device::CStreamTimer> m_pTimer;
+  double m_dKernelMs = 0.0;
 };
 
 }  // namespace Qv

@@ -73,8 +73,13 @@ std::vector<float4> ProbeFetches(const Qv::CQvDeviceImage2D& xImage, bool bLinea
 }
 
 void FillIndexImage(Qv::CQvDeviceImage2D& xImage, int iBlockX, int iBlockY) {
-  if (!xImage.IsOfType<Qv::L_f>()) QV_THROW("index image must be Lum Float");
   Qv::CQvCudaComp xComp;
+  FillIndexImage(xComp, xImage, iBlockX, iBlockY);
+}
+
+void FillIndexImage(Qv::CQvCudaComp& xComp, Qv::CQvDeviceImage2D& xImage, int iBlockX,
+                    int iBlockY) {
+  if (!xImage.IsOfType<Qv::L_f>()) QV_THROW("index image must be Lum Float");
   xComp.EvalKernelDim_2D_1D(xImage.GetFormat(), iBlockX, iBlockY);
   Qv::LaunchPerPixel(xComp, "Probe --> Kernel::Index", xImage.GetFormat().iWidth,
                      xImage.GetFormat().iHeight, FIndex{xImage.GetDesc()});

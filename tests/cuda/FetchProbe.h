@@ -3,6 +3,7 @@
 // and brings the results back, so that sampling can be checked against hand-worked values.
 #include <vector>
 
+#include "QvCudaComp.h"
 #include "QvDeviceImage2D.h"
 
 namespace QvTest {
@@ -16,5 +17,6 @@ std::vector<float4> ProbeFetches(const Qv::CQvDeviceImage2D& xImage, bool bLinea
 
 // Writes value x + y * 1000 into every pixel of an L_f image through the launch helper.
 void FillIndexImage(Qv::CQvDeviceImage2D& xImage, int iBlockX, int iBlockY);
+void FillIndexImage(Qv::CQvCudaComp& xComp, Qv::CQvDeviceImage2D& xImage, int iBlockX, int iBlockY);
 
 }  // namespace QvTest

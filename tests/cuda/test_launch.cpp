@@ -41,4 +41,24 @@ TEST(Launch, GridCoversTheFormat) {
   EXPECT_EQ(2u, xComp.GetGrid().y);
 }
 
+// The benchmarks read kernel times from the computation object: each launch adds its own time
+// while timing is on, and switching it on again starts from zero.
+TEST(Launch, KernelTimingSumsTheLaunches) {
+  CQvDeviceImage2D xImage(CQvImageFormat(640, 480, EPixelType::Lum, EDataType::Float));
+  CQvCudaComp xComp;
+  QvTest::FillIndexImage(xComp, xImage, 32, 8);
+  EXPECT_EQ(0.0, xComp.GetKernelMs());
+  xComp.SetKernelTiming(true);
+  QvTest::FillIndexImage(xComp, xImage, 32, 8);
+  const double dOne = xComp.GetKernelMs();
+  EXPECT_GT(dOne, 0.0);
+  QvTest::FillIndexImage(xComp, xImage, 32, 8);
+  EXPECT_GT(xComp.GetKernelMs(), dOne);
+  xComp.SetKernelTiming(true);
+  EXPECT_EQ(0.0, xComp.GetKernelMs());
+  xComp.SetKernelTiming(false);
+  QvTest::FillIndexImage(xComp, xImage, 32, 8);
+  EXPECT_EQ(0.0, xComp.GetKernelMs());
+}
+
 }  // namespace
