@@ -27,12 +27,20 @@ struct FShrink {
   CQvImageFormat xSrcFormat;
   STexture2D xSource;
   bool bSingleSample;
+  // The source pixels a target pixel spans, once for all pixels.
+  float fx, fy;
+
+  FShrink(const SDeviceImageDesc2D& xTarget_, const CQvImageFormat& xSrcFormat_,
+          const STexture2D& xSource_, bool bSingleSample_)
+      : xTarget(xTarget_),
+        xSrcFormat(xSrcFormat_),
+        xSource(xSource_),
+        bSingleSample(bSingleSample_),
+        fx(static_cast<float>(xSrcFormat_.iWidth) / static_cast<float>(xTarget_.xFormat.iWidth)),
+        fy(static_cast<float>(xSrcFormat_.iHeight) / static_cast<float>(xTarget_.xFormat.iHeight)) {
+  }
 
   QV_HD void operator()(int x, int y) const {
-    const float fx =
-        static_cast<float>(xSrcFormat.iWidth) / static_cast<float>(xTarget.xFormat.iWidth);
-    const float fy =
-        static_cast<float>(xSrcFormat.iHeight) / static_cast<float>(xTarget.xFormat.iHeight);
     const float sx = static_cast<float>(x) * fx;
     const float sy = static_cast<float>(y) * fy;
     float4 v;

@@ -127,6 +127,17 @@ TEST(Sampling, EachClassReadsItsOwnScale) {
   }
 }
 
+// Kernels that read raw samples from memory normalize them without a division; every 8- and
+// 16-bit value must come out as the correctly rounded quotient, as the texture unit gives it.
+TEST(Sampling, NormalizingWithoutDivisionIsExactForEveryValue) {
+  for (const float fM : {255.0f, 65535.0f}) {
+    int iWrong = 0;
+    for (int v = 0; v <= static_cast<int>(fM); ++v)
+      iWrong += DivideByStoreScale(static_cast<float>(v), fM) != static_cast<float>(v) / fM;
+    EXPECT_EQ(0, iWrong) << "scale " << fM;
+  }
+}
+
 TEST(Sampling, BayerImageReadsAsOneChannel) {
   const uint8_t a[4] = {1, 2, 3, 4};
   CQvImageMoniker m;
