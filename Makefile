@@ -28,6 +28,7 @@ test-gpu: build
 	QV_DEVICE=cuda ctest --test-dir $(BUILD_DIR) --output-on-failure
 
 bench: build
+	$(BUILD_DIR)/bench/qvbench-kernels
 	$(BUILD_DIR)/bench/qvbench
 
 clean:

@@ -1,5 +1,6 @@
-// Benchmarks of the plugin on the default backend. Figures are wall time per frame; on a GPU
-// host they compare the element with the bare pinned host-to-device copy of the same bytes.
+// Pipeline benchmarks of the plugin on the default backend: wall time per frame of the elements
+// in GStreamer pipelines, beside bare copies of the same bytes and CPU peers. The kernels alone
+// are measured by qvbench-kernels.
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 
@@ -10,8 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "QvCudaCompConvolve.h"
-#include "QvCudaCompDemosaic.h"
 #include "QvCudaCompYUV.h"
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
@@ -19,7 +18,7 @@
 #include "QvException.h"
 #include "QvSynthetic.h"
 #include "gstUtil.h"
-#include "gstqvHostElements.h"
+#include "gstqvCudaDownload.h"
 
 namespace {
 
@@ -134,65 +133,6 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
   return xResult;
 }
 
-// Time of one operation on the device: CUDA events around it on the CUDA backend, wall time
-// on the host backend. The median of iRuns after warm-up.
-template <class F>
-double OperationMs(Qv::CQvCudaComp& xComp, int iRuns, F&& fnRun) {
-  cudaStream_t hStream = Qv::Device::CreateStream();
-  xComp.SetStream(hStream);
-  Qv::Device::CStreamTimer xTimer;
-  std::vector<double> xTimes;
-  for (int i = 0; i < iRuns + 3; ++i) {
-    xTimer.Start(hStream);
-    fnRun();
-    xTimer.Stop(hStream);
-    const double dMs = xTimer.ElapsedMs();
-    if (i >= 3) xTimes.push_back(dMs);
-  }
-  Qv::Device::DestroyStream(hStream);
-  return Median(xTimes);
-}
-
-// Bytes a millisecond that a device-to-device copy of a 4K RGBA image reaches: the floor that
-// the kernels are measured against.
-double CopyBytesPerMs(int iRuns) {
-  const Qv::CQvImageFormat xFormat(3840, 2160, Qv::EPixelType::RGBA, Qv::EDataType::UByte);
-  Qv::CQvDeviceImage2D a(xFormat), b(xFormat);
-  Qv::CQvCudaComp xComp;
-  const double dMs = OperationMs(xComp, iRuns, [&] {
-    Qv::Device::Copy2D(b.GetDevicePointer(), b.GetDevicePitch(), a.GetDevicePointer(),
-                       a.GetDevicePitch(), xFormat.GetRowBytes(), 2160,
-                       Qv::Device::ECopyKind::DeviceToDevice, xComp.GetStream(), true);
-  });
-  return 2.0 * static_cast<double>(xFormat.GetImageBytes()) / dMs;
-}
-
-void BenchKernels(int iWidth, int iHeight, int iRuns) {
-  const double dBytesPerMs = CopyBytesPerMs(iRuns);
-  const Qv::CQvImageFormat xRaw(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte);
-  Qv::CQvDeviceImage2D xMosaic(xRaw), xRgba, xScaled;
-  xMosaic.SetZero();
-  Qv::CQvCudaCompDemosaic xDemosaic;
-  const double dDebayer = OperationMs(
-      xDemosaic, iRuns, [&] { xDemosaic.Debayer(xRgba, xMosaic, 1.4285715f, 1.0f, 1.1363636f); });
-  const double dDebayerFloor =
-      (xRaw.GetImageBytes() + xRgba.GetFormat().GetImageBytes()) / dBytesPerMs;
-  Qv::CQvCudaCompConvolve xConvolve;
-  const int iTrgW = 3840, iTrgH = 1784;
-  const double dShrink =
-      OperationMs(xConvolve, iRuns, [&] { xConvolve.Shrink(xScaled, xRgba, iTrgW, iTrgH, true); });
-  const double dShrinkFloor =
-      (xRgba.GetFormat().GetImageBytes() * static_cast<double>(iTrgH) / iHeight +
-       xScaled.GetFormat().GetImageBytes()) /
-      dBytesPerMs;
-  std::printf(
-      "debayer: GRBG8 %dx%d to RGBA8                %8.3f ms (byte floor %.3f ms, ratio %.2f)\n",
-      iWidth, iHeight, dDebayer, dDebayerFloor, dDebayer / dDebayerFloor);
-  std::printf(
-      "shrink:  RGBA8 to %dx%d, one sample          %8.3f ms (byte floor %.3f ms, ratio %.2f)\n",
-      iTrgW, iTrgH, dShrink, dShrinkFloor, dShrink / dShrinkFloor);
-}
-
 bool HasFactories(std::initializer_list<const char*> xNames) {
   for (const char* szName : xNames) {
     GstElementFactory* pxFactory = gst_element_factory_find(szName);
@@ -241,29 +181,15 @@ double DownloadPipelineMs(GstBuffer* pxDeviceFrame, int iWidth, int iHeight, int
   return dMs;
 }
 
-// RGBA8 to I420 on the device (Convert) and the download of the result. The conversion reads
-// 4 and writes 1.5 bytes a pixel; its floor is a device-to-device copy moving as many bytes.
-// The download's floor is a bare device-to-host copy of the I420 bytes into pinned memory.
-void YuvDownloadBench(int iWidth, int iHeight, bool bCuda) {
+// The download of a stacked I420 frame (made on the device by Convert) against a bare
+// device-to-host copy of the same bytes into pinned memory.
+void DownloadBench(int iWidth, int iHeight, bool bCuda) {
   const int iRuns = bCuda ? 100 : 5;
   cudaStream_t hStream = Qv::Device::CreateStream();
   Qv::CQvImage xHost(
       Qv::CQvImageFormat(iWidth, iHeight, Qv::EPixelType::RGBA, Qv::EDataType::UByte));
   std::memset(xHost.GetDataPtr(), 0x5A, xHost.GetImageBytes());
   Qv::CQvDeviceImage2D xRgba(xHost);
-
-  // Floor: read 4 + write 1.5 bytes a pixel = a copy of 2.75 bytes a pixel.
-  const int iFloorRows = iHeight * 11 / 4;
-  Qv::CQvDeviceImage2D xFloorSrc(
-      Qv::CQvImageFormat(iWidth, iFloorRows, Qv::EPixelType::Lum, Qv::EDataType::UByte));
-  Qv::CQvDeviceImage2D xFloorDst(xFloorSrc.GetFormat());
-  std::vector<double> xFloor, xConvert, xBare;
-  for (int i = 0; i < iRuns + 2; ++i) {
-    const auto t0 = Clock::now();
-    xFloorSrc.CopyTo(xFloorDst);
-    Qv::Device::SynchronizeStream(nullptr);
-    if (i >= 2) xFloor.push_back(MsSince(t0));
-  }
 
   GstBuffer* pxFrame = NULL;
   PrepareOutputBufferCuda(NULL, NULL, &pxFrame);
@@ -272,12 +198,9 @@ void YuvDownloadBench(int iWidth, int iHeight, bool bCuda) {
   Qv::CQvDeviceImage2D& xI420 = *reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data);
   Qv::CQvCudaCompYUV xComp;
   xComp.SetStream(hStream);
-  for (int i = 0; i < iRuns + 2; ++i) {
-    const auto t0 = Clock::now();
-    xComp.Convert(xI420, xRgba);
-    if (i >= 2) xConvert.push_back(MsSince(t0));
-  }
+  xComp.Convert(xI420, xRgba);
 
+  std::vector<double> xBare;
   const size_t uI420Bytes = static_cast<size_t>(iWidth) * iHeight * 3 / 2;
   void* pPinned = Qv::Device::AllocPinnedHost(uI420Bytes);
   for (int i = 0; i < iRuns + 2; ++i) {
@@ -292,13 +215,10 @@ void YuvDownloadBench(int iWidth, int iHeight, bool bCuda) {
   Qv::Device::FreePinnedHost(pPinned);
   gst_buffer_unmap(pxFrame, &xMap);
 
-  const double dFloor = Median(xFloor), dConvert = Median(xConvert), dBare = Median(xBare);
+  const double dBare = Median(xBare);
   const double dDownload = DownloadPipelineMs(pxFrame, iWidth, iHeight, bCuda ? 300 : 20);
   gst_buffer_unref(pxFrame);
   Qv::Device::DestroyStream(hStream);
-  std::printf("yuv: device copy of the same bytes (floor)  %8.3f ms\n", dFloor);
-  std::printf("yuv: Convert RGBA8 to I420                  %8.3f ms (%.2f x the floor)\n", dConvert,
-              dFloor > 0 ? dConvert / dFloor : 0.0);
   std::printf("download: bare device-to-host copy (pinned) %8.3f ms\n", dBare);
   std::printf("download: appsrc ! qvcudadownload ! fakesink%8.3f ms/frame (%.2f x the bare copy)\n",
               dDownload, dBare > 0 ? dDownload / dBare : 0.0);
@@ -479,7 +399,9 @@ void MixBenchmarks(bool bCuda) {
 int main(int argc, char** argv) {
   gst_init(&argc, &argv);
   gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
-  qv_register_host_elements();
+  // Only the download element: the caps filters' GstBayer2RGB would take the type name of the
+  // CPU peer's bayer2rgb.
+  gst_element_register(NULL, "qvcudadownload", GST_RANK_NONE, gst_cuda_download_get_type());
   const int iWidth = 3840, iHeight = 2160;
   try {
     const bool bCuda = Qv::Device::IsCuda();
@@ -496,8 +418,6 @@ int main(int argc, char** argv) {
     std::printf("upload: ratio to the bare copy               %8.2f\n",
                 dBare > 0 ? x.dMsPerFrame / dBare : 0.0);
     std::printf("upload: device allocations per frame         %8.3f\n", x.dAllocationsPerFrame);
-
-    BenchKernels(iWidth, iHeight, bCuda ? 100 : 3);
 
     const int iChainFrames = bCuda ? 300 : 5;
     const SPipelineResult xChain =
@@ -519,7 +439,7 @@ int main(int argc, char** argv) {
           "chain:  CPU peer not run (bayer2rgb from gstreamer1.0-plugins-bad is missing)\n");
     }
 
-    YuvDownloadBench(iWidth, iHeight, bCuda);
+    DownloadBench(iWidth, iHeight, bCuda);
     MixBenchmarks(bCuda);
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "qvbench: %s\n", e.GetMessageText());
