@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "QvBenchStats.h"
 #include "QvCudaCompYUV.h"
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
@@ -22,12 +23,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using QvBench::Median;
 
-double Median(std::vector<double> x) {
-  std::sort(x.begin(), x.end());
-  return x.empty() ? 0.0 : x[x.size() / 2];
-}
+using Clock = std::chrono::steady_clock;
 
 // The bare copy: the same bytes from pinned host memory into a device image, waited for.
 double BareUploadMs(int iWidth, int iHeight, int iRuns) {

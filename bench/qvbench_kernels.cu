@@ -10,6 +10,7 @@
 #include <cstring>
 #include <vector>
 
+#include "QvBenchStats.h"
 #include "QvCudaCompConvolve.h"
 #include "QvCudaCompDemosaic.h"
 #include "QvCudaCompYUV.h"
@@ -24,12 +25,9 @@
 
 namespace {
 
-constexpr int kWidth = 3840, kHeight = 2160;
+using QvBench::Median;
 
-double Median(std::vector<double> x) {
-  std::sort(x.begin(), x.end());
-  return x.empty() ? 0.0 : x[x.size() / 2];
-}
+constexpr int kWidth = 3840, kHeight = 2160;
 
 __global__ void Spin(long long iCycles) {
   const long long t0 = clock64();
@@ -107,15 +105,16 @@ double CopyBytesPerMs(cudaStream_t hStream, int iRuns) {
 // A GRBG mosaic of a smooth scene with some texture, so that no branch sees only zeros.
 Qv::CQvDeviceImage2D MakeMosaic(Qv::EDataType::ID eDataType) {
   Qv::CQvImage xHost(Qv::CQvImageFormat(kWidth, kHeight, Qv::EPixelType::BayerGR, eDataType));
-  for (int y = 0; y < kHeight; ++y)
+  for (int y = 0; y < kHeight; ++y) {
+    auto* pRow = static_cast<uint8_t*>(xHost.GetDataPtr()) + y * xHost.GetFormat().GetRowBytes();
     for (int x = 0; x < kWidth; ++x) {
       const unsigned v = (x * 7 + y * 3 + ((x ^ y) & 15) * 5) & 0xFFFF;
-      auto* pRow = static_cast<uint8_t*>(xHost.GetDataPtr()) + y * xHost.GetFormat().GetRowBytes();
       if (eDataType == Qv::EDataType::UByte)
         pRow[x] = static_cast<uint8_t>(v);
       else
         reinterpret_cast<uint16_t*>(pRow)[x] = static_cast<uint16_t>(v * 37);
     }
+  }
   return Qv::CQvDeviceImage2D(xHost);
 }
 
