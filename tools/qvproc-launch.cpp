@@ -71,7 +71,8 @@ gboolean OnInterrupt(gpointer pData) {
   Say(x, "Interrupt: stopping pipeline ...");
   x.iResult = 1;
   g_main_loop_quit(x.pxLoop);
-  return G_SOURCE_REMOVE;
+  // Stays installed: main removes it once the loop has ended.
+  return G_SOURCE_CONTINUE;
 }
 
 }  // namespace

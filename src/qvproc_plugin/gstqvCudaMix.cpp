@@ -309,6 +309,7 @@ static void gst_cudamixer2_finalize(GObject* object) {
   self->sinkpads = NULL;
   self->numpads = 0;
   gst_object_unref(self->collect);
+  gst_cudamixer2_release_pools(self);
   g_mutex_clear(&self->lock);
   g_mutex_clear(&self->setcaps_lock);
   // The stream is used only during frames; it goes with the element.
@@ -393,7 +394,10 @@ static GstStateChangeReturn gst_cudamixer2_change_state(GstElement* element,
   }
   const GstStateChangeReturn eResult =
       GST_ELEMENT_CLASS(gst_cudamixer2_parent_class)->change_state(element, transition);
-  if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) gst_cudamixer2_reset(self);
+  if (transition == GST_STATE_CHANGE_PAUSED_TO_READY) {
+    gst_cudamixer2_reset(self);
+    gst_cudamixer2_release_pools(self);
+  }
   return eResult;
 }
 
@@ -1252,6 +1256,12 @@ static gboolean gst_cudamixer2_src_seek(GstCudaMixer2* self, GstPad* pad, GstEve
   }
   GST_DEBUG_OBJECT(self, "Handling SEEK event");
 
+  // A flushing seek first unblocks the streaming thread: a pass may sit in a push that waits for
+  // the sink's preroll while it holds the collect pads' stream lock, and the seek can't finish
+  // until every branch has flushed through that lock. The flush stop comes from the collect pads
+  // once the first branch has flushed.
+  if (eFlags & GST_SEEK_FLAG_FLUSH) gst_pad_push_event(self->srcpad, gst_event_new_flush_start());
+
   // The whole update runs under `lock`, so a pass sees the old or the new segment, never a mix.
   GST_CUDA_MIXER2_LOCK(self);
   const gdouble dOldRate = ABS(self->segment.rate);
@@ -1286,7 +1296,10 @@ static gboolean gst_cudamixer2_src_seek(GstCudaMixer2* self, GstPad* pad, GstEve
   // GstCollectPads forgets which pads are at EOS when it sees a seek, and only a flush brings
   // that back: after a seek without flush a camera that had ended would stall every pass.
   if (!(eFlags & GST_SEEK_FLAG_FLUSH)) return gst_pad_event_default(pad, GST_OBJECT(self), event);
-  return gst_collect_pads_src_event_default(self->collect, pad, event);
+  const gboolean bOk = gst_collect_pads_src_event_default(self->collect, pad, event);
+  // No branch flushed, so no flush stop will come: the output must not stay flushing.
+  if (!bOk) gst_pad_push_event(self->srcpad, gst_event_new_flush_stop(TRUE));
+  return bOk;
 }
 
 static gboolean gst_cudamixer2_src_event(GstPad* pad, GstObject* parent, GstEvent* event) {

@@ -77,6 +77,10 @@ typedef struct _GstCudaMixer2 {
   gboolean bSegmentDone;
   // The wall met a pad beyond its six tiles; said once until the next stop.
   gboolean bWarnedSeventh;
+  // The shared output pools this mixer uses now (one per mode); a pool that no mixer uses any
+  // more is released.
+  GstBufferPool* pxSelectorPool;
+  GstBufferPool* pxWallPool;
 } GstCudaMixer2;
 
 typedef struct _GstCudaMixer2Class {

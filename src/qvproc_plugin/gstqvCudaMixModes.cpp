@@ -4,8 +4,10 @@
 // uses the pool the first one made. A pool is keyed by what its buffers must fit, so a second
 // mixer or a new output size gets a pool of its own and no frame lands in a buffer of the wrong
 // size. The wall's buffers carry a device image that is made to the wall's fixed format at every
-// frame, so one wall pool serves every output; selector pools go by caps and byte size. Pools
-// live for the rest of the process once made.
+// frame, so one wall pool serves every output; selector pools go by caps and byte size. Each
+// mixer holds the pools it uses now, and a pool that no mixer holds any more (after a size change
+// or a stop) is deactivated and released, so that a process does not keep one pool per size it
+// ever saw.
 #include <cstdint>
 #include <mutex>
 
@@ -27,6 +29,8 @@ struct SPoolEntry {
   GstCaps* pxCaps;
   guint uSize;
   GstBufferPool* pxPool;
+  // Mixers holding this pool.
+  guint uUsers;
 };
 
 std::mutex g_xPoolMutex;
@@ -66,16 +70,34 @@ GstBufferPool* MakePool(EMixPool eKind, GstCaps* pxCaps, guint uSize, std::strin
   } else if (!gst_buffer_pool_set_active(pxPool, TRUE)) {
     sError = "the output pool cannot be activated";
   } else {
-    // Kept on purpose for the rest of the process.
-    GST_OBJECT_FLAG_SET(pxPool, GST_OBJECT_FLAG_MAY_BE_LEAKED);
     return pxPool;
   }
   gst_object_unref(pxPool);
   return NULL;
 }
 
-// A new reference to the shared pool that fits the output, made on first use.
-GstBufferPool* SharedPool(EMixPool eKind, const GstVideoInfo& xInfo, std::string& sError) {
+// Drops one mixer's hold on a pool; the last hold deactivates and releases it. Buffers still out
+// keep the pool object alive and are freed when they come back. Call with g_xPoolMutex held.
+void DropHold(GstBufferPool*& pxHeld) {
+  if (!pxHeld) return;
+  for (auto it = g_xPools.begin(); it != g_xPools.end(); ++it) {
+    if (it->pxPool != pxHeld) continue;
+    if (--it->uUsers == 0) {
+      GST_INFO("releasing the %u-byte pool for %" GST_PTR_FORMAT, it->uSize, it->pxCaps);
+      gst_buffer_pool_set_active(it->pxPool, FALSE);
+      gst_object_unref(it->pxPool);
+      gst_caps_unref(it->pxCaps);
+      g_xPools.erase(it);
+    }
+    break;
+  }
+  pxHeld = NULL;
+}
+
+// The shared pool that fits the output, made on first use and held by the mixer in pxHeld
+// (borrowed: valid while the mixer holds it). A mixer moves its hold when its output changes.
+GstBufferPool* SharedPool(EMixPool eKind, const GstVideoInfo& xInfo, GstBufferPool*& pxHeld,
+                          std::string& sError) {
   GstCaps* pxCaps = gst_video_info_to_caps(&xInfo);
   if (!pxCaps) {
     sError = "the output format cannot be described as caps";
@@ -89,12 +111,18 @@ GstBufferPool* SharedPool(EMixPool eKind, const GstVideoInfo& xInfo, std::string
   }
   const guint uSize = static_cast<guint>(uBytes);
   std::lock_guard<std::mutex> xGuard(g_xPoolMutex);
-  for (const SPoolEntry& x : g_xPools) {
+  for (SPoolEntry& x : g_xPools) {
     if (x.eKind != eKind) continue;
     if (eKind == EMixPool::Selector && (x.uSize != uSize || !gst_caps_is_equal(x.pxCaps, pxCaps)))
       continue;
     gst_caps_unref(pxCaps);
-    return GST_BUFFER_POOL(gst_object_ref(x.pxPool));
+    if (pxHeld != x.pxPool) {
+      ++x.uUsers;
+      GstBufferPool* pxFound = x.pxPool;
+      DropHold(pxHeld);  // may erase another entry, never this one: it has a user now
+      pxHeld = pxFound;
+    }
+    return pxHeld;
   }
   GstBufferPool* pxPool = MakePool(eKind, pxCaps, uSize, sError);
   if (!pxPool) {
@@ -103,17 +131,19 @@ GstBufferPool* SharedPool(EMixPool eKind, const GstVideoInfo& xInfo, std::string
   }
   GST_INFO("new %s pool of %u-byte buffers for %" GST_PTR_FORMAT,
            eKind == EMixPool::Wall ? "video wall" : "selector", uSize, pxCaps);
-  g_xPools.push_back(SPoolEntry{eKind, pxCaps, uSize, pxPool});
-  return GST_BUFFER_POOL(gst_object_ref(pxPool));
+  DropHold(pxHeld);
+  g_xPools.push_back(SPoolEntry{eKind, pxCaps, uSize, pxPool, 1});
+  pxHeld = pxPool;
+  return pxPool;
 }
 
 GstBuffer* AcquireOutput(GstCudaMixer2* self, EMixPool eKind, SMixFrame& xFrame) {
   std::string sError;
-  GstBufferPool* pxPool = SharedPool(eKind, self->info, sError);
+  GstBufferPool*& pxHeld = eKind == EMixPool::Wall ? self->pxWallPool : self->pxSelectorPool;
+  GstBufferPool* pxPool = SharedPool(eKind, self->info, pxHeld, sError);
   GstBuffer* pxBuffer = NULL;
   if (pxPool) {
     const GstFlowReturn eFlow = gst_buffer_pool_acquire_buffer(pxPool, &pxBuffer, NULL);
-    gst_object_unref(pxPool);
     if (eFlow != GST_FLOW_OK || !pxBuffer) {
       sError = std::string("the output pool gave no buffer (") + gst_flow_get_name(eFlow) + ")";
       pxBuffer = NULL;
@@ -153,6 +183,12 @@ const Qv::CQvDeviceImage2D* TileSource(GstBuffer* pxBuffer, std::string& sReason
 }
 
 }  // namespace
+
+void gst_cudamixer2_release_pools(GstCudaMixer2* self) {
+  std::lock_guard<std::mutex> xGuard(g_xPoolMutex);
+  DropHold(self->pxSelectorPool);
+  DropHold(self->pxWallPool);
+}
 
 GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType,
                                        const std::string& sText, const std::string& sDebug) {
@@ -221,8 +257,10 @@ GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) 
   }
   Qv::CQvDeviceImage2D* pxWall = QvDeviceImageFromMemory(gst_buffer_peek_memory(pxOut, 0));
 
-  // Popped inputs stay referenced until the stream is synchronised: an image whose buffer dies
-  // goes back to the device cache and could be handed out while a copy still reads it.
+  // Each tile comes from the buffer the collect loop holds for its pad (popped from the collect
+  // pads when the pad took it). The inputs stay referenced until the stream is synchronised: an
+  // image whose buffer dies goes back to the device cache and could be handed out while a copy
+  // still reads it.
   std::vector<GstBuffer*> xInputs;
   std::string sError;
   try {
@@ -241,8 +279,7 @@ GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) 
         ++iTile;
         continue;
       }
-      GstBuffer* pxIn = gst_collect_pads_pop(self->collect, &pxCol->collect);
-      if (!pxIn) continue;
+      GstBuffer* pxIn = gst_buffer_ref(pxCol->buffer);
       xInputs.push_back(pxIn);
       if (iTile >= kMaxTiles) {
         if (!self->bWarnedSeventh) {

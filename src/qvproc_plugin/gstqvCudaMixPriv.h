@@ -64,6 +64,10 @@ struct SMixFrame {
 GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFrame);
 GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame);
 
+// Gives back the shared pools the mixer holds; a pool no other mixer holds is released. Called
+// when the mixer stops and at finalize.
+void gst_cudamixer2_release_pools(GstCudaMixer2* self);
+
 // An error or warning message of the element, built now and posted later.
 GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType,
                                        const std::string& sText, const std::string& sDebug);

@@ -12,6 +12,10 @@
  */
 #include "gstqvCudaUpload.h"
 
+#include <gst/video/video.h>
+
+#include <algorithm>
+
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
@@ -78,7 +82,36 @@ static gboolean gst_cuda_upload_set_caps(GstBaseTransform* trans, GstCaps* incap
   const GstStructure* pxStructure = gst_caps_get_structure(incaps, 0);
   gst_structure_get_int(pxStructure, "width", &self->width);
   gst_structure_get_int(pxStructure, "height", &self->height);
+  self->iCapsStride = 0;
+  if (gst_structure_has_name(pxStructure, "video/x-raw")) {
+    GstVideoInfo xInfo;
+    if (gst_video_info_from_caps(&xInfo, incaps))
+      self->iCapsStride = GST_VIDEO_INFO_PLANE_STRIDE(&xInfo, 0);
+  } else {
+    // The device image is always read as GRBG; another order gives wrong colours downstream.
+    const gchar* szOrder = gst_structure_get_string(pxStructure, "format");
+    if (szOrder && g_strcmp0(szOrder, "grbg") != 0)
+      GST_ELEMENT_WARNING(self, STREAM, FORMAT,
+                          ("the mosaic is read as GRBG; the caps say %s", szOrder), (NULL));
+  }
   return TRUE;
+}
+
+// Bytes between rows of an input frame: a video meta's stride where the buffer carries one, the
+// caps' stride for GRAY8, and for bayer buffers rows padded to 4 bytes when the buffer is that
+// large, else packed rows.
+static gsize UploadStride(const GstQvCudaUpload* self, GstBuffer* pxBuffer, gsize uSize,
+                          gsize& uOffset) {
+  uOffset = 0;
+  const GstVideoMeta* pxMeta = gst_buffer_get_video_meta(pxBuffer);
+  if (pxMeta && pxMeta->n_planes >= 1) {
+    uOffset = pxMeta->offset[0];
+    return static_cast<gsize>(pxMeta->stride[0] > 0 ? pxMeta->stride[0] : 0);
+  }
+  if (self->iCapsStride > 0) return static_cast<gsize>(self->iCapsStride);
+  const gsize uPacked = static_cast<gsize>(self->width);
+  const gsize uPadded = (uPacked + 3) & ~static_cast<gsize>(3);
+  return uSize >= uPadded * static_cast<gsize>(self->height) ? uPadded : uPacked;
 }
 
 static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
@@ -88,19 +121,24 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
     LogMessage("Upload starting ");
     CGstBufferMap xIn(inbuf, GST_MAP_READ, "cannot map in buffer");
     CGstBufferMap xOut(outbuf, GST_MAP_WRITE, "cannot map out buffer");
-    const guint64 uNeeded = static_cast<guint64>(self->width > 0 ? self->width : 0) *
-                            (self->height > 0 ? self->height : 0);
-    if (xIn.Size() < uNeeded) {
+    const guint64 uWidth = static_cast<guint64>(self->width > 0 ? self->width : 0);
+    const guint64 uHeight = static_cast<guint64>(self->height > 0 ? self->height : 0);
+    gsize uOffset = 0;
+    const guint64 uStride = UploadStride(self, inbuf, xIn.Size(), uOffset);
+    // The last row needs no padding after it.
+    const guint64 uNeeded =
+        uHeight == 0 ? 0 : uOffset + std::max(uStride, uWidth) * (uHeight - 1) + uWidth;
+    if (xIn.Size() < uNeeded || uStride < uWidth) {
       Qv::CQvString sText("in buffer holds ");
       sText << static_cast<unsigned long>(xIn.Size()) << " bytes, a " << self->width << "x"
             << self->height << " frame needs " << static_cast<unsigned long>(uNeeded);
       QV_THROW(sText.ToCString());
     }
-    Qv::CQvImageMoniker xMoniker;
-    xMoniker.Create(self->width, self->height, Qv::EPixelType::BayerGR, Qv::EDataType::UByte,
-                    xIn.Data());
     auto* pxImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data());
-    pxImage->CreateAsync(xMoniker, self->parent.stream);
+    pxImage->Create(Qv::CQvImageFormat(self->width, self->height, Qv::EPixelType::BayerGR,
+                                       Qv::EDataType::UByte));
+    pxImage->Upload(static_cast<const guint8*>(xIn.Data()) + uOffset, uStride, self->parent.stream,
+                    true);
     Qv::Device::SynchronizeStream(self->parent.stream);
     CopyMetData(outbuf, inbuf);
     LogMessage("Upload complete");

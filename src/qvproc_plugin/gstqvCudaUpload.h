@@ -11,6 +11,9 @@ typedef struct _GstQvCudaUpload {
   GstQvCudaBaseTransform parent;
   gint width;
   gint height;
+  // Row stride of GRAY8 frames without a video meta, from the caps (GStreamer pads GRAY8 rows
+  // to 4 bytes); 0 for bayer caps, whose buffers may come packed or padded.
+  gint iCapsStride;
 } GstQvCudaUpload;
 
 typedef struct _GstQvCudaUploadClass {

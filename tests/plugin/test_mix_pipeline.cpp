@@ -1,0 +1,211 @@
+// The mixer in real pipelines of ordinary sources, one buffer per interval on each branch, as
+// cameras deliver them: the bytes of every wall tile, the selector's choice, flushing seeks that
+// must never stall, and pools that go when no mixer uses them.
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "GstTestUtil.h"
+
+namespace {
+
+struct SPipeline {
+  GstElement* pxPipeline = nullptr;
+  GstElement* pxSink = nullptr;
+  std::vector<GstElement*> xSources;
+
+  // iCameras appsrc branches of GRAY8 1280x1338 at 25/1 through the upload into the mixer.
+  SPipeline(const char* szType, int iCameras, const char* szSink = "appsink name=out sync=false") {
+    std::string s = std::string("qvcudamix name=m type=") + szType + " ! " + szSink;
+    for (int i = 0; i < iCameras; ++i)
+      s += " appsrc name=cam" + std::to_string(i) +
+           " format=time caps=video/x-raw,format=GRAY8,width=1280,height=1338,framerate=25/1 ! "
+           "qvcudaupload ! m.sink_" +
+           std::to_string(i);
+    pxPipeline = gst_parse_launch(s.c_str(), NULL);
+    pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "out");
+    for (int i = 0; i < iCameras; ++i)
+      xSources.push_back(
+          gst_bin_get_by_name(GST_BIN(pxPipeline), ("cam" + std::to_string(i)).c_str()));
+    gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  }
+  ~SPipeline() {
+    gst_element_set_state(pxPipeline, GST_STATE_NULL);
+    for (GstElement* px : xSources) gst_object_unref(px);
+    if (pxSink) gst_object_unref(pxSink);
+    gst_object_unref(pxPipeline);
+  }
+  // Frame f of camera i: the whole frame holds one value.
+  void Push(size_t i, int iFrame, uint8_t uValue) {
+    GstBuffer* px = QvTest::BufferFromBytes(std::vector<uint8_t>(1280 * 1338, uValue));
+    GST_BUFFER_PTS(px) = iFrame * 40 * GST_MSECOND;
+    GST_BUFFER_DURATION(px) = 40 * GST_MSECOND;
+    gst_app_src_push_buffer(GST_APP_SRC(xSources[i]), px);
+  }
+  void EndAll() {
+    for (GstElement* px : xSources) gst_app_src_end_of_stream(GST_APP_SRC(px));
+  }
+  // Warnings and errors on the bus up to EOS.
+  std::vector<std::string> Messages(GstMessageType eType) {
+    std::vector<std::string> xTexts;
+    GstBus* pxBus = gst_element_get_bus(pxPipeline);
+    while (GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+               pxBus, 10 * GST_SECOND,
+               static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR |
+                                           GST_MESSAGE_WARNING))) {
+      const GstMessageType e = GST_MESSAGE_TYPE(pxMsg);
+      if (e == eType) {
+        GError* pxError = NULL;
+        if (e == GST_MESSAGE_WARNING)
+          gst_message_parse_warning(pxMsg, &pxError, NULL);
+        else
+          gst_message_parse_error(pxMsg, &pxError, NULL);
+        xTexts.push_back(pxError->message);
+        g_error_free(pxError);
+      }
+      gst_message_unref(pxMsg);
+      if (e != GST_MESSAGE_WARNING) break;
+    }
+    gst_object_unref(pxBus);
+    return xTexts;
+  }
+};
+
+const uint8_t kValues[] = {20, 60, 100, 140, 180, 220, 250};
+
+// Counts wall pixels unlike the value of their camera's tile.
+size_t WrongWallPixels(GstSample* pxSample, int iTiles) {
+  const Qv::CQvImage xWall = QvTest::DownloadBufferImage(gst_sample_get_buffer(pxSample));
+  if (xWall.GetFormat().GetImageBytes() != 3840u * 2676u) return SIZE_MAX;
+  const auto* p = static_cast<const uint8_t*>(xWall.GetDataPtr());
+  size_t uWrong = 0;
+  for (int t = 0; t < iTiles && t < 6; ++t)
+    for (size_t y = 0; y < 1338; ++y)
+      for (size_t x = 0; x < 1280; ++x)
+        uWrong += p[((t / 3) * 1338 + y) * 3840 + (t % 3) * 1280 + x] != kValues[t];
+  return uWrong;
+}
+
+TEST(MixPipeline, WallHoldsEveryCamerasTileInEveryFrame) {
+  for (int iCameras : {6, 7}) {
+    SCOPED_TRACE(std::to_string(iCameras) + " cameras");
+    testing::internal::CaptureStdout();
+    SPipeline x("videowall", iCameras);
+    for (int f = 0; f < 3; ++f)
+      for (int i = 0; i < iCameras; ++i) x.Push(i, f, kValues[i]);
+    x.EndAll();
+    for (int f = 0; f < 3; ++f) {
+      GstSample* pxSample = gst_app_sink_try_pull_sample(GST_APP_SINK(x.pxSink), 10 * GST_SECOND);
+      ASSERT_NE(nullptr, pxSample) << "frame " << f;
+      EXPECT_EQ(0u, WrongWallPixels(pxSample, iCameras)) << "frame " << f;
+      gst_sample_unref(pxSample);
+    }
+    const std::vector<std::string> xWarnings = x.Messages(GST_MESSAGE_WARNING);
+    if (iCameras == 7) {
+      EXPECT_EQ(std::vector<std::string>{"The video wall has six tiles; the images of sink_6 and "
+                                         "later pads are left out."},
+                xWarnings);
+    } else {
+      EXPECT_TRUE(xWarnings.empty());
+    }
+    testing::internal::GetCapturedStdout();
+  }
+}
+
+TEST(MixPipeline, SelectorHandsOnTheChosenCamerasFrame) {
+  testing::internal::CaptureStdout();
+  SPipeline x("selector", 3);
+  GstElement* pxMixer = gst_bin_get_by_name(GST_BIN(x.pxPipeline), "m");
+  gst_element_send_event(pxMixer, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM,
+                                                       gst_structure_new("eventStruct", "camID",
+                                                                         G_TYPE_INT, 2, NULL)));
+  gst_object_unref(pxMixer);
+  for (int i = 0; i < 3; ++i) x.Push(i, 0, kValues[i]);
+  x.EndAll();
+  GstSample* pxSample = gst_app_sink_try_pull_sample(GST_APP_SINK(x.pxSink), 10 * GST_SECOND);
+  ASSERT_NE(nullptr, pxSample);
+  const Qv::CQvImage xImage = QvTest::DownloadBufferImage(gst_sample_get_buffer(pxSample));
+  ASSERT_EQ(1280u * 1338u, xImage.GetFormat().GetImageBytes());
+  EXPECT_EQ(kValues[2], static_cast<const uint8_t*>(xImage.GetDataPtr())[1280 * 1338 - 1]);
+  gst_sample_unref(pxSample);
+  testing::internal::GetCapturedStdout();
+}
+
+TEST(MixPipeline, FlushingSeeksNeverStall) {
+  // Live test sources keep both modes busy while the application seeks; each seek must come
+  // back within seconds, however the threads interleave.
+  for (const char* szType : {"selector", "videowall"}) {
+    SCOPED_TRACE(szType);
+    testing::internal::CaptureStdout();
+    std::string s = std::string("qvcudamix name=m type=") + szType + " ! fakesink sync=false";
+    for (int i = 0; i < 2; ++i)
+      s += " videotestsrc pattern=" + std::to_string(i) +
+           " ! video/x-raw,format=GRAY8,width=1280,height=1338,framerate=25/1 ! qvcudaupload ! "
+           "m.sink_" +
+           std::to_string(i);
+    GstElement* pxPipeline = gst_parse_launch(s.c_str(), NULL);
+    gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+    ASSERT_EQ(GST_STATE_CHANGE_SUCCESS,
+              gst_element_get_state(pxPipeline, NULL, NULL, 10 * GST_SECOND));
+    int iDone = 0;
+    for (; iDone < 200; ++iDone) {
+      auto xSeek = std::async(std::launch::async, [pxPipeline] {
+        return gst_element_seek_simple(pxPipeline, GST_FORMAT_TIME, GST_SEEK_FLAG_FLUSH, 0);
+      });
+      if (xSeek.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+        ADD_FAILURE() << "seek " << iDone << " stalled";
+        std::_Exit(1);  // the threads are stuck: tearing down would hang too
+      }
+      EXPECT_TRUE(xSeek.get());
+    }
+    EXPECT_EQ(200, iDone);
+    gst_element_set_state(pxPipeline, GST_STATE_NULL);
+    gst_object_unref(pxPipeline);
+    testing::internal::GetCapturedStdout();
+  }
+}
+
+// Heap bytes in use, in MiB (freed memory that malloc keeps for later doesn't count).
+long InUseMiB() {
+  const struct mallinfo2 x = mallinfo2();
+  return static_cast<long>((x.uordblks + x.hblkhd) >> 20);
+}
+
+TEST(MixPipeline, PoolsOfSizesNoMixerUsesAreReleased) {
+  // Forty output sizes one after the other, a camera frame too small for the selector to pick:
+  // each pass takes a pool buffer of the size. Kept pools would hold 40 x 2 buffers.
+  testing::internal::CaptureStdout();
+  const long lBefore = InUseMiB();
+  for (int i = 0; i < 40; ++i) {
+    const std::string s =
+        "videotestsrc num-buffers=2 ! video/x-raw,format=RGBA,width=" + std::to_string(1920 + i) +
+        ",height=1080,framerate=25/1 ! qvcudamix name=m ! fakesink";
+    GstElement* pxPipeline = gst_parse_launch(s.c_str(), NULL);
+    GstElement* pxMixer = gst_bin_get_by_name(GST_BIN(pxPipeline), "m");
+    gst_element_send_event(pxMixer, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM,
+                                                         gst_structure_new("eventStruct", "camID",
+                                                                           G_TYPE_INT, 5, NULL)));
+    gst_object_unref(pxMixer);
+    gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+    GstBus* pxBus = gst_element_get_bus(pxPipeline);
+    gst_message_unref(gst_bus_timed_pop_filtered(
+        pxBus, 10 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+    gst_object_unref(pxBus);
+    gst_element_set_state(pxPipeline, GST_STATE_NULL);
+    gst_object_unref(pxPipeline);
+  }
+  testing::internal::GetCapturedStdout();
+  // Each pool of 8 MB frames that stayed would hold 16 MB.
+  EXPECT_LT(InUseMiB() - lBefore, 100);
+}
+
+}  // namespace
