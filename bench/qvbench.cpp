@@ -3,6 +3,7 @@
 // are measured by qvbench-kernels.
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
+#include <linux/videodev2.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "AutoAdapt.h"
+#include "H5Camera.h"
 #include "QvBenchStats.h"
 #include "QvCudaCompYUV.h"
 #include "QvDevice.h"
@@ -19,6 +22,7 @@
 #include "QvException.h"
 #include "QvSynthetic.h"
 #include "gstUtil.h"
+#include "gstqvAutoAdapt.h"
 #include "gstqvCudaDownload.h"
 
 namespace {
@@ -392,6 +396,61 @@ void MixBenchmarks(bool bCuda) {
               xIn.dMsPerFrame, xIn.iFrames);
 }
 
+// A driver that answers at once: what is left is the element's own cost.
+int FakeOpen(const char*, int) {
+  return 3;
+}
+int FakeClose(int) {
+  return 0;
+}
+int FakeIoctl(int, unsigned long uRequest, void* pArg) {
+  if (uRequest == VIDIOC_QUERYCTRL) static_cast<v4l2_queryctrl*>(pArg)->maximum = 1470;
+  if (uRequest == VIDIOC_G_CTRL) static_cast<v4l2_control*>(pArg)->value = 104;
+  return 0;
+}
+
+// One measure at the defaults, over eight 4K frames in turn so that each comes cold from
+// memory as a camera's would; then the element on frames it does not measure.
+void AutoAdaptBench() {
+  const int iWidth = 3840, iHeight = 2160;
+  std::vector<std::vector<uint8_t>> xFrames(8);
+  for (size_t i = 0; i < xFrames.size(); ++i)
+    xFrames[i] = QvTools::MakeGrbgScene(iWidth, iHeight, i);
+  std::vector<double> xMeasure, xElement;
+  CAutoAdapt xAdapt(0.01f, 0.0001f, 0.02f, 1, 1, 16, SAutoAdaptSettings());
+  for (int i = 0; i < 400; ++i) {
+    Qv::CQvImageMoniker xFrame(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte,
+                               xFrames[i % xFrames.size()].data());
+    const auto t0 = Clock::now();
+    volatile float fBrightness = xAdapt.GetAverageBrightness(&xFrame);
+    (void)fBrightness;
+    xMeasure.push_back(MsSince(t0));
+  }
+  static const SH5CameraSystem xFake = {FakeOpen, FakeClose, FakeIoctl};
+  CH5Camera::SetSystem(&xFake);
+  GstElement* pxElement =
+      GST_ELEMENT(g_object_new(gst_auto_adapt_get_type(), "update", 1000, NULL));
+  GstBaseTransformClass* pxClass = GST_BASE_TRANSFORM_GET_CLASS(pxElement);
+  GstCaps* pxCaps = gst_caps_from_string("video/x-bayer,format=grbg,width=3840,height=2160");
+  pxClass->set_caps(GST_BASE_TRANSFORM(pxElement), pxCaps, pxCaps);
+  for (int i = 1; i < 1000; ++i) {
+    GstBuffer* pxBuffer =
+        gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, xFrames[0].data(), xFrames[0].size(),
+                                    0, xFrames[0].size(), NULL, NULL);
+    const auto t0 = Clock::now();
+    pxClass->transform_ip(GST_BASE_TRANSFORM(pxElement), pxBuffer);
+    xElement.push_back(MsSince(t0));
+    gst_buffer_unref(pxBuffer);
+  }
+  CH5Camera::SetSystem(nullptr);
+  gst_caps_unref(pxCaps);
+  gst_object_unref(pxElement);
+  std::printf("adapt:  measure of 4 x 50^2 pixels, cold 4K frame %8.4f ms (median of 400)\n",
+              Median(xMeasure));
+  std::printf("adapt:  qvautoadapt on a frame it does not measure %7.4f ms (four control reads)\n",
+              Median(xElement));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -406,6 +465,7 @@ int main(int argc, char** argv) {
     const int iFrames = bCuda ? 500 : 40;
     std::printf("qvbench: backend %s, frames of %dx%d 8-bit\n", Qv::Device::GetBackendName(),
                 iWidth, iHeight);
+    AutoAdaptBench();
     const double dBare = BareUploadMs(iWidth, iHeight, bCuda ? 200 : 20);
     const SPipelineResult x = RunPipeline("qvcudaupload", iWidth, iHeight, iFrames);
     std::printf("upload: bare pinned host-to-device copy      %8.3f ms\n", dBare);

@@ -92,7 +92,7 @@ int main(int argc, char** argv) {
       pxContext,
       "Runs a GStreamer pipeline like gst-launch-1.0, with every element of qvvideoproc,\n"
       "also those without a factory (qvcudanormalize, qvcudayuv, qvcudadownload,\n"
-      "qvbayer2rgb, qvrgb2bayer, qvbayer2lum).");
+      "qvbayer2rgb, qvrgb2bayer, qvbayer2lum, qvautoadapt).");
   g_option_context_add_main_entries(pxContext, aEntries, NULL);
   g_option_context_add_group(pxContext, gst_init_get_option_group());
   GError* pxError = NULL;
