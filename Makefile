@@ -4,7 +4,7 @@ QV_CUDA_ARCHS ?= 75;87;90
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build demo test test-gpu bench clean
+.PHONY: all deps configure build demo test test-gpu bench install clean
 
 all: build
 
@@ -30,6 +30,11 @@ test-gpu: build
 bench: build
 	$(BUILD_DIR)/bench/qvbench-kernels
 	$(BUILD_DIR)/bench/qvbench
+
+# Both plugins into GStreamer's plugin directory under PREFIX (default: CMAKE_INSTALL_PREFIX,
+# /usr/local), the tools into PREFIX/bin, headers and qvvideoproc.pc for host applications.
+install: build
+	cmake --install $(BUILD_DIR) $(if $(PREFIX),--prefix $(PREFIX))
 
 clean:
 	rm -rf $(BUILD_DIR)

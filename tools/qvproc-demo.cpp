@@ -91,7 +91,9 @@ int main(int argc, char** argv) {
   Qv::CQvImage xLastImage;
   const auto tStart = std::chrono::steady_clock::now();
   for (int i = 0; i < xOpt.iFrames; ++i) {
-    const std::vector<uint8_t> xLast = QvTools::MakeGrbgScene(xOpt.iWidth, xOpt.iHeight, i * 8);
+    // The scene scrolls and comes to rest at the last frame, whose bars then read in order.
+    const std::vector<uint8_t> xLast =
+        QvTools::MakeGrbgScene(xOpt.iWidth, xOpt.iHeight, (xOpt.iFrames - 1 - i) * 8);
     GstBuffer* pxBuffer = NULL;
     if (!pxPool || gst_buffer_pool_acquire_buffer(pxPool, &pxBuffer, NULL) != GST_FLOW_OK)
       pxBuffer = gst_buffer_new_allocate(NULL, xLast.size(), NULL);

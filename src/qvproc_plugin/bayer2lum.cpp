@@ -1,11 +1,11 @@
 /**
  * SECTION:element-qvbayer2lum
  *
- * Passes bayer frames on as GRAY8 frames of the same size. No byte of a buffer changes. No
- * factory: a host application registers the type (qvproc-launch does).
+ * Passes bayer frames on as GRAY8 frames of the same size. No byte of a buffer changes. Its factory
+ * is in the companion plugin qvvideoprochost.
  *
  * |[
- * qvproc-launch filesrc location=frame.grbg blocksize=2073600 \
+ * gst-launch-1.0 filesrc location=frame.grbg blocksize=2073600 \
  *     ! video/x-bayer,format=grbg,width=1920,height=1080,framerate=30/1 \
  *     ! qvbayer2lum ! filesink location=frame.gray
  * ]|
@@ -24,8 +24,11 @@ static GstCaps* gst_bayer2lum_transform_caps(GstBaseTransform* trans, GstPadDire
                                              GstCaps* caps, GstCaps* filter);
 
 static void gst_bayer2lum_class_init(GstBayer2LUMClass* klass) {
-  GST_DEBUG_CATEGORY_INIT(gst_bayer2lum_debug, "qvbayer2lum", 0, "bayer2lum element");
-  QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), QV_CAPS_GRAY8, QV_CAPS_BAYER,
+  GST_DEBUG_CATEGORY_INIT(gst_bayer2lum_debug, "qvbayer2lum", 0, "qvbayer2lum caps filter");
+  QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), "Bayer to Gray8 relabelling",
+                        "Passes video/x-bayer buffers on unchanged, labelled as GRAY8 video/x-raw "
+                        "of the same size",
+                        QV_CAPS_GRAY8, QV_CAPS_BAYER,
                         GST_DEBUG_FUNCPTR(gst_bayer2lum_transform_caps));
 }
 

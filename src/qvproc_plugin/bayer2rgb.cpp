@@ -3,10 +3,10 @@
  *
  * Passes bayer frames on as RGB frames of a third of the height: a bayer image of one byte a
  * pixel and an RGB image of a third of the height have the same bytes. No byte of a buffer
- * changes. No factory: a host application registers the type (qvproc-launch does).
+ * changes. Its factory is in the companion plugin qvvideoprochost.
  *
  * |[
- * qvproc-launch filesrc location=frame.grbg blocksize=6220800 \
+ * gst-launch-1.0 filesrc location=frame.grbg blocksize=6220800 \
  *     ! video/x-bayer,format=grbg,width=1920,height=3240,framerate=30/1 \
  *     ! qvbayer2rgb ! filesink location=frame.rgb
  * ]|
@@ -24,8 +24,11 @@ static GstCaps* gst_bayer2rgb_transform_caps(GstBaseTransform* trans, GstPadDire
                                              GstCaps* caps, GstCaps* filter);
 
 static void gst_bayer2rgb_class_init(GstBayer2RGBClass* klass) {
-  GST_DEBUG_CATEGORY_INIT(gst_bayer2rgb_debug, "qvbayer2rgb", 0, "bayer2lum element");
-  QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), QV_CAPS_RGB, QV_CAPS_BAYER,
+  GST_DEBUG_CATEGORY_INIT(gst_bayer2rgb_debug, "qvbayer2rgb", 0, "qvbayer2rgb caps filter");
+  QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), "Bayer to RGB relabelling",
+                        "Passes video/x-bayer buffers on unchanged, labelled as RGB video/x-raw "
+                        "of a third of the height",
+                        QV_CAPS_RGB, QV_CAPS_BAYER,
                         GST_DEBUG_FUNCPTR(gst_bayer2rgb_transform_caps));
 }
 

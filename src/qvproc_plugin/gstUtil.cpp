@@ -62,15 +62,25 @@ void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf) {
   pxOut->gain = pxIn->gain;
 }
 
-void HandleException(const Qv::IException& exception) {
+void HandleException(const Qv::IException& exception, GstElement* element) {
   std::fputs("exception catched: \n", stdout);
   std::fflush(stdout);
+  GString* pxText = g_string_new(NULL);
+  GString* pxDebug = g_string_new(NULL);
   for (const Qv::IException* pxEx = &exception; pxEx; pxEx = pxEx->GetInnerException()) {
     const char* szFile = pxEx->GetFile();
     const char* szText = pxEx->GetMessageText();
     std::printf("%s : %d  :   %s\n", szFile ? szFile : "", pxEx->GetLine(), szText ? szText : "");
     std::fflush(stdout);
+    if (szText && *szText) g_string_append_printf(pxText, "%s%s", pxText->len ? ": " : "", szText);
+    g_string_append_printf(pxDebug, "%s%s:%d: %s", pxDebug->len ? "\n" : "", szFile ? szFile : "",
+                           pxEx->GetLine(), szText ? szText : "");
   }
+  // The bus is what an application sees: which element failed, and why.
+  if (element)
+    GST_ELEMENT_ERROR(element, STREAM, FAILED, ("%s", pxText->str), ("%s", pxDebug->str));
+  g_string_free(pxText, TRUE);
+  g_string_free(pxDebug, TRUE);
 }
 
 void LogMessage(const char* /*text*/) {}

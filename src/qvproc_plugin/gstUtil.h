@@ -20,12 +20,19 @@ GstCaps* defaultNegotiation(const gchar* sinkCapsText, const gchar* srcCapsText,
 GstFlowReturn PrepareOutputBufferCuda(GstBaseTransform* trans, GstBuffer* inbuf,
                                       GstBuffer** outbuf);
 void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf);
-void HandleException(const Qv::IException& exception);
+// Writes the exception chain to standard output and, given the element whose frame failed,
+// posts it on the bus as a GST_STREAM_ERROR_FAILED element error: the messages of the chain as
+// the text, files and lines as the debug text.
+void HandleException(const Qv::IException& exception, GstElement* element = NULL);
 void LogMessage(const char* text);
 void LogMessage(Qv::CQvString text);
 // The device image of a mapped input buffer: null when the map gave none. A buffer of other
 // memory is refused, since its host bytes would be taken for an image.
 Qv::CQvDeviceImage2D* DeviceImageOfBuffer(GstBuffer* buffer, guint8* mapped);
+
+// The colorimetry of the I420 frames of qvcudayuv and qvcudadownload: full range, BT.601
+// matrix, so that a converter downstream reads the levels as they were written.
+#define QV_I420_COLORIMETRY "1:4:0:0"
 
 // Format mapping between GStreamer's video formats, the image ids and OpenCV matrix types. The
 // tables are not inverse to one another: a gray frame is a raw mosaic, a planar YUV frame one

@@ -68,14 +68,13 @@ gboolean QvCapsFilterQuery(GstBaseTransform* trans, GstPadDirection direction, G
   return TRUE;
 }
 
-void QvCapsFilterClassInit(GstBaseTransformClass* pxClass, const char* szSrcCaps,
-                           const char* szSinkCaps,
+void QvCapsFilterClassInit(GstBaseTransformClass* pxClass, const char* szLongName,
+                           const char* szDescription, const char* szSrcCaps, const char* szSinkCaps,
                            GstCaps* (*fnTransformCaps)(GstBaseTransform*, GstPadDirection, GstCaps*,
                                                        GstCaps*)) {
   GstElementClass* pxElementClass = GST_ELEMENT_CLASS(pxClass);
-  gst_element_class_set_static_metadata(
-      pxElementClass, "Bayer to Gray8 filter", "Filter/Converter/Video",
-      "Converts video/x-bayer to video/x-raw", "qvvideoproc developers");
+  gst_element_class_set_static_metadata(pxElementClass, szLongName, "Filter/Converter/Video",
+                                        szDescription, "qvvideoproc developers");
   GstCaps* pxSrcCaps = gst_caps_from_string(szSrcCaps);
   GstCaps* pxSinkCaps = gst_caps_from_string(szSinkCaps);
   gst_element_class_add_pad_template(

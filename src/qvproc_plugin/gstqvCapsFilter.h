@@ -25,10 +25,10 @@ typedef gint (*QvHeightRule)(gint iHeight);
 GstCaps* QvRelabelCaps(GstBaseTransform* trans, GstCaps* caps, GstCaps* filter, gboolean bToBayer,
                        QvHeightRule fnRule);
 
-// Class set-up shared by the filters: the one metadata of all three, pad templates from the
-// two caps texts, and the slots around the element's own transform_caps.
-void QvCapsFilterClassInit(GstBaseTransformClass* pxClass, const char* szSrcCaps,
-                           const char* szSinkCaps,
+// Class set-up shared by the filters: the element's long name and description, pad templates
+// from the two caps texts, and the slots around the element's own transform_caps.
+void QvCapsFilterClassInit(GstBaseTransformClass* pxClass, const char* szLongName,
+                           const char* szDescription, const char* szSrcCaps, const char* szSinkCaps,
                            GstCaps* (*fnTransformCaps)(GstBaseTransform*, GstPadDirection, GstCaps*,
                                                        GstCaps*));
 

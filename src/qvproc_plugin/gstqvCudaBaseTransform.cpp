@@ -49,10 +49,10 @@ static gboolean gst_qv_cuda_base_transform_start(GstBaseTransform* trans) {
 void QvSetupDeviceTransformClass(GstBaseTransformClass* pxClass, const char* szLongName,
                                  const char* szDescription, GstStaticPadTemplate* pxSinkTemplate,
                                  GstStaticPadTemplate* pxSrcTemplate, QvTransformFunc fnTransform,
-                                 QvTransformCapsFunc fnTransformCaps) {
+                                 QvTransformCapsFunc fnTransformCaps, const char* szKlass) {
   GstElementClass* pxElementClass = GST_ELEMENT_CLASS(pxClass);
-  gst_element_class_set_static_metadata(pxElementClass, szLongName, "Filter/Effect/Video",
-                                        szDescription, "qvvideoproc developers");
+  gst_element_class_set_static_metadata(pxElementClass, szLongName, szKlass, szDescription,
+                                        "qvvideoproc developers");
   gst_element_class_add_static_pad_template(pxElementClass, pxSinkTemplate);
   gst_element_class_add_static_pad_template(pxElementClass, pxSrcTemplate);
   pxClass->transform = fnTransform;

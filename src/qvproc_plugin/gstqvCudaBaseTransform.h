@@ -35,13 +35,14 @@ G_END_DECLS
 typedef GstFlowReturn (*QvTransformFunc)(GstBaseTransform*, GstBuffer*, GstBuffer*);
 typedef GstCaps* (*QvTransformCapsFunc)(GstBaseTransform*, GstPadDirection, GstCaps*, GstCaps*);
 
-// What every device transform sets on its class: metadata (classification
-// "Filter/Effect/Video"), both pad templates, transform, transform_caps (if given; else the
+// What every device transform sets on its class: metadata (classification szKlass), both pad
+// templates, transform, transform_caps (if given; else the
 // same caps on both sides), and output buffers that carry a device image.
 void QvSetupDeviceTransformClass(GstBaseTransformClass* pxClass, const char* szLongName,
                                  const char* szDescription, GstStaticPadTemplate* pxSinkTemplate,
                                  GstStaticPadTemplate* pxSrcTemplate, QvTransformFunc fnTransform,
-                                 QvTransformCapsFunc fnTransformCaps);
+                                 QvTransformCapsFunc fnTransformCaps,
+                                 const char* szKlass = "Filter/Converter/Video/Hardware");
 
 // The words of one element's frame step.
 struct SQvFrameTexts {
@@ -54,8 +55,8 @@ struct SQvFrameTexts {
 
 // The frame step of the device transforms: map both buffers, find the input image, run the
 // computation on the element's stream, hand camera settings on. Every failure of the image
-// code ends the frame with HandleException and GST_FLOW_ERROR; the maps are released on all
-// paths.
+// code ends the frame with HandleException (standard output and an element error on the bus)
+// and GST_FLOW_ERROR; the maps are released on all paths.
 template <class F>
 GstFlowReturn QvRunDeviceFrame(GstQvCudaBaseTransform* self, GstBuffer* inbuf, GstBuffer* outbuf,
                                const SQvFrameTexts& xTexts, F&& fnCompute) {
@@ -72,7 +73,7 @@ GstFlowReturn QvRunDeviceFrame(GstQvCudaBaseTransform* self, GstBuffer* inbuf, G
     CopyMetData(outbuf, inbuf);
     return GST_FLOW_OK;
   } catch (const Qv::IException& e) {
-    HandleException(e);
+    HandleException(e, GST_ELEMENT(self));
   }
   return GST_FLOW_ERROR;
 }

@@ -45,8 +45,10 @@ static GstFlowReturn gst_cuda_debayer_transform_frame(GstBaseTransform* trans, G
                                                       GstBuffer* outbuf);
 
 static void gst_cuda_debayer_class_init(GstQvCudaDebayerClass* klass) {
-  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "qvvideo debayer",
-                              "Velmora Video Proc", &sink_template, &src_template,
+  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "Qv device debayer",
+                              "Demosaics a raw device image into an RGBA device image of the same "
+                              "size with the rig's fixed white balance",
+                              &sink_template, &src_template,
                               GST_DEBUG_FUNCPTR(gst_cuda_debayer_transform_frame),
                               GST_DEBUG_FUNCPTR(gst_cuda_debayer_transform_caps));
 }

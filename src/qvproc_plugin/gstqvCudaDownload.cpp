@@ -3,11 +3,11 @@
  *
  * Brings a device image back to host memory as an ordinary video frame in pinned memory.
  * Colour images (RGBA caps) go through a host image; the stacked I420 image of qvcudayuv
- * (I420 caps) is copied plane by plane straight from the device into the frame. No factory: a
- * host application registers the type (qvproc-launch does).
+ * (I420 caps) is copied plane by plane straight from the device into the frame. Its factory is in
+ * the companion plugin qvvideoprochost.
  *
  * |[
- * qvproc-launch videotestsrc num-buffers=10 ! video/x-bayer,format=grbg,width=1920,height=1080 ! \
+ * gst-launch-1.0 videotestsrc num-buffers=10 ! video/x-bayer,format=grbg,width=1920,height=1080 ! \
  *     qvcudaupload ! qvcudadebayer ! qvcudadownload ! pngenc ! multifilesink location=f%02d.png
  * ]|
  */
@@ -33,8 +33,16 @@ GST_DEBUG_CATEGORY_STATIC(gst_cuda_download_debug);
 
 static GstStaticPadTemplate sink_template =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(DOWNLOAD_CAPS));
+// I420 planes come from qvcudayuv: full range, BT.601 matrix, which a converter must be told.
+#define DOWNLOAD_SRC_CAPS                                                                      \
+  "video/x-raw, format = (string) RGBA, width = (int) [ 1, max ], height = (int) [ 1, max ], " \
+  "framerate = (fraction) [ 0, max ]; video/x-raw, format = (string) I420, colorimetry = "     \
+  "(string) " QV_I420_COLORIMETRY                                                              \
+  ", width = (int) [ 1, max ], height = (int) [ 1, max ], "                                    \
+  "framerate = (fraction) [ 0, max ]"
+
 static GstStaticPadTemplate src_template =
-    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(DOWNLOAD_CAPS));
+    GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(DOWNLOAD_SRC_CAPS));
 
 // Each pool buffer is twice a frame, one to three of them.
 #define POOL_MIN_BUFFERS 1
@@ -66,9 +74,11 @@ static void gst_cuda_download_class_init(GstQvCudaDownloadClass* klass) {
   pxObjectClass->finalize = gst_cuda_download_finalize;
   pxElementClass->change_state = GST_DEBUG_FUNCPTR(gst_cuda_download_change_state);
 
-  gst_element_class_set_static_metadata(pxElementClass, "qv cuda download element",
-                                        "Filter/Effect/Video", "Velmora Cuda Download",
-                                        "qvvideoproc developers");
+  gst_element_class_set_static_metadata(
+      pxElementClass, "Qv device download", "Filter/Converter/Video/Hardware",
+      "Copies an RGBA device image, or the stacked I420 image of qvcudayuv, back into an "
+      "ordinary video frame in pinned host memory",
+      "qvvideoproc developers");
   gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
   gst_element_class_add_static_pad_template(pxElementClass, &src_template);
 
@@ -117,10 +127,29 @@ static GstStateChangeReturn gst_cuda_download_change_state(GstElement* element,
   return GST_ELEMENT_CLASS(gst_cuda_download_parent_class)->change_state(element, transition);
 }
 
+// Towards the source pad each structure splits into RGBA and I420, and I420 gets its
+// colorimetry.
 static GstCaps* gst_cuda_download_transform_caps(GstBaseTransform* /*trans*/,
                                                  GstPadDirection direction, GstCaps* caps,
                                                  GstCaps* filter) {
-  return defaultNegotiation(DOWNLOAD_CAPS, DOWNLOAD_CAPS, direction, caps, filter);
+  if (direction == GST_PAD_SRC)
+    return defaultNegotiation(DOWNLOAD_CAPS, DOWNLOAD_CAPS, direction, caps, filter);
+  GstCaps* pxBoth = defaultNegotiation(DOWNLOAD_CAPS, DOWNLOAD_CAPS, direction, caps, NULL);
+  GstCaps* pxResult = gst_caps_new_empty();
+  for (guint i = 0; i < gst_caps_get_size(pxBoth); ++i) {
+    for (const char* szFormat : {"RGBA", "I420"}) {
+      GstStructure* pxOne = gst_structure_copy(gst_caps_get_structure(pxBoth, i));
+      gst_structure_set(pxOne, "format", G_TYPE_STRING, szFormat, NULL);
+      if (g_str_equal(szFormat, "I420"))
+        gst_structure_set(pxOne, "colorimetry", G_TYPE_STRING, QV_I420_COLORIMETRY, NULL);
+      pxResult = gst_caps_merge_structure(pxResult, pxOne);
+    }
+  }
+  gst_caps_unref(pxBoth);
+  if (!filter) return pxResult;
+  GstCaps* pxFiltered = gst_caps_intersect_full(filter, pxResult, GST_CAPS_INTERSECT_FIRST);
+  gst_caps_unref(pxResult);
+  return pxFiltered;
 }
 
 // Both sides allow RGBA and I420: a download converts nothing, so the other side keeps this
@@ -316,6 +345,8 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
   if (!gst_video_frame_map(&xFrame, &self->videoInfo, outbuf, GST_MAP_WRITE)) {
     std::printf("MAPPING FAILED !!!\n");
     std::fflush(stdout);
+    GST_ELEMENT_WARNING(trans, STREAM, FAILED, ("Cannot map the output frame."),
+                        ("the frame goes on unwritten"));
     return GST_FLOW_OK;
   }
   try {
@@ -337,7 +368,7 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
     LogMessage("Cuda download finish");
     return GST_FLOW_OK;
   } catch (const Qv::IException& e) {
-    HandleException(e);
+    HandleException(e, GST_ELEMENT(trans));
   }
   return GST_FLOW_ERROR;
 }

@@ -74,7 +74,7 @@ static void gst_cudamixer2_child_proxy_init(gpointer g_iface, gpointer iface_dat
 G_DEFINE_TYPE_WITH_CODE(GstCudaMixer2, gst_cudamixer2, GST_TYPE_ELEMENT,
                         G_IMPLEMENT_INTERFACE(GST_TYPE_CHILD_PROXY, gst_cudamixer2_child_proxy_init)
                             GST_DEBUG_CATEGORY_INIT(gst_cudamixer2_debug, "qvcudamix", 0,
-                                                    "qvvideoproc mixer"))
+                                                    "qvvideoproc camera mixer"))
 
 static void gst_cudamixer2_set_property(GObject* object, guint prop_id, const GValue* value,
                                         GParamSpec* pspec);
@@ -119,13 +119,18 @@ static void gst_cudamixer2_class_init(GstCudaMixer2Class* klass) {
 
   gst_element_class_add_static_pad_template(pxElementClass, &src_factory);
   gst_element_class_add_static_pad_template(pxElementClass, &sink_factory);
-  gst_element_class_set_static_metadata(pxElementClass, "qv cuda mixer",
-                                        "Filter/Editor/Video/Compositor", "Mix video ",
-                                        "qvvideoproc developers");
+  gst_element_class_set_static_metadata(
+      pxElementClass, "Qv device camera mixer", "Filter/Editor/Video/Compositor",
+      "Lines up to six camera streams on one time line and passes on the selected camera's "
+      "frame (selector) or packs their raw device images into one mosaic (videowall)",
+      "qvvideoproc developers");
 
   g_object_class_install_property(
       pxObjectClass, PROP_TYPE,
-      g_param_spec_string("type", "Type", "Set the Mixer type to 'selector' or 'videowall'",
+      g_param_spec_string("type", "Mixer type",
+                          "'selector' passes on one camera's buffer, 'videowall' packs the raw "
+                          "images of up to six cameras into one 3840x2676 mosaic; other values "
+                          "are refused with a warning",
                           "selector",
                           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
 
@@ -186,6 +191,12 @@ static void gst_cudamixer2_set_property(GObject* object, guint prop_id, const GV
       } else if (g_strcmp0(szType, "videowall") == 0) {
         std::printf("Setting Mixer Type to: MixType_VideoWall \n");
         g_atomic_int_set(&self->mix_type, MixType_VideoWall);
+      } else {
+        g_warning(
+            "%s: unknown type '%s' ignored; the mixer stays '%s' (use 'selector' or "
+            "'videowall')",
+            GST_OBJECT_NAME(self), szType ? szType : "(null)",
+            g_atomic_int_get(&self->mix_type) == MixType_Selector ? "selector" : "videowall");
       }
       std::fflush(stdout);
       break;

@@ -4,11 +4,11 @@
  * Divides each RGBA device image by a gray reference image (a flat-field correction) and
  * writes 8-bit RGBA. The reference is read once per instance from "/home/ubuntu/gray4k.png",
  * or from the file that the environment variable QV_GRAY_REFERENCE names; the "gray" property
- * is kept but does not choose the file. Without a reference every frame fails. No factory: a
- * host application registers the type (qvproc-launch does).
+ * is kept but does not choose the file. Without a reference every frame fails. Its factory is in
+ * the companion plugin qvvideoprochost.
  *
  * |[
- * QV_GRAY_REFERENCE=gray.png qvproc-launch videotestsrc num-buffers=10 ! \
+ * QV_GRAY_REFERENCE=gray.png gst-launch-1.0 videotestsrc num-buffers=10 ! \
  *     video/x-bayer,format=grbg,width=1920,height=1080 ! qvcudaupload ! qvcudadebayer ! \
  *     qvcudanormalize ! qvcudadownload ! fakesink
  * ]|
@@ -63,12 +63,18 @@ static void gst_cuda_normalize_class_init(GstQvCudaNormalizeClass* klass) {
 
   g_object_class_install_property(
       pxObjectClass, PROP_GRAY,
-      g_param_spec_string("gray", "Gray", "Gray image file path", DEFAULT_GRAY,
+      g_param_spec_string("gray", "Gray reference name",
+                          "Kept for applications; the reference file is chosen by "
+                          "QV_GRAY_REFERENCE or defaults to /home/ubuntu/gray4k.png",
+                          DEFAULT_GRAY,
                           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
 
-  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "qvvideo normalize",
-                              "Velmora Video Proc", &sink_template, &src_template,
-                              GST_DEBUG_FUNCPTR(gst_cuda_normalize_transform_frame), NULL);
+  QvSetupDeviceTransformClass(
+      GST_BASE_TRANSFORM_CLASS(klass), "Qv device flat-field normalizer",
+      "Divides each RGBA device image by a gray reference image read once from a PNG file "
+      "(/home/ubuntu/gray4k.png, or the file that QV_GRAY_REFERENCE names)",
+      &sink_template, &src_template, GST_DEBUG_FUNCPTR(gst_cuda_normalize_transform_frame), NULL,
+      "Filter/Effect/Video/Hardware");
 }
 
 // The reference is read, widened to 8-bit RGBA and uploaded once; a failure leaves the
@@ -85,6 +91,9 @@ static void gst_cuda_normalize_load_reference(GstQvCudaNormalize* self) {
   } catch (const Qv::CQvException& e) {
     std::printf("%s\n", e.ToString(true).ToCString());
     std::fflush(stdout);
+    // No bus yet at instance init: the element's log says it, and every frame fails with it.
+    GST_WARNING_OBJECT(self, "no gray reference image from '%s': %s", self->grayPath,
+                       e.GetMessageText());
     self->grayImage = nullptr;
   }
 }

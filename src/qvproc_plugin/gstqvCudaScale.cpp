@@ -39,10 +39,13 @@ static GstFlowReturn gst_cuda_scale_transform_frame(GstBaseTransform* trans, Gst
                                                     GstBuffer* outbuf);
 
 static void gst_cuda_scale_class_init(GstQvCudaScaleClass* klass) {
-  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "qvvideo scale",
-                              "Velmora Video Proc", &sink_template, &src_template,
-                              GST_DEBUG_FUNCPTR(gst_cuda_scale_transform_frame),
-                              GST_DEBUG_FUNCPTR(gst_cuda_scale_transform_caps));
+  QvSetupDeviceTransformClass(
+      GST_BASE_TRANSFORM_CLASS(klass), "Qv device scaler",
+      "Scales an RGBA device image to the process-wide target size "
+      "(3840x1784 unless the application sets iScaledWidth and "
+      "iScaledHeight), one linear-filtered sample a pixel",
+      &sink_template, &src_template, GST_DEBUG_FUNCPTR(gst_cuda_scale_transform_frame),
+      GST_DEBUG_FUNCPTR(gst_cuda_scale_transform_caps), "Filter/Converter/Video/Scaler/Hardware");
 }
 
 static void gst_cuda_scale_init(GstQvCudaScale* self) {

@@ -54,7 +54,9 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
 
 static void gst_cuda_upload_class_init(GstQvCudaUploadClass* klass) {
   GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
-  QvSetupDeviceTransformClass(pxTransClass, "qv cuda upload element", "Velmora Cuda Upload",
+  QvSetupDeviceTransformClass(pxTransClass, "Qv device upload",
+                              "Copies raw 8-bit camera frames (GRAY8 or video/x-bayer) from host "
+                              "memory into device images",
                               &sink_template, &src_template,
                               GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_frame),
                               GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_caps));
@@ -144,7 +146,7 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
     LogMessage("Upload complete");
     return GST_FLOW_OK;
   } catch (const Qv::IException& e) {
-    HandleException(e);
+    HandleException(e, GST_ELEMENT(trans));
   }
   return GST_FLOW_ERROR;
 }

@@ -3,10 +3,10 @@
  *
  * Converts an RGBA device image to I420 on the device. The result is one Lum device image of
  * one and a half times the height, Y, U and V stacked; the caps keep the frame's own size and
- * say I420. No factory: a host application registers the type (qvproc-launch does).
+ * say I420. Its factory is in the companion plugin qvvideoprochost.
  *
  * |[
- * qvproc-launch videotestsrc num-buffers=10 ! video/x-bayer,format=grbg,width=1920,height=1080 ! \
+ * gst-launch-1.0 videotestsrc num-buffers=10 ! video/x-bayer,format=grbg,width=1920,height=1080 ! \
  *     qvcudaupload ! qvcudadebayer ! qvcudayuv ! qvcudadownload ! filesink location=out.i420
  * ]|
  */
@@ -25,9 +25,11 @@ GST_DEBUG_CATEGORY_STATIC(gst_cuda_yuv_debug);
 #define YUV_SINK_CAPS                                                                       \
   "video/x-raw, format = (string) { RGBA }, width = (int) [ 1, max ], height = (int) [ 1, " \
   "max ], framerate = (fraction) [ 0, max ]"
-#define YUV_SRC_CAPS                                                                        \
-  "video/x-raw, format = (string) { I420 }, width = (int) [ 1, max ], height = (int) [ 1, " \
-  "max ], framerate = (fraction) [ 0, max ]"
+// Full range, BT.601 matrix: what the conversion writes, so that a converter downstream reads
+// the levels right.
+#define YUV_SRC_CAPS                                                                     \
+  "video/x-raw, format = (string) { I420 }, colorimetry = (string) " QV_I420_COLORIMETRY \
+  ", width = (int) [ 1, max ], height = (int) [ 1, max ], framerate = (fraction) [ 0, max ]"
 
 static GstStaticPadTemplate sink_template =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(YUV_SINK_CAPS));
@@ -44,8 +46,10 @@ static GstFlowReturn gst_cuda_yuv_transform_frame(GstBaseTransform* trans, GstBu
                                                   GstBuffer* outbuf);
 
 static void gst_cuda_yuv_class_init(GstQvCudaYUVClass* klass) {
-  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "qv cuda yuv element",
-                              "Velmora Cuda YUV", &sink_template, &src_template,
+  QvSetupDeviceTransformClass(GST_BASE_TRANSFORM_CLASS(klass), "Qv device RGBA to I420",
+                              "Converts an RGBA device image to full-range BT.601 I420, the three "
+                              "planes stacked in one device image for qvcudadownload",
+                              &sink_template, &src_template,
                               GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_frame),
                               GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_caps));
 }

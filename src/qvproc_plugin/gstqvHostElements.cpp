@@ -25,16 +25,44 @@ static GType Bayer2RgbType(void) {
   return xOurs;
 }
 
-gboolean qv_register_host_elements(void) {
+// A factory is made once per process for each type: a second one would replace the first
+// under the element class, which keeps pointing at the factory it was first registered with.
+// So whichever comes first, the application or the companion plugin, keeps the factory.
+static gboolean RegisterOnce(GstPlugin* pxPlugin, const char* szName, GType xType) {
+  if (!xType) return FALSE;
+  GstPluginFeature* pxExisting = gst_registry_lookup_feature(gst_registry_get(), szName);
+  if (pxExisting) {
+    // A factory read from the registry cache and not loaded yet has no type.
+    const gboolean bDone =
+        GST_IS_ELEMENT_FACTORY(pxExisting) &&
+        gst_element_factory_get_element_type(GST_ELEMENT_FACTORY(pxExisting)) == xType;
+    gst_object_unref(pxExisting);
+    if (bDone) return TRUE;
+  }
+  return gst_element_register(pxPlugin, szName, GST_RANK_NONE, xType);
+}
+
+gboolean qv_register_host_elements_into(GstPlugin* plugin) {
+  // One row per element type that the plugin's own plugin_init does not register.
+  static const struct {
+    const char* szName;
+    GType (*fnType)(void);
+  } axElements[] = {
+      // clang-format off
+      {"qvcudanormalize", gst_cuda_normalize_get_type},
+      {"qvcudayuv", gst_cuda_yuv_get_type},
+      {"qvcudadownload", gst_cuda_download_get_type},
+      {"qvbayer2rgb", Bayer2RgbType},
+      {"qvrgb2bayer", gst_rgb2bayer_get_type},
+      {"qvbayer2lum", gst_bayer2lum_get_type},
+      {"qvautoadapt", gst_auto_adapt_get_type},
+      // clang-format on
+  };
   gboolean bOk = TRUE;
-  bOk &=
-      gst_element_register(NULL, "qvcudanormalize", GST_RANK_NONE, gst_cuda_normalize_get_type());
-  bOk &= gst_element_register(NULL, "qvcudayuv", GST_RANK_NONE, gst_cuda_yuv_get_type());
-  bOk &= gst_element_register(NULL, "qvcudadownload", GST_RANK_NONE, gst_cuda_download_get_type());
-  const GType xBayer2Rgb = Bayer2RgbType();
-  bOk &= xBayer2Rgb && gst_element_register(NULL, "qvbayer2rgb", GST_RANK_NONE, xBayer2Rgb);
-  bOk &= gst_element_register(NULL, "qvrgb2bayer", GST_RANK_NONE, gst_rgb2bayer_get_type());
-  bOk &= gst_element_register(NULL, "qvbayer2lum", GST_RANK_NONE, gst_bayer2lum_get_type());
-  bOk &= gst_element_register(NULL, "qvautoadapt", GST_RANK_NONE, gst_auto_adapt_get_type());
+  for (const auto& x : axElements) bOk &= RegisterOnce(plugin, x.szName, x.fnType());
   return bOk;
+}
+
+gboolean qv_register_host_elements(void) {
+  return qv_register_host_elements_into(NULL);
 }

@@ -1,6 +1,7 @@
 #pragma once
-// The element types without a factory in the plugin are registered by the host application;
-// this registers all of them at once under their element names, for qvproc-launch and tests.
+// The element types without a factory in the plugin are registered by the host application or
+// by the companion plugin "qvvideoprochost"; this registers all of them at once under their
+// element names.
 #include <gst/gst.h>
 
 G_BEGIN_DECLS
@@ -10,5 +11,10 @@ G_BEGIN_DECLS
 // result is true when all succeeded. Calling it again changes nothing. "qvbayer2rgb" is left out
 // where GStreamer's own bayer plugin already took the type name GstBayer2RGB in this process.
 gboolean qv_register_host_elements(void);
+
+// The same registrations as factories of plugin: the companion plugin "qvvideoprochost" calls
+// it from its plugin_init, so that the registry knows which plugin to load for each element.
+// An element already registered in this process, by either way, keeps its factory.
+gboolean qv_register_host_elements_into(GstPlugin* plugin);
 
 G_END_DECLS

@@ -46,5 +46,8 @@ static gboolean plugin_init(GstPlugin* plugin) {
   return bOk;
 }
 
-GST_PLUGIN_DEFINE(1, 9, qvvideoproc, "velmora propriatary gst plugin chain", plugin_init, "0.01",
-                  "LGPL", "qvvideoproc", "https://www.velmora.example/qvvideoproc")
+GST_PLUGIN_DEFINE(1, 9, qvvideoproc,
+                  "Velmora camera rig: frames stay in device memory from upload through "
+                  "debayer, scale and mix",
+                  plugin_init, "0.01", "LGPL", "qvvideoproc",
+                  "https://www.velmora.example/qvvideoproc")

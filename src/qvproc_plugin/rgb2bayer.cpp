@@ -2,11 +2,10 @@
  * SECTION:element-qvrgb2bayer
  *
  * Passes RGB frames on as bayer frames of three times the height: the way back of qvbayer2rgb.
- * No byte of a buffer changes. No factory: a host application registers the type
- * (qvproc-launch does).
+ * No byte of a buffer changes. Its factory is in the companion plugin qvvideoprochost.
  *
  * |[
- * qvproc-launch filesrc location=frame.rgb blocksize=6220800 \
+ * gst-launch-1.0 filesrc location=frame.rgb blocksize=6220800 \
  *     ! video/x-raw,format=RGB,width=1920,height=1080,framerate=30/1 \
  *     ! qvrgb2bayer ! filesink location=frame.grbg
  * ]|
@@ -26,8 +25,11 @@ static GstCaps* gst_rgb2bayer_transform_caps(GstBaseTransform* trans, GstPadDire
                                              GstCaps* caps, GstCaps* filter);
 
 static void gst_rgb2bayer_class_init(GstRgb2BayerClass* klass) {
-  GST_DEBUG_CATEGORY_INIT(gst_rgb2bayer_debug, "qvrgb2bayer", 0, "rgb2bayer element");
-  QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), QV_CAPS_BAYER, QV_CAPS_RGB,
+  GST_DEBUG_CATEGORY_INIT(gst_rgb2bayer_debug, "qvrgb2bayer", 0, "qvrgb2bayer caps filter");
+  QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), "RGB to Bayer relabelling",
+                        "Passes RGB video/x-raw buffers on unchanged, labelled as video/x-bayer "
+                        "of three times the height",
+                        QV_CAPS_BAYER, QV_CAPS_RGB,
                         GST_DEBUG_FUNCPTR(gst_rgb2bayer_transform_caps));
 }
 

@@ -167,13 +167,17 @@ TEST_F(ScaleTest, FramesComeOutAtTheTargetSize) {
 }
 
 TEST(Plugin, RegistersExactlyItsFactories) {
-  for (const char* szName : {"qvcudaupload", "qvcudadebayer", "qvcudascale"}) {
-    GstElementFactory* pxFactory = gst_element_factory_find(szName);
-    EXPECT_NE(nullptr, pxFactory) << szName;
-    if (pxFactory) gst_object_unref(pxFactory);
+  // The host element types have their factories in the companion plugin.
+  const char* aszExpected[][2] = {
+      {"qvcudaupload", "qvvideoproc"},  {"qvcudadebayer", "qvvideoproc"},
+      {"qvcudascale", "qvvideoproc"},   {"qvcudanormalize", "qvvideoprochost"},
+      {"qvcudayuv", "qvvideoprochost"}, {"qvcudadownload", "qvvideoprochost"}};
+  for (const auto& x : aszExpected) {
+    GstElementFactory* pxFactory = gst_element_factory_find(x[0]);
+    ASSERT_NE(nullptr, pxFactory) << x[0];
+    EXPECT_STREQ(x[1], gst_plugin_feature_get_plugin_name(GST_PLUGIN_FEATURE(pxFactory)));
+    gst_object_unref(pxFactory);
   }
-  for (const char* szName : {"qvcudanormalize", "qvcudayuv", "qvcudadownload"})
-    EXPECT_EQ(nullptr, gst_element_factory_find(szName)) << szName;
 }
 
 }  // namespace

@@ -27,9 +27,8 @@ TEST(HostElements, ATakenBayer2RgbNameLeavesOnlyThatElementOut) {
     EXPECT_NE(nullptr, pxElement) << szName;
     if (pxElement) gst_object_unref(pxElement);
   }
-  GstElementFactory* pxFactory = gst_element_factory_find("qvbayer2rgb");
-  EXPECT_EQ(nullptr, pxFactory);
-  if (pxFactory) gst_object_unref(pxFactory);
+  // Nor does the companion plugin, which the registry names for it, give one.
+  EXPECT_EQ(nullptr, gst_element_factory_make("qvbayer2rgb", NULL));
   EXPECT_EQ(xForeign, g_type_from_name("GstBayer2RGB"));
 }
 

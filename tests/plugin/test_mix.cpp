@@ -139,7 +139,6 @@ TEST(MixPads, TypePropertyTakesTwoExactValuesAndReadsVideoWallWithCapitalW) {
       "Setting Mixer Type to: videowall\nSetting Mixer Type to: MixType_VideoWall \n"
       "Setting Mixer Type to: selector\nSetting Mixer Type to: videoWall\n",
       testing::internal::GetCapturedStdout());
-
   gst_object_unref(pxMixer);
 }
 

@@ -40,8 +40,8 @@ TEST_F(YuvElementTest, OutputCapsKeepTheSizeAndSayI420) {
   ASSERT_NE(nullptr, pxOut);
   gst_buffer_unref(pxOut);
   GstCaps* pxCaps = gst_pad_get_current_caps(m_pxHarness->sinkpad);
-  EXPECT_TRUE(
-      QvTest::CapsEqualString(pxCaps, "video/x-raw,format=I420,width=6,height=4,framerate=25/1"));
+  EXPECT_TRUE(QvTest::CapsEqualString(
+      pxCaps, "video/x-raw,format=I420,colorimetry=1:4:0:0,width=6,height=4,framerate=25/1"));
   gst_caps_unref(pxCaps);
 }
 
@@ -104,7 +104,8 @@ TEST(YuvElementCaps, SinkSideGivesI420OfTheSameSizeAndRate) {
   GstCaps* pxOut = GST_BASE_TRANSFORM_GET_CLASS(pxElement)->transform_caps(
       GST_BASE_TRANSFORM(pxElement), GST_PAD_SINK, pxIn, NULL);
   EXPECT_TRUE(QvTest::CapsEqualString(
-      pxOut, "video/x-raw,format=I420,width=[16,64],height=480,framerate=30/1"));
+      pxOut,
+      "video/x-raw,format=I420,colorimetry=1:4:0:0,width=[16,64],height=480,framerate=30/1"));
   gst_caps_unref(pxOut);
   gst_caps_unref(pxIn);
   gst_object_unref(pxElement);

@@ -1,0 +1,44 @@
+# Install rules: both plugins into GStreamer's plugin directory under the install prefix, the
+# tools into bin/, and the headers of the runtime, the image library and the plugin with a
+# pkg-config file "qvvideoproc", so that a host application builds against the plugin library.
+include(GNUInstallDirs)
+
+# GStreamer's own plugin directory, taken relative to its prefix, so that
+# `cmake --install build --prefix P` puts the plugins where a GStreamer installed in P looks.
+pkg_get_variable(QV_GST_PREFIX gstreamer-1.0 prefix)
+pkg_get_variable(QV_GST_PLUGINSDIR gstreamer-1.0 pluginsdir)
+file(RELATIVE_PATH QV_DEFAULT_PLUGINSDIR "${QV_GST_PREFIX}" "${QV_GST_PLUGINSDIR}")
+if(NOT QV_GST_PLUGINSDIR OR QV_DEFAULT_PLUGINSDIR MATCHES "^\\.\\.")
+  set(QV_DEFAULT_PLUGINSDIR "${CMAKE_INSTALL_LIBDIR}/gstreamer-1.0")
+endif()
+set(QV_PLUGINSDIR "${QV_DEFAULT_PLUGINSDIR}" CACHE STRING
+  "Where the plugins are installed: relative to the install prefix, or absolute")
+
+# The tools and the companion find the plugin library beside them wherever the prefix lies.
+if(IS_ABSOLUTE "${QV_PLUGINSDIR}")
+  set(QV_TOOLS_RPATH "${QV_PLUGINSDIR}")
+  set(QV_PC_PLUGINSDIR "${QV_PLUGINSDIR}")
+else()
+  file(RELATIVE_PATH QV_BIN_TO_PLUGINS "/p/${CMAKE_INSTALL_BINDIR}" "/p/${QV_PLUGINSDIR}")
+  set(QV_TOOLS_RPATH "$ORIGIN/${QV_BIN_TO_PLUGINS}")
+  set(QV_PC_PLUGINSDIR "\${prefix}/${QV_PLUGINSDIR}")
+endif()
+set_target_properties(qvproc-launch qvproc-demo PROPERTIES INSTALL_RPATH "${QV_TOOLS_RPATH}")
+
+install(TARGETS gstqvvideoproc gstqvvideoprochost LIBRARY DESTINATION "${QV_PLUGINSDIR}")
+install(TARGETS qvproc-launch qvproc-demo RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(PROGRAMS examples/rig.py DESTINATION "${CMAKE_INSTALL_DATADIR}/qvvideoproc/examples")
+
+file(GLOB QV_PUBLIC_HEADERS
+  ${PROJECT_SOURCE_DIR}/src/Qv.Core/*.h
+  ${PROJECT_SOURCE_DIR}/src/Qv.Cuda/*.h
+  ${PROJECT_SOURCE_DIR}/src/Qv.Cuda.ImageProcessing/QvCudaComp*.h
+  ${PROJECT_SOURCE_DIR}/src/qvproc_plugin/*.h)
+list(FILTER QV_PUBLIC_HEADERS EXCLUDE REGEX "Priv\\.h$")
+install(FILES ${QV_PUBLIC_HEADERS} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qvvideoproc")
+
+# Relocatable: the prefix is found from where the file lies.
+file(RELATIVE_PATH QV_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+list(JOIN CUDAToolkit_INCLUDE_DIRS " -I" QV_PC_CUDA_CFLAGS)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/qvvideoproc.pc.in ${CMAKE_BINARY_DIR}/qvvideoproc.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/qvvideoproc.pc DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
