@@ -49,8 +49,8 @@ SOptions ParseArgs(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   gst_init(&argc, &argv);
-  // The plugin this demo was built with, also when GST_PLUGIN_PATH does not name it.
-  gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
+  // The plugin this demo runs with, also when GST_PLUGIN_PATH does not name it.
+  qv_scan_plugin_dir();
   qv_register_host_elements();
   const SOptions xOpt = ParseArgs(argc, argv);
   if (xOpt.iWidth < 2 || xOpt.iHeight < 2 || xOpt.iFrames < 1) {

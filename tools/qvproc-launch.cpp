@@ -110,8 +110,8 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  // The plugin this tool was built with, also when GST_PLUGIN_PATH does not name it.
-  gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
+  // The plugin this tool runs with, also when GST_PLUGIN_PATH does not name it.
+  qv_scan_plugin_dir();
   // A pipeline that names an element left out fails below with GStreamer's own message.
   if (!qv_register_host_elements())
     std::fprintf(stderr,

@@ -1036,6 +1036,8 @@ static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer
     case FILL_ERROR:
       GST_CUDA_MIXER2_UNLOCK(self);
       GST_ERROR_OBJECT(self, "Error collecting buffers");
+      GST_ELEMENT_ERROR(self, STREAM, FAILED, ("Error collecting buffers"),
+                        ("a camera delivered a buffer without timestamp"));
       return GST_FLOW_ERROR;
     case FILL_NEED_MORE:
       GST_DEBUG_OBJECT(self, "Need more data for decisions");
@@ -1177,6 +1179,8 @@ static GstFlowReturn gst_cudamixer2_sink_clip(GstCollectPads* /*pads*/, GstColle
   const GstClockTime uStart = GST_BUFFER_PTS(buf);
   if (!GST_CLOCK_TIME_IS_VALID(uStart)) {
     GST_ERROR_OBJECT(pxPad, "Timestamped buffers required!");
+    GST_ELEMENT_ERROR(self, STREAM, FAILED, ("Timestamped buffers required!"),
+                      ("a buffer without timestamp on %s", GST_PAD_NAME(pxPad)));
     // Handed back so that GstCollectPads releases it and the push fails with the error.
     *outbuf = buf;
     return GST_FLOW_ERROR;

@@ -1,5 +1,7 @@
 #include "gstqvHostElements.h"
 
+#include <dlfcn.h>
+
 #include "bayer2lum.h"
 #include "bayer2rgb.h"
 #include "gstqvAutoAdapt.h"
@@ -65,4 +67,14 @@ gboolean qv_register_host_elements_into(GstPlugin* plugin) {
 
 gboolean qv_register_host_elements(void) {
   return qv_register_host_elements_into(NULL);
+}
+
+gboolean qv_scan_plugin_dir(void) {
+  Dl_info xInfo;
+  if (!dladdr(reinterpret_cast<void*>(&qv_scan_plugin_dir), &xInfo) || !xInfo.dli_fname)
+    return FALSE;
+  gchar* szDir = g_path_get_dirname(xInfo.dli_fname);
+  const gboolean bChanged = gst_registry_scan_path(gst_registry_get(), szDir);
+  g_free(szDir);
+  return bChanged;
 }

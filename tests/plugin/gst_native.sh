@@ -17,7 +17,7 @@ for e in qvcudaupload qvcudadebayer qvcudascale qvcudamix qvcudayuv qvcudanormal
 done
 [ "$(gst-inspect-1.0 --gst-debug-help | grep -c '^qv')" -ge 11 ] || fail "debug categories"
 
-gst-launch-1.0 videotestsrc num-buffers=1 ! video/x-raw,format=GRAY8,width=8,height=8 \
+timeout 60 gst-launch-1.0 videotestsrc num-buffers=1 ! video/x-raw,format=GRAY8,width=8,height=8 \
   ! qvcudadebayer name=deb ! fakesink >"$P/log" 2>&1 && fail "a host buffer passed qvcudadebayer"
 grep -q "from element /GstPipeline:pipeline0/GstQvCudaDebayer:deb: buffer holds no device image" \
   "$P/log" || fail "no element error on the bus: $(cat "$P/log")"
@@ -27,7 +27,7 @@ grep -q "from element /GstPipeline:pipeline0/GstQvCudaDebayer:deb: buffer holds 
 for v in 250 50; do
   python3 -c "import sys; sys.stdout.buffer.write(bytes([$v, $v * 7 // 10] * 8 + \
     [$v * 88 // 100, $v] * 8) * 8)" >"$P/in.raw"
-  gst-launch-1.0 -q filesrc location="$P/in.raw" blocksize=256 \
+  timeout 60 gst-launch-1.0 -q filesrc location="$P/in.raw" blocksize=256 \
     ! rawvideoparse format=gray8 width=16 height=16 ! qvcudaupload ! qvcudadebayer ! qvcudayuv \
     ! qvcudadownload ! videoconvert ! video/x-raw,format=RGBA ! filesink location="$P/out.raw"
   rgb=$(od -An -tu1 -j $(((8 * 16 + 8) * 4)) -N 3 "$P/out.raw")
