@@ -1,6 +1,6 @@
 #pragma once
 // Per-pixel dense convolution and Sobel, shared by the CUDA kernels and the host runner. Both
-// write L_f targets unscaled and unclamped; clamp addressing repeats the edge.
+// write L_f targets unscaled and unclamped; the edge repeats outside the image.
 #include "QvPixel.h"
 #include "QvSampling.h"
 
@@ -32,26 +32,39 @@ struct FConvolution {
   }
 };
 
-// Gradient magnitude of the first channel of any class TSrc: a step from 0 to full scale
-// gives 4. Each gradient is the difference of two sums formed the same way, so that equal
+// The first channel of pixel (x, y) of an image of class T, normalized, the edge repeated
+// outside: what a fetch at the pixel centre returns, point or linear filter alike.
+template <class T>
+QV_HD QV_FORCEINLINE float FirstChannelClamped(const SDeviceImageDesc2D& xImage, int x, int y) {
+  x = x < 0 ? 0 : (x >= xImage.xFormat.iWidth ? xImage.xFormat.iWidth - 1 : x);
+  y = y < 0 ? 0 : (y >= xImage.xFormat.iHeight ? xImage.xFormat.iHeight - 1 : y);
+  return ReadChannel<T>(PixelPtr<T>(xImage, x, y)[0]);
+}
+
+// Gradient magnitude from the 3 x 3 neighbourhood, rows a b c / d . f / g h k: a step from 0
+// to 1 gives 4. Each gradient is the difference of two sums formed the same way, so that equal
 // sides cancel exactly and a flat image gives 0; the factors 2 are exact.
+QV_HD QV_FORCEINLINE float SobelSide(float fOuter1, float fInner, float fOuter2) {
+  return fmaf(2.0f, fInner, fOuter1) + fOuter2;
+}
+
+QV_HD QV_FORCEINLINE float SobelMagnitude(float a, float b, float c, float d, float f, float g,
+                                          float h, float k) {
+  const float fGx = SobelSide(c, f, k) - SobelSide(a, d, g);
+  const float fGy = SobelSide(a, b, c) - SobelSide(g, h, k);
+  return sqrtf(fmaf(fGy, fGy, fGx * fGx));
+}
+
+// The host runner's Sobel; the CUDA kernel reads the same samples through a shared tile.
 template <class TSrc>
 struct FSobel {
   SDeviceImageDesc2D xTarget;
-  STexture2D xSource;
-
-  QV_HD QV_FORCEINLINE float P(int x, int y) const { return FetchPixel<TSrc>(xSource, x, y).x; }
-  static QV_HD QV_FORCEINLINE float Side(float fOuter1, float fInner, float fOuter2) {
-    return fmaf(2.0f, fInner, fOuter1) + fOuter2;
-  }
+  SDeviceImageDesc2D xSource;
 
   QV_HD void operator()(int x, int y) const {
-    const float a = P(x - 1, y - 1), b = P(x, y - 1), c = P(x + 1, y - 1);
-    const float d = P(x - 1, y), f = P(x + 1, y);
-    const float g = P(x - 1, y + 1), h = P(x, y + 1), k = P(x + 1, y + 1);
-    const float fGx = Side(c, f, k) - Side(a, d, g);
-    const float fGy = Side(a, b, c) - Side(g, h, k);
-    *PixelPtr<L_f>(xTarget, x, y) = sqrtf(fmaf(fGy, fGy, fGx * fGx));
+    auto p = [&](int dx, int dy) { return FirstChannelClamped<TSrc>(xSource, x + dx, y + dy); };
+    *PixelPtr<L_f>(xTarget, x, y) = SobelMagnitude(p(-1, -1), p(0, -1), p(1, -1), p(-1, 0), p(1, 0),
+                                                   p(-1, 1), p(0, 1), p(1, 1));
   }
 };
 

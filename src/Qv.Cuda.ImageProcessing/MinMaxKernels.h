@@ -14,18 +14,12 @@ namespace Kernel {
 
 constexpr float kInfinity = __builtin_huge_valf();
 
-// Channel C of the pixel, normalized; L classes have channel 0 only.
+// Channel C of pixel (x, y), normalized: what a point-sampled fetch returns. Read straight
+// from memory, so that a warp's samples come in one coalesced load.
 template <class T, int C>
-QV_HD QV_FORCEINLINE float MinMaxSample(const STexture2D& xTex, int x, int y) {
-  const float4 v = FetchPixel<T>(xTex, x, y);
-  if constexpr (C == 1)
-    return v.y;
-  else if constexpr (C == 2)
-    return v.z;
-  else if constexpr (C == 3)
-    return v.w;
-  else
-    return v.x;
+QV_HD QV_FORCEINLINE float MinMaxSample(const SDeviceImageDesc2D& xImage, int x, int y) {
+  static_assert(C >= 0 && C < T::iChannels, "a channel of the class");
+  return ReadChannel<T>(PixelPtr<T>(xImage, x, y)[C]);
 }
 
 // Starts at the infinities rather than the largest float, so that an image of infinities or of

@@ -40,8 +40,7 @@ void RunMix(CQvCudaComp& xComp, CQvDeviceImage2D& xTarget, const CQvDeviceImage2
             const CQvDeviceImage2D& xInput2, float fWeight, bool bBlackIsTransparent,
             const STexture2D& xTexture1, const STexture2D& xTexture2) {
   const CQvImageFormat& xFormat1 = xInput1.GetFormat();
-  const CQvImageFormat xTrgFormat(xFormat1.iWidth, xFormat1.iHeight, T3::ePixelType,
-                                  T3::eDataType);
+  const CQvImageFormat xTrgFormat(xFormat1.iWidth, xFormat1.iHeight, T3::ePixelType, T3::eDataType);
   // Re-creating an input in another format would free what the kernel is about to read.
   if ((&xTarget == &xInput1 || &xTarget == &xInput2) && !(xTarget.GetFormat() == xTrgFormat))
     QV_THROW("The target may be an input image only if it has the format of the result");

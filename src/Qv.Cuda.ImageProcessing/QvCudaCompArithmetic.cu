@@ -29,8 +29,8 @@ int64_t PixelCount(const CQvImageFormat& xFormat) {
 
 // Divide and Increment launch over the input and are bounded by the target: where the two
 // extents overlap.
-void LaunchOverBoth(CQvCudaComp& xComp, const CQvImageFormat& xInput,
-                    const CQvImageFormat& xTarget, int& iWidth, int& iHeight) {
+void LaunchOverBoth(CQvCudaComp& xComp, const CQvImageFormat& xInput, const CQvImageFormat& xTarget,
+                    int& iWidth, int& iHeight) {
   xComp.EvalKernelDim_2D_1D(xInput, 32, 8);
   iWidth = std::min(xInput.iWidth, xTarget.iWidth);
   iHeight = std::min(xInput.iHeight, xTarget.iHeight);
@@ -103,13 +103,13 @@ void CQvCudaCompConvolve::Increment(CQvDeviceImage2D& xTarget, const CQvDeviceIm
     CTextureBinding xInputBinding(xInput, false), xTargetBinding(xTarget, false);
     const char* szName = "Increment --> Kernel::Increment";
     if (xInFormat.eDataType == EDataType::UByte)
-      LaunchPerPixel(*this, szName, iWidth, iHeight,
-                     Kernel::FIncrement<L_uc>{xTarget.GetDesc(), xInputBinding.Get(),
-                                              xTargetBinding.Get()});
+      LaunchPerPixel(
+          *this, szName, iWidth, iHeight,
+          Kernel::FIncrement<L_uc>{xTarget.GetDesc(), xInputBinding.Get(), xTargetBinding.Get()});
     else
-      LaunchPerPixel(*this, szName, iWidth, iHeight,
-                     Kernel::FIncrement<L_us>{xTarget.GetDesc(), xInputBinding.Get(),
-                                              xTargetBinding.Get()});
+      LaunchPerPixel(
+          *this, szName, iWidth, iHeight,
+          Kernel::FIncrement<L_us>{xTarget.GetDesc(), xInputBinding.Get(), xTargetBinding.Get()});
   } catch (const CQvException& e) {
     QV_RETHROW("Error performing increment operation", e);
   }

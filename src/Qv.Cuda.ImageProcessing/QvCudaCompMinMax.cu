@@ -17,8 +17,7 @@ namespace Kernel {
 // thread first reduces the pixels it strides over, so that a 4K image needs one merge per
 // block, not per pixel.
 template <class T, int C>
-__global__ void GetImageMinMax(STexture2D xImage, CQvImageFormat xFormat, float* pfMin,
-                               float* pfMax) {
+__global__ void GetImageMinMax(SDeviceImageDesc2D xImage, float* pfMin, float* pfMax) {
   constexpr int kMaxWarps = 32;
   __shared__ float afMin[kMaxWarps], afMax[kMaxWarps];
   const unsigned uThreads = blockDim.x * blockDim.y;
@@ -28,6 +27,7 @@ __global__ void GetImageMinMax(STexture2D xImage, CQvImageFormat xFormat, float*
     afMin[uThread] = kInfinity;
     afMax[uThread] = -kInfinity;
   }
+  const CQvImageFormat& xFormat = xImage.xFormat;
   SMinMax xPair;
   const int iStrideX = static_cast<int>(gridDim.x * blockDim.x);
   const int iStrideY = static_cast<int>(gridDim.y * blockDim.y);
@@ -73,16 +73,18 @@ const char* const kMinMaxLabel = "GetImageMinMax --> Kernel::GetImageMinMax";
 
 // Enough blocks to fill the device once; each thread then strides over several rows.
 unsigned ResidentBlocks(unsigned uThreadsPerBlock) {
-  static const int iSMs = [] {
-    int iDevice = 0, iCount = 0;
+  static const unsigned uThreadsOnDevice = [] {
+    int iDevice = 0, iSMs = 0, iThreads = 0;
     if (cudaGetDevice(&iDevice) != cudaSuccess ||
-        cudaDeviceGetAttribute(&iCount, cudaDevAttrMultiProcessorCount, iDevice) != cudaSuccess) {
+        cudaDeviceGetAttribute(&iSMs, cudaDevAttrMultiProcessorCount, iDevice) != cudaSuccess ||
+        cudaDeviceGetAttribute(&iThreads, cudaDevAttrMaxThreadsPerMultiProcessor, iDevice) !=
+            cudaSuccess) {
       cudaGetLastError();
-      return 16;
+      return 16u * 1024u;
     }
-    return iCount;
+    return static_cast<unsigned>(iSMs) * static_cast<unsigned>(iThreads);
   }();
-  return static_cast<unsigned>(iSMs) * (2048u / uThreadsPerBlock);
+  return uThreadsOnDevice / uThreadsPerBlock;
 }
 
 void CopyPair(void* pDst, const void* pSrc, cudaMemcpyKind eKind, cudaStream_t hStream) {
@@ -96,16 +98,17 @@ void CopyPair(void* pDst, const void* pSrc, cudaMemcpyKind eKind, cudaStream_t h
 }
 
 template <class T, int C>
-void RunMinMax(CQvCudaComp& xComp, const STexture2D& xImage, const CQvImageFormat& xFormat,
-               float* pfMin, float* pfMax) {
+void RunMinMax(CQvCudaComp& xComp, const SDeviceImageDesc2D& xImage, float* pfMin, float* pfMax) {
+  const CQvImageFormat& xFormat = xImage.xFormat;
   const cudaStream_t hStream = xComp.GetStream();
   xComp.Begin(kMinMaxLabel, hStream);
   if (Device::IsCuda()) {
     dim3 xGrid = xComp.GetGrid();
     const dim3& xBlock = xComp.GetBlock();
     const unsigned uBlocks = ResidentBlocks(xBlock.x * xBlock.y);
-    xGrid.y = std::max(1u, std::min(xGrid.y, (uBlocks + xGrid.x - 1) / xGrid.x));
-    Kernel::GetImageMinMax<T, C><<<xGrid, xBlock, 0, hStream>>>(xImage, xFormat, pfMin, pfMax);
+    // Rounded down: a second, small wave of blocks would take as long as the first.
+    xGrid.y = std::max(1u, std::min(xGrid.y, uBlocks / xGrid.x));
+    Kernel::GetImageMinMax<T, C><<<xGrid, xBlock, 0, hStream>>>(xImage, pfMin, pfMax);
   } else {
     // Each worker reduces its rows, then merges as a block of the kernel does.
     Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth, [&](int y0, int y1) {
@@ -120,17 +123,17 @@ void RunMinMax(CQvCudaComp& xComp, const STexture2D& xImage, const CQvImageForma
 }
 
 template <class T>
-void RunMinMaxOfChannel(CQvCudaComp& xComp, unsigned int uChannel, const STexture2D& xImage,
-                        const CQvImageFormat& xFormat, float* pfMin, float* pfMax) {
+void RunMinMaxOfChannel(CQvCudaComp& xComp, unsigned int uChannel, const SDeviceImageDesc2D& xImage,
+                        float* pfMin, float* pfMax) {
   switch (uChannel) {
     case 0:
-      return RunMinMax<T, 0>(xComp, xImage, xFormat, pfMin, pfMax);
+      return RunMinMax<T, 0>(xComp, xImage, pfMin, pfMax);
     case 1:
-      return RunMinMax<T, 1>(xComp, xImage, xFormat, pfMin, pfMax);
+      return RunMinMax<T, 1>(xComp, xImage, pfMin, pfMax);
     case 2:
-      return RunMinMax<T, 2>(xComp, xImage, xFormat, pfMin, pfMax);
+      return RunMinMax<T, 2>(xComp, xImage, pfMin, pfMax);
     default:
-      return RunMinMax<T, 3>(xComp, xImage, xFormat, pfMin, pfMax);
+      return RunMinMax<T, 3>(xComp, xImage, pfMin, pfMax);
   }
 }
 
@@ -139,8 +142,7 @@ void RunMinMaxOfChannel(CQvCudaComp& xComp, unsigned int uChannel, const STextur
 void CQvCudaCompConvolve::GetImageMinMax(float& fMinimum, float& fMaximum, unsigned int uChannel,
                                          const CQvDeviceImage2D& xImage) {
   try {
-    if (!m_pfMinMax)
-      m_pfMinMax = static_cast<float*>(CQvDeviceMMU::QvCudaMalloc(2, sizeof(float)));
+    if (!m_pfMinMax) m_pfMinMax = static_cast<float*>(CQvDeviceMMU::QvCudaMalloc(2, sizeof(float)));
     const float afStart[2] = {Kernel::kInfinity, -Kernel::kInfinity};
     CopyPair(m_pfMinMax, afStart, cudaMemcpyHostToDevice, m_hStream);
     const CQvImageFormat& xFormat = xImage.GetFormat();
@@ -149,13 +151,15 @@ void CQvCudaCompConvolve::GetImageMinMax(float& fMinimum, float& fMaximum, unsig
     float* pfMax = m_pfMinMax + 1;
     auto fnRun = [&](auto xTag, bool bLum) {
       using T = decltype(xTag);
+      // Bound as the interface has it; the samples are read from memory, as a point-sampled
+      // fetch would return them.
       CTextureBinding xBinding(xImage, false);
       if (bLum && uChannel != 0) QV_THROW("Invalid channel index for luminance image");
       if (!bLum && uChannel > 3) QV_THROW("Invalid channel index for RGBA image");
       if constexpr (T::iChannels == 1)
-        RunMinMax<T, 0>(*this, xBinding.Get(), xFormat, pfMin, pfMax);
+        RunMinMax<T, 0>(*this, xImage.GetDesc(), pfMin, pfMax);
       else
-        RunMinMaxOfChannel<T>(*this, uChannel, xBinding.Get(), xFormat, pfMin, pfMax);
+        RunMinMaxOfChannel<T>(*this, uChannel, xImage.GetDesc(), pfMin, pfMax);
     };
     if (xImage.IsOfType<L_f>())
       fnRun(L_f(), true);

@@ -19,7 +19,8 @@ bool BytesEqual(const Qv::IImage& a, const Qv::IImage& b) {
   return std::memcmp(a.GetDataPtr(), b.GetDataPtr(), fa.GetImageBytes()) == 0;
 }
 
-Qv::CQvDeviceImage2D DeviceImage(const Qv::CQvImageFormat& xFormat, const std::vector<double>& xRaw) {
+Qv::CQvDeviceImage2D DeviceImage(const Qv::CQvImageFormat& xFormat,
+                                 const std::vector<double>& xRaw) {
   Qv::CQvImage xHost(xFormat);
   const size_t uCount = xFormat.GetImageBytes() / xFormat.GetBytesPerChannel();
   for (size_t i = 0; i < uCount; ++i) {

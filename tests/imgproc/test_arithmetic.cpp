@@ -47,29 +47,85 @@ struct SMixRow {
 TEST(Mix, BlendsEveryClassPairIntoTheClassItWrites) {
   const std::vector<SMixRow> xRows = {
       // weight 1 gives input1, alpha of both ignored; weight 0 gives input2
-      {Fmt(kRGBA, kUB), {100, 150, 200, 7}, Fmt(kRGBA, kUB), {0, 0, 0, 9}, 1.0f, false,
-       Fmt(kRGBA, kUB), {100, 150, 200, 255}, 0},
-      {Fmt(kRGBA, kUB), {100, 150, 200, 7}, Fmt(kRGBA, kUB), {0, 0, 0, 9}, 0.0f, false,
-       Fmt(kRGBA, kUB), {0, 0, 0, 255}, 0},
+      {Fmt(kRGBA, kUB),
+       {100, 150, 200, 7},
+       Fmt(kRGBA, kUB),
+       {0, 0, 0, 9},
+       1.0f,
+       false,
+       Fmt(kRGBA, kUB),
+       {100, 150, 200, 255},
+       0},
+      {Fmt(kRGBA, kUB),
+       {100, 150, 200, 7},
+       Fmt(kRGBA, kUB),
+       {0, 0, 0, 9},
+       0.0f,
+       false,
+       Fmt(kRGBA, kUB),
+       {0, 0, 0, 255},
+       0},
       // black input2 is transparent: input1 at full weight; a blue 1 is not black
-      {Fmt(kRGBA, kUB), {100, 150, 200, 7}, Fmt(kRGBA, kUB), {0, 0, 0, 9}, 0.0f, true,
-       Fmt(kRGBA, kUB), {100, 150, 200, 255}, 0},
-      {Fmt(kRGBA, kUB), {100, 150, 200, 7}, Fmt(kRGBA, kUB), {0, 0, 1, 9}, 0.0f, true,
-       Fmt(kRGBA, kUB), {0, 0, 1, 255}, 0},
+      {Fmt(kRGBA, kUB),
+       {100, 150, 200, 7},
+       Fmt(kRGBA, kUB),
+       {0, 0, 0, 9},
+       0.0f,
+       true,
+       Fmt(kRGBA, kUB),
+       {100, 150, 200, 255},
+       0},
+      {Fmt(kRGBA, kUB),
+       {100, 150, 200, 7},
+       Fmt(kRGBA, kUB),
+       {0, 0, 1, 9},
+       0.0f,
+       true,
+       Fmt(kRGBA, kUB),
+       {0, 0, 1, 255},
+       0},
       // weight 3 extrapolates 3 a - 2 b: clamped at 255 and at 0, a where a = b
-      {Fmt(kRGBA, kUB), {255, 0, 100, 0}, Fmt(kRGBA, kUB), {0, 255, 100, 0}, 3.0f, false,
-       Fmt(kRGBA, kUB), {255, 0, 100, 255}, 1},
+      {Fmt(kRGBA, kUB),
+       {255, 0, 100, 0},
+       Fmt(kRGBA, kUB),
+       {0, 255, 100, 0},
+       3.0f,
+       false,
+       Fmt(kRGBA, kUB),
+       {255, 0, 100, 255},
+       1},
       // 8 with 16 bit, L with RGBA: 0.5 (1, 0, 0.2) + 0.5 x 0.2
-      {Fmt(kL, kUB), {51}, Fmt(kRGBA, kUS), {65535, 0, 13107, 5}, 0.5f, false, Fmt(kRGBA, kUS),
-       {39321, 6553, 13107, 65535}, 1},
+      {Fmt(kL, kUB),
+       {51},
+       Fmt(kRGBA, kUS),
+       {65535, 0, 13107, 5},
+       0.5f,
+       false,
+       Fmt(kRGBA, kUS),
+       {39321, 6553, 13107, 65535},
+       1},
       {Fmt(kL, kUB), {255}, Fmt(kL, kUS), {0}, 0.25f, false, Fmt(kL, kUS), {16383}, 1},
       // float targets keep values outside 0 to 1: 2 x -0.5 - 1 x 1
       {Fmt(kL, kF), {-0.5}, Fmt(kL, kUB), {255}, 2.0f, false, Fmt(kL, kF), {-2.0}, 0},
-      {Fmt(kRGBA, kF), {0.5, 2, -1, 0}, Fmt(kL, kUS), {65535}, 0.5f, false, Fmt(kRGBA, kF),
-       {0.75, 1.5, 0.0, 1.0}, 0},
+      {Fmt(kRGBA, kF),
+       {0.5, 2, -1, 0},
+       Fmt(kL, kUS),
+       {65535},
+       0.5f,
+       false,
+       Fmt(kRGBA, kF),
+       {0.75, 1.5, 0.0, 1.0},
+       0},
       {Fmt(kL, kUS), {65535}, Fmt(kL, kF), {3.0}, 0.5f, false, Fmt(kL, kUS), {65535}, 0},
-      {Fmt(kRGBA, kUS), {0, 0, 0, 0}, Fmt(kRGBA, kUB), {255, 255, 255, 0}, 1.0f, false,
-       Fmt(kRGBA, kUB), {0, 0, 0, 255}, 0},
+      {Fmt(kRGBA, kUS),
+       {0, 0, 0, 0},
+       Fmt(kRGBA, kUB),
+       {255, 255, 255, 0},
+       1.0f,
+       false,
+       Fmt(kRGBA, kUB),
+       {0, 0, 0, 255},
+       0},
   };
   for (size_t i = 0; i < xRows.size(); ++i) {
     const SMixRow& r = xRows[i];
@@ -81,8 +137,8 @@ TEST(Mix, BlendsEveryClassPairIntoTheClassItWrites) {
 
 TEST(Mix, SharpeningWithAmountOneReturnsTheSourceInPlace) {
   const CQvImageFormat f = Fmt(kRGBA, kUB, 3, 2);
-  const std::vector<double> v = {9, 80, 200, 255, 0, 17, 255, 255, 40, 40, 40, 255,
-                                 1, 2,  3,   255, 250, 0, 90, 255, 7, 77, 177, 255};
+  const std::vector<double> v = {9, 80, 200, 255, 0,   17, 255, 255, 40, 40, 40,  255,
+                                 1, 2,  3,   255, 250, 0,  90,  255, 7,  77, 177, 255};
   CQvDeviceImage2D xSource = DeviceImage(f, v), xOut;
   CQvCudaCompConvolve().Sharpening(xOut, xSource, 1.5f, 1.0f);
   ExpectRaw(xOut, f, v, 0, "sharpening");
@@ -111,8 +167,7 @@ TEST(Arithmetic, SubtractAddCompare) {
   ExpectRaw(xOut, fL, {150, 0, 0}, 1, "subtract clamps");
   xComp.Subtract(xOut, fnImg(fL, {200, 50, 77}), fnImg(fL, {50, 200, 77}), 0.5f, 0.5f);
   ExpectRaw(xOut, fL, {202, 52, 127}, 1, "signed difference, mid gray");
-  xComp.Subtract(xOut, fnImg(fRGBA, {0, 255, 100, 3}), fnImg(fRGBA, {255, 0, 100, 9}), 0.5f,
-                 0.5f);
+  xComp.Subtract(xOut, fnImg(fRGBA, {0, 255, 100, 3}), fnImg(fRGBA, {255, 0, 100, 9}), 0.5f, 0.5f);
   ExpectRaw(xOut, fRGBA, {0, 255, 127, 255}, 0, "signed RGBA");
   xComp.Subtract(xOut, fnImg(fF, {0.25, -1}), fnImg(fF, {1.0, 2}), 2.0f, 0.0f);
   ExpectRaw(xOut, fF, {-1.5, -6.0}, 0, "float keeps negatives");

@@ -42,8 +42,8 @@ TEST(Convolution, TapsLieWhereTheCentreRuleSaysWithTheEdgeRepeated) {
     std::vector<double> xOut;
     int dx, dy;
   };
-  const std::vector<SRow> xRows = {{Tap<3>(1, 1), 0, 0},   {Tap<2>(1, 0), 1, 0},
-                                   {Tap<2>(0, 1), 0, 1},   {Tap<4>(0, 0), -1, -1},
+  const std::vector<SRow> xRows = {{Tap<3>(1, 1), 0, 0},    {Tap<2>(1, 0), 1, 0},
+                                   {Tap<2>(0, 1), 0, 1},    {Tap<4>(0, 0), -1, -1},
                                    {Tap<16>(15, 15), 8, 8}, {Tap<16>(0, 0), -7, -7},
                                    {Tap<9>(0, 8), -4, 4}};
   for (size_t r = 0; r < xRows.size(); ++r)
@@ -59,8 +59,8 @@ TEST(Convolution, ConstantImageGivesTheSumOfTheCoefficientsEverywhere) {
   // Coefficients 0.25 k - 3, k = 0..15: sum -18, so 0.5 x -18 = -9, border included.
   tmat<float, 4> xMatrix{};
   for (int k = 0; k < 16; ++k) xMatrix.m[k] = 0.25f * k - 3.0f;
-  CQvDeviceImage2D xSource = DeviceImage(CQvImageFormat(9, 7, EPixelType::Lum, EDataType::Float),
-                                         {0.5}),
+  CQvDeviceImage2D xSource =
+                       DeviceImage(CQvImageFormat(9, 7, EPixelType::Lum, EDataType::Float), {0.5}),
                    xOut;
   CQvCudaCompConvolve().Convolution(xOut, xSource, xMatrix);
   for (double v : Elements(xOut)) ASSERT_EQ(-9.0, v);
@@ -94,7 +94,9 @@ TEST(Sobel, FlatIsZeroAndAVerticalStepIsFour) {
 
 TEST(MinMax, ExactOverCountedSamplesAndNaNWhenNoneCount) {
   const double kNaN = NAN, kInf = INFINITY;
-  const auto L_f = [](int w, int h) { return CQvImageFormat(w, h, EPixelType::Lum, EDataType::Float); };
+  const auto L_f = [](int w, int h) {
+    return CQvImageFormat(w, h, EPixelType::Lum, EDataType::Float);
+  };
   // Across many blocks and worker threads: 0.5 everywhere, -2 and 7 far apart.
   std::vector<double> xBig(301 * 203, 0.5);
   xBig[301 * 203 - 1] = -2.0;
@@ -116,9 +118,15 @@ TEST(MinMax, ExactOverCountedSamplesAndNaNWhenNoneCount) {
       {L_f(2, 1), {FLT_MAX, 0}, 0, FLT_MAX, FLT_MAX},
       {L_f(301, 203), xBig, 0, -2, 7},
       {CQvImageFormat(3, 1, EPixelType::Lum, EDataType::UByte), {0, 255, 51}, 0, 0.2f, 1},
-      {CQvImageFormat(2, 1, EPixelType::RGBA, EDataType::UByte), {1, 2, 51, 4, 5, 6, 255, 8}, 2,
-       0.2f, 1},
-      {CQvImageFormat(2, 1, EPixelType::RGBA, EDataType::Float), {1, 2, 3, -4, 5, 6, 7, 0}, 3, -4,
+      {CQvImageFormat(2, 1, EPixelType::RGBA, EDataType::UByte),
+       {1, 2, 51, 4, 5, 6, 255, 8},
+       2,
+       0.2f,
+       1},
+      {CQvImageFormat(2, 1, EPixelType::RGBA, EDataType::Float),
+       {1, 2, 3, -4, 5, 6, 7, 0},
+       3,
+       -4,
        -4},
   };
   CQvCudaCompConvolve xComp;  // one object throughout: every call starts afresh
