@@ -14,14 +14,6 @@ Qv::CQvImage RandomImage(const Qv::CQvImageFormat& xFormat, uint32_t uSeed);
 
 bool BytesEqual(const Qv::IImage& a, const Qv::IImage& b);
 
-// A device image whose elements (channels of all pixels, in order) take the given raw values:
-// 0 to 255 for UByte, 0 to 65535 for UShort, anything for Float. One value fills the image.
-Qv::CQvDeviceImage2D DeviceImage(const Qv::CQvImageFormat& xFormat,
-                                 const std::vector<double>& xRaw);
-
-// The raw elements of a device image, in order.
-std::vector<double> Elements(const Qv::CQvDeviceImage2D& xImage);
-
 // Name of the backend in use, for messages.
 const char* BackendName();
 
