@@ -59,9 +59,9 @@ TEST(Mix, BlendsClassPairsIntoTheClassItWrites) {
     bool bBlack;
     double dTolerance;
   } xRows[] = {
-      // weight 1 gives input1 and 0 input2, alpha of both ignored; black input2 transparent
+      // weight 1 gives input1, 0 input2 (not black: blue 1), alpha ignored; black transparent
       {kRGBA8, kRGBA8, kRGBA8, {100, 150, 200, 7}, {0, 0, 0, 9}, {100, 150, 200, 255}, 1, 0, 0},
-      {kRGBA8, kRGBA8, kRGBA8, {100, 150, 200, 7}, {0, 0, 0, 9}, {0, 0, 0, 255}, 0, 0, 0},
+      {kRGBA8, kRGBA8, kRGBA8, {100, 150, 200, 7}, {0, 0, 1, 9}, {0, 0, 1, 255}, 0, 1, 0},
       {kRGBA8, kRGBA8, kRGBA8, {100, 150, 200, 7}, {0, 0, 0, 9}, {100, 150, 200, 255}, 0, 1, 0},
       // weight 3 extrapolates 3 a - 2 b: clamped at 255 and 0, a where a = b
       {kRGBA8, kRGBA8, kRGBA8, {255, 0, 100, 0}, {0, 255, 100, 0}, {255, 0, 100, 255}, 3, 0, 1},
