@@ -118,6 +118,22 @@ Qv::CQvDeviceImage2D MakeMosaic(Qv::EDataType::ID eDataType) {
   return Qv::CQvDeviceImage2D(xHost);
 }
 
+// A 3840x2160 image of the given types: the mosaic's pattern, normalized in float images.
+Qv::CQvDeviceImage2D MakePattern(Qv::EPixelType::ID ePixel, Qv::EDataType::ID eData) {
+  Qv::CQvImage xHost(Qv::CQvImageFormat(kWidth, kHeight, ePixel, eData));
+  const Qv::CQvImageFormat& xFormat = xHost.GetFormat();
+  const uint64_t uCount = xFormat.GetImageBytes() / xFormat.GetBytesPerChannel();
+  for (uint64_t i = 0; i < uCount; ++i) {
+    const uint64_t x = i % kWidth, y = i / kWidth;
+    const unsigned v = (x * 7 + y * 3 + ((x ^ y) & 15) * 5) & 0xFF;
+    if (eData == Qv::EDataType::Float)
+      static_cast<float*>(xHost.GetDataPtr())[i] = static_cast<float>(v) / 255.0f;
+    else
+      static_cast<uint8_t*>(xHost.GetDataPtr())[i] = static_cast<uint8_t>(v);
+  }
+  return Qv::CQvDeviceImage2D(xHost);
+}
+
 void PrintFigure(const char* szWhat, double dMs, double dFloorMs) {
   std::printf("%-46s %9.1f us (byte floor %.1f us, ratio %.2f)\n", szWhat, dMs * 1000.0,
               dFloorMs * 1000.0, dFloorMs > 0 ? dMs / dFloorMs : 0.0);
@@ -222,6 +238,33 @@ void Run(bool bCuda) {
   PrintFigure(
       "YUV Convert RGBA8 to I420", dYuv,
       (xRgba.GetFormat().GetImageBytes() + xI420.GetFormat().GetImageBytes()) / dBytesPerMs);
+
+  // Mix of two RGBA8 frames: reads 8 and writes 4 bytes a pixel.
+  Qv::CQvDeviceImage2D xRgba2, xMixed;
+  xDemosaic.Debayer(xRgba2, xMosaic, 1.0f, 1.0f, 1.0f);
+  const double dMix = KernelMs(xConvolve, hStream, iRuns,
+                               [&] { xConvolve.Mix(xMixed, xRgba, xRgba2, 0.7f, true); });
+  PrintFigure("Mix RGBA8 with RGBA8, black transparent", dMix,
+              3.0 * static_cast<double>(xRgba.GetFormat().GetImageBytes()) / dBytesPerMs);
+
+  // Sobel into L_f: reads 1 (L8) or 4 (L_f) bytes and writes 4 bytes a pixel.
+  Qv::CQvDeviceImage2D xGray8 = MakePattern(Qv::EPixelType::Lum, Qv::EDataType::UByte);
+  Qv::CQvDeviceImage2D xGrayF = MakePattern(Qv::EPixelType::Lum, Qv::EDataType::Float), xEdges;
+  for (const Qv::CQvDeviceImage2D* pxGray : {&xGray8, &xGrayF}) {
+    const double dMs =
+        KernelMs(xConvolve, hStream, iRuns, [&] { xConvolve.Sobel(xEdges, *pxGray); });
+    PrintFigure(pxGray == &xGray8 ? "Sobel L8 to L_f" : "Sobel L_f to L_f", dMs,
+                static_cast<double>(pxGray->GetFormat().GetImageBytes() +
+                                    xEdges.GetFormat().GetImageBytes()) /
+                    dBytesPerMs);
+  }
+
+  // Minimum and maximum of an L_f frame: its read floor.
+  float fMin = 0.0f, fMax = 0.0f;
+  const double dMinMax =
+      KernelMs(xConvolve, hStream, iRuns, [&] { xConvolve.GetImageMinMax(fMin, fMax, 0, xGrayF); });
+  PrintFigure("GetImageMinMax L_f", dMinMax,
+              static_cast<double>(xGrayF.GetFormat().GetImageBytes()) / dBytesPerMs);
   Qv::Device::DestroyStream(hStream);
 }
 

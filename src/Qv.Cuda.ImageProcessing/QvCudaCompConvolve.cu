@@ -3,6 +3,7 @@
 
 #include "ConvolveKernels.h"
 #include "QvCudaCompConvolve.h"
+#include "QvDeviceMMU.h"
 #include "QvException.h"
 #include "QvLaunch.cuh"
 #include "TextureBinding.h"
@@ -98,7 +99,9 @@ void LaunchSeparablePass(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2
 
 CQvCudaCompConvolve::CQvCudaCompConvolve() = default;
 
-CQvCudaCompConvolve::~CQvCudaCompConvolve() = default;
+CQvCudaCompConvolve::~CQvCudaCompConvolve() {
+  CQvDeviceMMU::QvCudaFree(m_pfMinMax);
+}
 
 void CQvCudaCompConvolve::Shrink(CQvDeviceImage2D& xTarget, const CQvDeviceImage2D& xSource,
                                  int iWidth, int iHeight, bool bSingleSample) {

@@ -13,6 +13,7 @@
 #include "QvCudaCompConvolve.h"
 #include "QvCudaCompDemosaic.h"
 #include "QvDevice.h"
+#include "QvException.h"
 #include "TestImages.h"
 
 using namespace Qv;
@@ -38,7 +39,35 @@ CQvImage RunOperation(const char* szOp, const CQvImageFormat& xFormat, uint32_t 
   const CQvImage xInput = InputImage(xFormat, uSeed);
   CQvDeviceImage2D xSource(xInput), xTarget;
   const std::string sOp = szOp;
-  if (sOp == "debayer") {
+  auto fnSecond = [&](EPixelType::ID ePixel, EDataType::ID eData) {
+    return CQvDeviceImage2D(
+        InputImage(CQvImageFormat(xFormat.iWidth, xFormat.iHeight, ePixel, eData), uSeed + 1));
+  };
+  auto fnFilter = [k = 0](auto x) mutable {  // taps of both signs, none of them simple
+    for (double& v : x.m) v = std::sin(0.7 * k++ + 0.3) / 4;
+    return x;
+  };
+  CQvCudaCompConvolve xComp;
+  if (sOp == "mix") {
+    xComp.Mix(xTarget, xSource, fnSecond(EPixelType::Lum, EDataType::UShort), 0.7f, true);
+  } else if (sOp == "mix-extrapolating") {
+    xComp.Mix(xTarget, xSource, fnSecond(EPixelType::RGBA, EDataType::UByte), 1.6f, false);
+  } else if (sOp == "subtract") {
+    xComp.Subtract(xTarget, xSource, fnSecond(xFormat.ePixelType, xFormat.eDataType), 0.5f, 0.5f);
+  } else if (sOp == "sharpening") {
+    xComp.Sharpening(xTarget, xSource, 2.0f, 1.7f);
+  } else if (sOp == "convolution") {
+    xComp.Convolution(xTarget, xSource, fnFilter(tmat<double, 5>{}));
+    xComp.Convolution(xSource, CQvDeviceImage2D(xInput), fnFilter(tmat<double, 16>{}));
+    xComp.Mix(xTarget, xTarget, xSource, 0.5f, false);  // both in one image
+  } else if (sOp == "sobel") {
+    xComp.Sobel(xTarget, xSource);
+  } else if (sOp == "minmax") {
+    CQvImage xPair(CQvImageFormat(2, 1, EPixelType::Lum, EDataType::Float));
+    float* pf = static_cast<float*>(xPair.GetDataPtr());
+    xComp.GetImageMinMax(pf[0], pf[1], xFormat.ePixelType == EPixelType::RGBA ? 2 : 0, xSource);
+    return xPair;
+  } else if (sOp == "debayer") {
     CQvCudaCompDemosaic().Debayer(xTarget, xSource, 1.4285715f, 1.0f, 1.1363636f);
   } else if (sOp == "debayer-saturating") {
     CQvCudaCompDemosaic().Debayer(xTarget, xSource, 2.5f, 0.5f, 3.0f);
@@ -92,14 +121,33 @@ std::vector<SOpCase> Cases() {
     x.push_back({"shrink", f, 14});
     x.push_back({"resize", f, 15});
   }
+  const CQvImageFormat xRGBA8(113, 13, EPixelType::RGBA, EDataType::UByte),
+      xL8(61, 47, EPixelType::Lum, EDataType::UByte),
+      xLF(67, 35, EPixelType::Lum, EDataType::Float),
+      xLF2(1921, 1081, EPixelType::Lum, EDataType::Float);
+  for (auto f : {xRGBA8, xL8, xLF, CQvImageFormat(33, 65, EPixelType::RGBA, EDataType::Float),
+                 CQvImageFormat(45, 9, EPixelType::RGBA, EDataType::UShort)})
+    for (const char* szOp :
+         {"mix", "mix-extrapolating", "sharpening", "subtract", "minmax", "sobel", "convolution"})
+      x.push_back({szOp, f, 21});  // what a class does not take is refused on both backends
+  for (const char* szOp : {"minmax", "convolution"}) x.push_back({szOp, xLF2, 22});
   return x;
+}
+
+// A refused operation gives an empty image, on both backends alike.
+CQvImage RunOrRefuse(const SOpCase& c) {
+  try {
+    return RunOperation(c.szOp, c.xFormat, c.uSeed);
+  } catch (const CQvException&) {
+    return CQvImage();
+  }
 }
 
 int WriteHostResults(const char* szPath) {
   setenv("QV_DEVICE", "host", 1);
   std::ofstream xFile(szPath, std::ios::binary);
   for (const SOpCase& c : Cases()) {
-    const CQvImage xOut = RunOperation(c.szOp, c.xFormat, c.uSeed);
+    const CQvImage xOut = RunOrRefuse(c);
     const uint64_t uBytes = xOut.GetFormat().GetImageBytes();
     xFile.write(reinterpret_cast<const char*>(&uBytes), sizeof(uBytes));
     xFile.write(static_cast<const char*>(xOut.GetDataPtr()), static_cast<std::streamsize>(uBytes));
@@ -114,7 +162,7 @@ TEST(Backends, CudaAndHostAgree) {
   ASSERT_EQ(0, std::system(sCommand.c_str()));
   std::ifstream xFile(sPath, std::ios::binary);
   for (const SOpCase& c : Cases()) {
-    const CQvImage xCuda = RunOperation(c.szOp, c.xFormat, c.uSeed);
+    const CQvImage xCuda = RunOrRefuse(c);
     uint64_t uBytes = 0;
     xFile.read(reinterpret_cast<char*>(&uBytes), sizeof(uBytes));
     std::vector<uint8_t> xHost(uBytes);
@@ -154,11 +202,25 @@ TEST(Backends, CudaAndHostAgree) {
   }
 }
 
+TEST(Backends, MinMaxReductionHasNoSharedMemoryRace) {
+  if (!Device::IsCuda()) GTEST_SKIP() << "no GPU: compute-sanitizer runs on a GPU host only";
+  const std::string sSanitizer = QV_COMPUTE_SANITIZER;
+  if (sSanitizer.empty()) GTEST_SKIP() << "compute-sanitizer was not found at build time";
+  const std::string sCommand =
+      "'" + sSanitizer + "' --tool racecheck --error-exitcode 3 '" + g_sSelf + "' --run-minmax";
+  EXPECT_EQ(0, std::system(sCommand.c_str()));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   g_sSelf = argv[0];
   if (argc == 3 && std::string(argv[1]) == "--write-host-results") return WriteHostResults(argv[2]);
+  if (argc == 2 && std::string(argv[1]) == "--run-minmax") {
+    for (const SOpCase& c : Cases())
+      if (std::string(c.szOp) == "minmax") RunOrRefuse(c);
+    return 0;
+  }
   ::testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

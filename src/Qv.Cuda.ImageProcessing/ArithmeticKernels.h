@@ -1,0 +1,119 @@
+#pragma once
+// Per-pixel mix and arithmetic, shared by the CUDA kernels and the host runner. Each thread
+// reads only its own pixel of every input before it writes the target, so a target may be one
+// of the inputs where it already has the format it is given.
+#include <type_traits>
+
+#include "ConvolveKernels.h"
+#include "QvPixel.h"
+#include "QvSampling.h"
+
+namespace Qv {
+namespace Kernel {
+
+// R, G, B of an RGBA pixel; an L pixel widened to (v, v, v).
+template <class T>
+QV_HD QV_FORCEINLINE float4 FetchColour(const STexture2D& xTex, int x, int y) {
+  float4 c = FetchPixel<T>(xTex, x, y);
+  if constexpr (T::iChannels == 1) c.y = c.z = c.x;
+  return c;
+}
+
+// (1 - weight) b + a w, w being 1 where b is black and black is transparent. The factor of b
+// stays 1 - weight, which such a b makes irrelevant. An L target takes the first channel.
+template <class T1, class T2, class T3>
+struct FMix {
+  SDeviceImageDesc2D xTarget;
+  STexture2D xInput1;
+  STexture2D xInput2;
+  float fWeight;
+  bool bBlackIsTransparent;
+
+  QV_HD void operator()(int x, int y) const {
+    const float4 a = FetchColour<T1>(xInput1, x, y);
+    const float4 b = FetchColour<T2>(xInput2, x, y);
+    const float w =
+        bBlackIsTransparent && b.x == 0.0f && b.y == 0.0f && b.z == 0.0f ? 1.0f : fWeight;
+    const float fOther = 1.0f - fWeight;
+    StoreColour<T3>(xTarget, x, y,
+                    make_float4(fmaf(a.x, w, fOther * b.x), fmaf(a.y, w, fOther * b.y),
+                                fmaf(a.z, w, fOther * b.z), 1.0f));
+  }
+};
+
+// An 8- or 16-bit one-channel target from a float accumulator.
+template <class T>
+struct FDivide {
+  SDeviceImageDesc2D xTarget;
+  STexture2D xInput;
+  float fDivisor;
+
+  QV_HD void operator()(int x, int y) const {
+    const float v = FetchPixel<L_f>(xInput, x, y).x / fDivisor;
+    StorePixel<T>(xTarget, x, y, make_float4(v, 0.0f, 0.0f, 0.0f));
+  }
+};
+
+// The float accumulator, bound as xAccumulator and written through xTarget, gains the
+// normalized input sample, unclamped.
+template <class T>
+struct FIncrement {
+  SDeviceImageDesc2D xTarget;
+  STexture2D xInput;
+  STexture2D xAccumulator;
+
+  QV_HD void operator()(int x, int y) const {
+    const float v = FetchPixel<T>(xInput, x, y).x + FetchPixel<L_f>(xAccumulator, x, y).x;
+    *PixelPtr<L_f>(xTarget, x, y) = v;
+  }
+};
+
+// (a - b) x scale + offset: the difference rounded, then one fused multiply-add.
+template <class T>
+struct FSubtract {
+  SDeviceImageDesc2D xTarget;
+  STexture2D xA;
+  STexture2D xB;
+  float fScale;
+  float fOffset;
+
+  QV_HD void operator()(int x, int y) const {
+    const float4 a = FetchPixel<T>(xA, x, y), b = FetchPixel<T>(xB, x, y);
+    StoreColour<T>(xTarget, x, y,
+                   make_float4(fmaf(a.x - b.x, fScale, fOffset), fmaf(a.y - b.y, fScale, fOffset),
+                               fmaf(a.z - b.z, fScale, fOffset), 1.0f));
+  }
+};
+
+template <class T>
+struct FAdd {
+  SDeviceImageDesc2D xTarget;
+  STexture2D xA;
+  STexture2D xB;
+
+  QV_HD void operator()(int x, int y) const {
+    const float4 a = FetchPixel<T>(xA, x, y), b = FetchPixel<T>(xB, x, y);
+    StoreColour<T>(xTarget, x, y, make_float4(a.x + b.x, a.y + b.y, a.z + b.z, 1.0f));
+  }
+};
+
+// An L_uc mask written as such: 255 where the images differ by more than the threshold (in
+// all of R, G and B for RGBA), else 51.
+template <class T>
+struct FCompare {
+  SDeviceImageDesc2D xTarget;
+  STexture2D xA;
+  STexture2D xB;
+  float fThreshold;
+
+  QV_HD void operator()(int x, int y) const {
+    const float4 a = FetchPixel<T>(xA, x, y), b = FetchPixel<T>(xB, x, y);
+    bool bDiffers = fabsf(a.x - b.x) > fThreshold;
+    if constexpr (T::iChannels == 4)
+      bDiffers = bDiffers && fabsf(a.y - b.y) > fThreshold && fabsf(a.z - b.z) > fThreshold;
+    *PixelPtr<L_uc>(xTarget, x, y) = bDiffers ? 255 : 51;
+  }
+};
+
+}  // namespace Kernel
+}  // namespace Qv
