@@ -1,12 +1,15 @@
 // Camera control from the display window: number keys pick the camera, letter keys step focus,
 // gain and exposure through v4l2-ctl, the pointer pans and zooms. Runs on the window thread.
-#include <X11/Xlib.h>
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 
 #include "nativewindow_glx.h"
+
+// clang-format off
+// After the image code: X11 defines None as a macro.
+#include <X11/Xlib.h>
+// clang-format on
 
 namespace {
 

@@ -7,11 +7,13 @@
 #include "QvException.h"
 #include "Texture2D.h"
 
-// After the image code: X11 defines None, Status and Bool as macros.
+// clang-format off
+// After the image code: X11 defines None, Status and Bool as macros; GLEW before GL.
 #include <GL/glew.h>
 #include <GL/glx.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+// clang-format on
 
 namespace {
 

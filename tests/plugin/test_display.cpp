@@ -1,9 +1,6 @@
 // The display sink and its window on an X server of the test's own (Xvfb, Mesa): the picture
 // read back from the screen, keys and pointer through XTest, camera commands against a fake
 // v4l2-ctl, and what a process keeps after many pipelines.
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
-#include <X11/extensions/XTest.h>
 #include <dirent.h>
 #include <gst/check/gstharness.h>
 #include <gst/gst.h>
@@ -25,6 +22,13 @@
 #include "QvGraphicsInterop.h"
 #include "gstqvCudaSink.h"
 #include "nativewindow_glx.h"
+
+// clang-format off
+// After the image code: X11 defines None as a macro.
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <X11/extensions/XTest.h>
+// clang-format on
 
 namespace {
 
