@@ -30,6 +30,9 @@ test-gpu: build
 bench: build
 	$(BUILD_DIR)/bench/qvbench-kernels
 	$(BUILD_DIR)/bench/qvbench
+	@if [ -z "$$DISPLAY" ] && command -v xvfb-run >/dev/null; then \
+	  xvfb-run -a -s "-screen 0 1280x1024x24" $(BUILD_DIR)/bench/qvbench-display; \
+	else $(BUILD_DIR)/bench/qvbench-display; fi
 
 clean:
 	rm -rf $(BUILD_DIR)
