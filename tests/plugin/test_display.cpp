@@ -19,7 +19,9 @@
 
 #include "GstTestUtil.h"
 #include "QvDevice.h"
+#include "QvException.h"
 #include "QvGraphicsInterop.h"
+#include "Texture2D.h"
 #include "gstqvCudaSink.h"
 #include "nativewindow_glx.h"
 
@@ -437,6 +439,34 @@ TEST_F(DisplaySink, DeviceFillsTheTextureThroughInterop) {
   auto fnExpect = [](int x, int y, uint32_t& u) { return Inside(x, y) && (u = Block(x, y), true); };
   EXPECT_TRUE(WaitFor([&] { return Mismatches(m_xWindow, fnExpect, sFirst) == 0; }, 3000))
       << sFirst;
+}
+
+TEST(Texture, RefusesWhatItCannotHoldBeforeAnyGlCall) {
+  using Qv::OpenGL::CTexture2D;
+  auto fnFormat = [](Qv::EPixelType::ID p, Qv::EDataType::ID d) {
+    CTexture2D::ToGlInternalFormat(Qv::CQvImageFormat(4, 2, p, d), true);
+  };
+  struct SRow {
+    std::function<void()> fnCall;
+    const char* szText;
+  } aRows[] = {
+      {[] { CTexture2D().CreateExtern(0); }, "Invalid texture ID"},
+      {[] { CTexture2D().Set(Qv::CQvDeviceImage2D(), false, true, nullptr); },
+       "Given image is invalid"},
+      {[] { CTexture2D().Set(Qv::CQvImage(), true, true); }, "Given image is invalid"},
+      {[&] { fnFormat(Qv::EPixelType::RGBA, Qv::EDataType::Custom_10Packed); },
+       "Unknown image data type: 4x2, RGBA, "},
+      {[&] { fnFormat(Qv::EPixelType::Unknown, Qv::EDataType::UByte); },
+       "Unknown image pixel type: 4x2, "},
+  };
+  for (const SRow& r : aRows) {
+    try {
+      r.fnCall();
+      ADD_FAILURE() << "no exception, expected " << r.szText;
+    } catch (const Qv::CQvException& e) {
+      EXPECT_EQ(0, std::string(e.GetMessageText()).rfind(r.szText, 0)) << e.GetMessageText();
+    }
+  }
 }
 
 }  // namespace
