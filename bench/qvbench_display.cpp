@@ -89,7 +89,8 @@ void HandOver(bool bCuda) {
 }
 
 // iCameras appsrc branches (through the mixer's selector when more than one) into the sink;
-// frames pushed as fast as the pipeline takes them, or paced by the clock at 30 fps.
+// frames pushed as fast as the pipeline takes them for two seconds, or iFrames paced by the
+// clock at 30 fps.
 void SinkRun(int iCameras, bool bPaced, int iFrames) {
   const std::string sCaps = "video/x-raw,format=RGBA,width=" + std::to_string(kWidth) +
                             ",height=" + std::to_string(kHeight) + ",framerate=30/1";
@@ -126,7 +127,11 @@ void SinkRun(int iCameras, bool bPaced, int iFrames) {
   const uint64_t uShown0 = fnWindow() ? fnWindow()->GetShownCount() : 0;
   const uint64_t uSkipped0 = fnWindow() ? fnWindow()->GetSkippedCount() : 0;
   const Clock::time_point t0 = Clock::now();
-  for (int iFrame = 0; iFrame < iFrames; ++iFrame) fnPush();
+  // Back to back for two seconds, so that the frames shown a second mean something.
+  if (!bPaced)
+    for (iFrames = 0; MsSince(t0) < 2000.0; ++iFrames) fnPush();
+  else
+    for (int iFrame = 0; iFrame < iFrames; ++iFrame) fnPush();
   for (GstElement* pxSrc : xSources) gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
   GstBus* pxBus = gst_element_get_bus(pxPipeline);
   GstMessage* pxMsg = gst_bus_timed_pop_filtered(
@@ -163,7 +168,7 @@ int main(int argc, char** argv) {
     std::printf("display: backend %s, frames of %dx%d RGBA8, window 800x600\n",
                 Qv::Device::GetBackendName(), kWidth, kHeight);
     HandOver(bCuda);
-    SinkRun(1, false, 100);
+    SinkRun(1, false, 0);
     SinkRun(6, true, 90);
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "display: %s\n", e.GetMessageText());
