@@ -288,7 +288,9 @@ void CTexture2D::UploadLevel(int iLevel, const CQvImageFormat& format, const voi
 void CTexture2D::BuildMipChain(const CQvImageFormat& format, const void* data, bool isDevice,
                                size_t pitch, cudaStream_t stream) {
   // Every level is filtered from the one before it, on the device; the temporaries come from
-  // the device allocator's cache.
+  // the device allocator's cache. The levels are copied on the default stream, after the map
+  // and the copy of level 0 on the window's stream are through.
+  Device::SynchronizeStream(stream);
   CQvCudaCompConvolve xComp;
   CQvDeviceImage2D xSource(format), xTarget;
   Device::Copy2D(xSource.GetDevicePointer(), xSource.GetDevicePitch(), data,
