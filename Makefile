@@ -30,6 +30,9 @@ test-gpu: build
 bench: build
 	$(BUILD_DIR)/bench/qvbench-kernels
 	$(BUILD_DIR)/bench/qvbench
+	@if [ -z "$$DISPLAY" ] && command -v xvfb-run >/dev/null; then \
+	  xvfb-run -a -s "-screen 0 1280x1024x24" $(BUILD_DIR)/bench/qvbench-display; \
+	else $(BUILD_DIR)/bench/qvbench-display; fi
 
 # Both plugins into GStreamer's plugin directory under PREFIX (default: CMAKE_INSTALL_PREFIX,
 # /usr/local), the tools into PREFIX/bin, headers and qvvideoproc.pc for host applications.

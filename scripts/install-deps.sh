@@ -9,6 +9,7 @@ PACKAGES=(
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   libpng-dev libgtest-dev libopencv-core-dev
   python3-gi python3-gst-1.0 gir1.2-gst-plugins-base-1.0 python3-numpy
+  libglew-dev libx11-dev libgl-dev libgl1-mesa-dri xvfb libxtst-dev
 )
 
 missing=()

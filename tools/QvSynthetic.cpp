@@ -1,24 +1,61 @@
 #include "QvSynthetic.h"
 
+#include <algorithm>
+#include <cmath>
+
 namespace QvTools {
 
-std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame) {
-  static const uint8_t aBars[8][3] = {{235, 235, 235}, {235, 235, 16}, {16, 235, 235},
-                                      {16, 235, 16},   {235, 16, 235}, {235, 16, 16},
-                                      {16, 16, 235},   {16, 16, 16}};
+namespace {
+
+const uint8_t aBars[8][3] = {{235, 235, 235}, {235, 235, 16}, {16, 235, 235}, {16, 235, 16},
+                             {235, 16, 235},  {235, 16, 16},  {16, 16, 235},  {16, 16, 16}};
+
+void SceneColour(int iScene, int xs, int y, int iWidth, int iHeight, uint8_t& r, uint8_t& g,
+                 uint8_t& b) {
+  const int64_t iRamp = static_cast<int64_t>(xs) * 255 / (iWidth > 1 ? iWidth - 1 : 1);
+  const int iCell = std::max(1, iHeight / 6);
+  const uint8_t* c = aBars[7];
+  switch (iScene % 6) {
+    case 0:
+      if (y >= iHeight * 2 / 3) {
+        r = g = b = static_cast<uint8_t>(iRamp);
+        return;
+      }
+      c = aBars[static_cast<int64_t>(xs) * 8 / iWidth];
+      break;
+    case 1:
+      c = ((xs / iCell + y / iCell) & 1) ? aBars[5] : aBars[6];
+      break;
+    case 2: {
+      const double dx = xs - iWidth / 2.0, dy = y - iHeight / 2.0;
+      c = (static_cast<int>(std::sqrt(dx * dx + dy * dy)) / (iCell / 2 + 1)) & 1 ? aBars[5]
+                                                                                 : aBars[0];
+      break;
+    }
+    case 3:
+      c = aBars[std::min(7, y * 8 / std::max(1, iHeight))];
+      break;
+    case 4:
+      c = ((xs + y) / iCell) & 1 ? aBars[3] : aBars[4];
+      break;
+    default:
+      r = static_cast<uint8_t>(iRamp);
+      g = static_cast<uint8_t>(static_cast<int64_t>(y) * 255 / std::max(1, iHeight - 1));
+      b = 128;
+      return;
+  }
+  r = c[0], g = c[1], b = c[2];
+}
+
+}  // namespace
+
+std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame, int iScene) {
   std::vector<uint8_t> xBytes(static_cast<size_t>(iWidth) * iHeight);
-  const int iBarsHeight = iHeight * 2 / 3;
   for (int y = 0; y < iHeight; ++y) {
     for (int x = 0; x < iWidth; ++x) {
       const int xs = (x + iFrame) % iWidth;
       uint8_t r, g, b;
-      if (y < iBarsHeight) {
-        const uint8_t* c = aBars[static_cast<int64_t>(xs) * 8 / iWidth];
-        r = c[0], g = c[1], b = c[2];
-      } else {
-        r = g = b =
-            static_cast<uint8_t>(static_cast<int64_t>(xs) * 255 / (iWidth > 1 ? iWidth - 1 : 1));
-      }
+      SceneColour(iScene, xs, y, iWidth, iHeight, r, g, b);
       // The sensor sees red at 0.7 and blue at 0.88 of green, which the fixed white balance of
       // the debayer element undoes.
       r = static_cast<uint8_t>(r * 7 / 10);

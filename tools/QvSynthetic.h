@@ -7,9 +7,11 @@
 
 namespace QvTools {
 
-// A colour test scene (eight bars over a gray ramp, shifted by iFrame pixels) as the rig's
-// sensor records it, mosaicked in GRBG order: even rows G R G R ..., odd rows B G B G ...
-std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame);
+// A colour test scene, shifted by iFrame pixels, as the rig's sensor records it, mosaicked in
+// GRBG order: even rows G R G R ..., odd rows B G B G ... Scene 0 is eight bars over a gray
+// ramp; scenes 1 to 5 (checkerboard, rings, bands, diagonal stripes, colour ramps) tell the
+// six cameras of the demo apart.
+std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame, int iScene = 0);
 
 // Asks the element's sink pad for an allocation answer for the caps and returns the active
 // pool it proposes (a pinned "MySysMem" pool for the upload element), or null.

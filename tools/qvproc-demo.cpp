@@ -1,16 +1,20 @@
-// The demo: synthetic GRBG camera frames from a pinned pool go through qvcudaupload,
-// qvcudadebayer, qvcudascale and qvcudadownload on the default backend; it prints what it did
-// and writes the last downloaded picture as a PNG.
+// The demo. With an X display: six synthetic cameras, six scenes, go through qvcudaupload,
+// qvcudadebayer and qvcudascale into qvcudamix and on to qvcudasink's window, whose keys pick
+// the camera. Without one (or with --png): synthetic GRBG frames from a pinned pool go through
+// upload, debayer, scale and qvcudadownload, and the last downloaded picture is written as a
+// PNG.
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <gst/video/video.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "FileIO.h"
 #include "QvDevice.h"
@@ -18,31 +22,132 @@
 #include "QvDeviceMMU.h"
 #include "QvException.h"
 #include "QvSynthetic.h"
+#include "gstqvCudaScale.h"
 #include "gstqvHostElements.h"
 
+// clang-format off
+// After the image code: X11 defines None as a macro.
+#include <X11/Xlib.h>
+// clang-format on
+
 namespace {
+
+constexpr int kCameras = 6;
 
 struct SOptions {
   int iWidth = 1920;
   int iHeight = 1080;
   int iFrames = 30;
+  bool bSizeGiven = false;
+  bool bFramesGiven = false;
+  bool bPng = false;
   std::string sOut = "demo-out";
 };
 
 SOptions ParseArgs(int argc, char** argv) {
   SOptions x;
-  for (int i = 1; i + 1 < argc; i += 2) {
+  for (int i = 1; i < argc; ++i) {
     const std::string sKey = argv[i];
+    if (sKey == "--png") {
+      x.bPng = true;
+      continue;
+    }
+    if (i + 1 >= argc) break;
     if (sKey == "--width")
-      x.iWidth = std::atoi(argv[i + 1]);
+      x.iWidth = std::atoi(argv[++i]), x.bSizeGiven = true;
     else if (sKey == "--height")
-      x.iHeight = std::atoi(argv[i + 1]);
+      x.iHeight = std::atoi(argv[++i]), x.bSizeGiven = true;
     else if (sKey == "--frames")
-      x.iFrames = std::atoi(argv[i + 1]);
+      x.iFrames = std::atoi(argv[++i]), x.bFramesGiven = true;
     else if (sKey == "--out")
-      x.sOut = argv[i + 1];
+      x.sOut = argv[++i];
   }
   return x;
+}
+
+// The sink's window needs an X server; without one it would end the process.
+bool HaveDisplay() {
+  Display* pxDisplay = XOpenDisplay(nullptr);
+  if (!pxDisplay) return false;
+  XCloseDisplay(pxDisplay);
+  return true;
+}
+
+// Six cameras into the mixer's selector and the window. Runs until the window is closed, or
+// for --frames frames.
+int RunWindow(SOptions xOpt) {
+  if (!xOpt.bSizeGiven && !Qv::Device::IsCuda()) {
+    // Six cameras debayered on the CPU: small frames keep the window fluid.
+    xOpt.iWidth = 640;
+    xOpt.iHeight = 360;
+  }
+  if (!Qv::Device::IsCuda()) {
+    iScaledWidth = xOpt.iWidth;
+    iScaledHeight = xOpt.iHeight;
+  }
+  char szCaps[160];
+  std::snprintf(szCaps, sizeof(szCaps),
+                "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1", xOpt.iWidth,
+                xOpt.iHeight);
+  std::string sPipeline = "qvcudamix name=mix ! qvcudasink";
+  for (int c = 0; c < kCameras; ++c)
+    sPipeline += " appsrc name=src" + std::to_string(c) +
+                 " format=time block=true max-buffers=2 caps=\"" + szCaps +
+                 "\" ! qvcudaupload ! qvcudadebayer ! qvcudascale ! mix.sink_" + std::to_string(c);
+  GError* pxError = NULL;
+  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
+  if (!pxPipeline || pxError) {
+    std::fprintf(stderr, "qvproc-demo: %s\n", pxError ? pxError->message : "no pipeline");
+    return 1;
+  }
+  GstElement* apxSrc[kCameras];
+  for (int c = 0; c < kCameras; ++c)
+    apxSrc[c] = gst_bin_get_by_name(GST_BIN(pxPipeline), ("src" + std::to_string(c)).c_str());
+  std::printf(
+      "qvproc-demo: six cameras of %dx%d in a window. Keys: 1-6 camera, 7-9 tours, q/a t/g focus,"
+      "\n  w/s gain, e/d z/h exposure, m mipmap, r reset the view; left button pans, right "
+      "zooms.\n  Close the window to end.\n",
+      xOpt.iWidth, xOpt.iHeight);
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+
+  // Pushes on a thread of its own: a push blocks while the pipeline is full, and the bus is
+  // watched here.
+  std::atomic<bool> bStop{false};
+  std::thread xFeeder([&] {
+    for (int i = 0; !bStop && (!xOpt.bFramesGiven || i < xOpt.iFrames); ++i) {
+      for (int c = 0; c < kCameras; ++c) {
+        const std::vector<uint8_t> xBytes =
+            QvTools::MakeGrbgScene(xOpt.iWidth, xOpt.iHeight, i * 4, c);
+        GstBuffer* pxBuffer = gst_buffer_new_allocate(NULL, xBytes.size(), NULL);
+        gst_buffer_fill(pxBuffer, 0, xBytes.data(), xBytes.size());
+        GST_BUFFER_PTS(pxBuffer) = gst_util_uint64_scale(i, GST_SECOND, 30);
+        GST_BUFFER_DURATION(pxBuffer) = gst_util_uint64_scale(1, GST_SECOND, 30);
+        if (gst_app_src_push_buffer(GST_APP_SRC(apxSrc[c]), pxBuffer) != GST_FLOW_OK) return;
+      }
+    }
+    for (int c = 0; c < kCameras; ++c) gst_app_src_end_of_stream(GST_APP_SRC(apxSrc[c]));
+  });
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMessage = gst_bus_timed_pop_filtered(
+      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  int iResult = 0;
+  if (GST_MESSAGE_TYPE(pxMessage) == GST_MESSAGE_ERROR) {
+    GError* pxErr = NULL;
+    gst_message_parse_error(pxMessage, &pxErr, NULL);
+    std::printf("qvproc-demo: %s\n", pxErr->message);
+    // Closing the window is the way to end the demo.
+    iResult = g_str_equal(pxErr->message, "Output window was closed") ? 0 : 1;
+    g_error_free(pxErr);
+  }
+  gst_message_unref(pxMessage);
+  gst_object_unref(pxBus);
+  bStop = true;
+  // Unblocks a push that waits for room.
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  xFeeder.join();
+  for (GstElement* pxSrc : apxSrc) gst_object_unref(pxSrc);
+  gst_object_unref(pxPipeline);
+  return iResult;
 }
 
 }  // namespace
@@ -54,7 +159,8 @@ int main(int argc, char** argv) {
   qv_register_host_elements();
   const SOptions xOpt = ParseArgs(argc, argv);
   if (xOpt.iWidth < 2 || xOpt.iHeight < 2 || xOpt.iFrames < 1) {
-    std::fprintf(stderr, "usage: qvproc-demo [--width W] [--height H] [--frames N] [--out DIR]\n");
+    std::fprintf(stderr,
+                 "usage: qvproc-demo [--width W] [--height H] [--frames N] [--out DIR] [--png]\n");
     return 2;
   }
   try {
@@ -62,6 +168,10 @@ int main(int argc, char** argv) {
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "qvproc-demo: %s\n", e.GetMessageText());
     return 1;
+  }
+  if (!xOpt.bPng) {
+    if (HaveDisplay()) return RunWindow(xOpt);
+    std::printf("qvproc-demo: no X display: writing a PNG instead of opening the window\n");
   }
 
   char szCaps[160];

@@ -3,8 +3,9 @@
 #include "plugin.h"
 
 #include "gstqvCudaDebayer.h"
-#include "gstqvCudaScale.h"
 #include "gstqvCudaMix.h"
+#include "gstqvCudaScale.h"
+#include "gstqvCudaSink.h"
 #include "gstqvCudaUpload.h"
 
 #ifndef PACKAGE
@@ -43,6 +44,7 @@ static gboolean plugin_init(GstPlugin* plugin) {
   bOk &= gst_element_register(plugin, "qvcudaupload", GST_RANK_NONE, gst_cuda_upload_get_type());
   bOk &= gst_element_register(plugin, "qvcudamix", GST_RANK_NONE, gst_cudamixer2_get_type());
   bOk &= gst_element_register(plugin, "qvcudascale", GST_RANK_NONE, gst_cuda_scale_get_type());
+  bOk &= gst_element_register(plugin, "qvcudasink", GST_RANK_NONE, gst_cuda_sink_get_type());
   return bOk;
 }
 
