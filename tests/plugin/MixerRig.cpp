@@ -154,10 +154,6 @@ std::vector<GstEventType> CMixInput::UpstreamEventTypes() {
   return xTypes;
 }
 
-std::vector<GstEvent*> CMixInput::UpstreamEvents() {
-  std::lock_guard<std::mutex> xGuard(m_xMutex);
-  return m_xUpstream;
-}
 
 void CMixInput::AnswerDuration(gint64 iDuration) {
   std::lock_guard<std::mutex> xGuard(m_xMutex);
@@ -286,14 +282,10 @@ gboolean CMixOutput::OnQuery(GstPad* pad, GstObject* parent, GstQuery* query) {
 }
 
 bool CMixOutput::WaitForEos(int iMilliseconds) {
-  return WaitForEvent(GST_EVENT_EOS, iMilliseconds);
-}
-
-bool CMixOutput::WaitForEvent(GstEventType eType, int iMilliseconds) {
   std::unique_lock<std::mutex> xLock(m_xMutex);
   return m_xCond.wait_for(xLock, std::chrono::milliseconds(iMilliseconds), [&] {
     for (GstEvent* pxEvent : m_xEvents)
-      if (GST_EVENT_TYPE(pxEvent) == eType) return true;
+      if (GST_EVENT_TYPE(pxEvent) == GST_EVENT_EOS) return true;
     return false;
   });
 }

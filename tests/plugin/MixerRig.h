@@ -53,7 +53,6 @@ class CMixInput {
 
   // What the mixer sent upstream to this branch.
   std::vector<GstEventType> UpstreamEventTypes();
-  std::vector<GstEvent*> UpstreamEvents();  // borrowed; alive as long as the branch
 
   // The answer to duration queries; none by default.
   void AnswerDuration(gint64 iDuration);
@@ -104,7 +103,6 @@ class CMixOutput {
 
   bool WaitForEos(int iMilliseconds = 10000);
   bool WaitForBuffers(size_t uCount, int iMilliseconds = 10000);
-  bool WaitForEvent(GstEventType eType, int iMilliseconds = 10000);
   std::vector<SOutBuffer> Buffers();
   std::vector<GstEvent*> Events();  // borrowed
   std::vector<GstEventType> EventTypes();

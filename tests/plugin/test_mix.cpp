@@ -725,35 +725,6 @@ TEST(MixEvents, SegmentInAnotherFormatIsRefusedWithAWarning) {
   g_error_free(pxError);
 }
 
-TEST(MixEvents, ControlFromAnotherThreadWhileFramesAreMade) {
-  // The application thread selects cameras, reports QoS, seeks the rate back to 1, queries and
-  // sets the property while the streaming threads run a burst of 500 frames. What matters is
-  // that it ends and, under ThreadSanitizer, that nothing races.
-  testing::internal::CaptureStdout();
-  STwoPads x(0);
-  for (CMixInput* pxIn : {&x.a, &x.b}) {
-    pxIn->AnswerDuration(20 * GST_SECOND);
-    x.Push(*pxIn, "long", 0, 20 * GST_SECOND);
-    x.Push(*pxIn, "late", 20 * GST_SECOND, 40 * kMs);
-  }
-  GstPad* pxSrc = gst_element_get_static_pad(x.xRig.Mixer(), "src");
-  for (int i = 0; i < 200; ++i) {
-    x.xRig.SelectCamera(i % 3);
-    x.xRig.Out().SendUpstream(
-        gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 1.0, -GST_MSECOND, i * GST_MSECOND));
-    gint64 iValue;
-    gst_pad_query_position(pxSrc, GST_FORMAT_TIME, &iValue);
-    gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue);
-    g_object_set(x.xRig.Mixer(), "type", "selector", NULL);
-  }
-  gst_object_unref(pxSrc);
-  x.a.Eos();
-  x.b.Eos();
-  EXPECT_TRUE(x.xRig.Out().WaitForEos());
-  testing::internal::GetCapturedStdout();
-  EXPECT_FALSE(x.xRig.Out().Buffers().empty());
-}
-
 /* Quality of service */
 
 struct SQosRun {
