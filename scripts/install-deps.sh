@@ -8,6 +8,7 @@ PACKAGES=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   libpng-dev libgtest-dev libopencv-core-dev
+  libturbojpeg0-dev
 )
 
 missing=()

@@ -3,6 +3,7 @@
 #include "bayer2lum.h"
 #include "bayer2rgb.h"
 #include "gstqvCudaDownload.h"
+#include "gstqvCudaJpegSink.h"
 #include "gstqvCudaNormalize.h"
 #include "gstqvCudaYUV.h"
 #include "rgb2bayer.h"
@@ -34,5 +35,6 @@ gboolean qv_register_host_elements(void) {
   bOk &= xBayer2Rgb && gst_element_register(NULL, "qvbayer2rgb", GST_RANK_NONE, xBayer2Rgb);
   bOk &= gst_element_register(NULL, "qvrgb2bayer", GST_RANK_NONE, gst_rgb2bayer_get_type());
   bOk &= gst_element_register(NULL, "qvbayer2lum", GST_RANK_NONE, gst_bayer2lum_get_type());
+  bOk &= gst_element_register(NULL, "qvcudajpegsink", GST_RANK_NONE, gst_cuda_jpeg_sink_get_type());
   return bOk;
 }

@@ -5,10 +5,10 @@
 
 G_BEGIN_DECLS
 
-// Registers "qvcudanormalize", "qvcudayuv", "qvcudadownload", "qvbayer2rgb", "qvrgb2bayer"
-// and "qvbayer2lum" without a plugin, rank none. Every registration is tried; the result is
-// true when all succeeded. Calling it again changes nothing. "qvbayer2rgb" is left out where
-// GStreamer's own bayer plugin already took the type name GstBayer2RGB in this process.
+// Registers "qvcudanormalize", "qvcudayuv", "qvcudadownload", "qvbayer2rgb", "qvrgb2bayer",
+// "qvbayer2lum" and "qvcudajpegsink" without a plugin, rank none. Every registration is tried;
+// the result is true when all succeeded. Calling it again changes nothing. "qvbayer2rgb" is left
+// out where GStreamer's own bayer plugin already took the type name GstBayer2RGB in this process.
 gboolean qv_register_host_elements(void);
 
 G_END_DECLS

@@ -1,0 +1,337 @@
+// The JPEG sink: files and their numbering, the location patterns, write failures, and the
+// decoded pictures against the YUV conversion's luma.
+#include <glib/gstdio.h>
+#include <gst/check/gstharness.h>
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "GstTestUtil.h"
+#include "QvCudaCompYUV.h"
+#include "QvDeviceImage2D.h"
+#include "QvJpegEncoder.h"
+#include "gstqvHostElements.h"
+
+using namespace Qv;
+
+namespace {
+
+// Ramps with fine texture and a checkerboard of 8-pixel squares: detail that a low quality
+// would lose.
+CQvImage TestFrame(int w, int h) {
+  CQvImage x(CQvImageFormat(w, h, EPixelType::RGBA, EDataType::UByte));
+  auto* p = static_cast<uint8_t*>(x.GetDataPtr());
+  for (int y = 0; y < h; ++y)
+    for (int i = 0; i < w; ++i, p += 4)
+      p[0] = uint8_t(i * 200 / w + ((i ^ y) & 31)), p[1] = uint8_t(y * 200 / h + ((i * y) & 31)),
+      p[2] = ((i / 8 + y / 8) % 2) ? 200 : 50, p[3] = 255;
+  return x;
+}
+
+// The Y plane as the one-image YUV conversion gives it.
+std::vector<uint8_t> ExpectedLuma(const CQvImage& xFrame) {
+  CQvDeviceImage2D xSource(xFrame), xI420;
+  CQvCudaCompYUV().Convert(xI420, xSource);
+  CQvImage xHost;
+  xI420.CopyTo(xHost);
+  const auto* p = static_cast<const uint8_t*>(xHost.GetDataPtr());
+  return std::vector<uint8_t>(p,
+                              p + size_t(xFrame.GetFormat().iWidth) * xFrame.GetFormat().iHeight);
+}
+
+// The luma of a 4:2:0 JPEG stream of the given size, empty where the bytes are not one.
+std::vector<uint8_t> DecodedLuma(const std::string& sJpeg, int w, int h) {
+  std::vector<uint8_t> xY(size_t(w) * h), xU(size_t(w) * h / 4), xV(xU.size());
+  unsigned char* pPlanes[3] = {xY.data(), xU.data(), xV.data()};
+  const auto* pJpeg = reinterpret_cast<const unsigned char*>(sJpeg.data());
+  tjhandle hTj = tjInitDecompress();
+  int iW = 0, iH = 0, iSub = -1, iSpace = -1;
+  const bool bOk = tjDecompressHeader3(hTj, pJpeg, sJpeg.size(), &iW, &iH, &iSub, &iSpace) == 0 &&
+                   iW == w && iH == h && iSub == TJSAMP_420 &&
+                   tjDecompressToYUVPlanes(hTj, pJpeg, sJpeg.size(), pPlanes, w, NULL, h, 0) == 0;
+  tjDestroy(hTj);
+  return bOk ? xY : std::vector<uint8_t>();
+}
+
+std::string FileBytes(const std::string& sPath) {
+  std::ifstream xFile(sPath, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(xFile), std::istreambuf_iterator<char>());
+}
+
+// Within JPEG error at quality 95 (this frame gives 42 dB, quality 30 gives 34 dB). Two
+// encodings of one frame each carry their own error.
+void ExpectJpegClose(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
+                     const std::string& sWhat, double dMinPsnr = 40.0, int iMaxError = 12) {
+  ASSERT_EQ(a.size(), b.size()) << sWhat;
+  double dSq = 0;
+  int iMax = 0;
+  for (size_t i = 0; i < a.size(); ++i) {
+    const int d = std::abs(int(a[i]) - int(b[i]));
+    dSq += d * d, iMax = std::max(iMax, d);
+  }
+  EXPECT_GT(10 * std::log10(255.0 * 255.0 * a.size() / std::max(dSq, 1.0)), dMinPsnr) << sWhat;
+  EXPECT_LE(iMax, iMaxError) << sWhat;
+}
+
+class JpegSinkTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(qv_register_host_elements());
+    m_sDir = g_dir_make_tmp("qvjpeg-XXXXXX", NULL);
+    m_pxHarness = gst_harness_new("qvcudajpegsink");
+    m_pxBus = gst_bus_new();
+    gst_element_set_bus(m_pxHarness->element, m_pxBus);
+    g_object_set(m_pxHarness->element, "quality", 95, "sync", FALSE, NULL);
+  }
+  void TearDown() override {
+    // Messages on the bus hold the element.
+    gst_bus_set_flushing(m_pxBus, TRUE);
+    testing::internal::CaptureStdout();
+    gst_harness_teardown(m_pxHarness);
+    EXPECT_EQ(" sink finalize \n", testing::internal::GetCapturedStdout());
+    gst_object_unref(m_pxBus);
+    for (const std::string& s : Files()) g_remove((m_sDir + "/" + s).c_str());
+    g_rmdir(m_sDir.c_str());
+  }
+  void Start(int w, int h) {
+    const std::string sCaps = "video/x-raw,format=RGBA,width=" + std::to_string(w) +
+                              ",height=" + std::to_string(h) + ",framerate=25/1";
+    gst_harness_set_src_caps_str(m_pxHarness, sCaps.c_str());
+  }
+  void SetLocation(const std::string& s) {
+    g_object_set(m_pxHarness->element, "location", (m_sDir + "/" + s).c_str(), NULL);
+  }
+  GstFlowReturn Push(const CQvImage& xFrame) {
+    return gst_harness_push(m_pxHarness, QvTest::DeviceImageBuffer(xFrame));
+  }
+  std::vector<std::string> Files() const {
+    std::vector<std::string> x;
+    GDir* pxDir = g_dir_open(m_sDir.c_str(), 0, NULL);
+    while (const gchar* sz = pxDir ? g_dir_read_name(pxDir) : NULL) x.push_back(sz);
+    if (pxDir) g_dir_close(pxDir);
+    std::sort(x.begin(), x.end());
+    return x;
+  }
+  // The texts of the warnings and errors on the bus, oldest first.
+  std::string BusText() {
+    std::string s;
+    while (GstMessage* pxMsg = gst_bus_pop_filtered(
+               m_pxBus, GstMessageType(GST_MESSAGE_WARNING | GST_MESSAGE_ERROR))) {
+      const GValue* pxError = gst_structure_get_value(gst_message_get_structure(pxMsg), "gerror");
+      s += std::string(static_cast<GError*>(g_value_get_boxed(pxError))->message) + "\n";
+      gst_message_unref(pxMsg);
+    }
+    return s;
+  }
+  std::string m_sDir;
+  GstHarness* m_pxHarness = nullptr;
+  GstBus* m_pxBus = nullptr;
+};
+
+TEST_F(JpegSinkTest, EveryFrameDecodesToTheLumaOfTheYuvConversion) {
+  // The product's 4K frame and the scaled camera frame, one each; a small frame three times.
+  const struct { int w, h, iFrames; } xRows[] = {{3840, 2160, 1}, {3840, 1784, 1}, {64, 48, 3}};
+  int iFile = 0;
+  for (const auto& r : xRows) {
+    const std::string sRow = std::to_string(r.w) + "x" + std::to_string(r.h);
+    Start(r.w, r.h);
+    SetLocation("f%05d.jpg");
+    const CQvImage xFrame = TestFrame(r.w, r.h);
+    const std::vector<uint8_t> xExpected = ExpectedLuma(xFrame);
+    for (int i = 0; i < r.iFrames; ++i) {
+      ASSERT_EQ(GST_FLOW_OK, Push(xFrame)) << sRow;
+      char szName[32];
+      std::snprintf(szName, sizeof(szName), "/f%05d.jpg", ++iFile);
+      ExpectJpegClose(DecodedLuma(FileBytes(m_sDir + szName), r.w, r.h), xExpected, sRow + szName);
+    }
+  }
+  EXPECT_EQ("", BusText());
+}
+
+TEST_F(JpegSinkTest, NumberingStartsAtOneAndGoesOnOverAStopAndStart) {
+  Start(16, 8);
+  SetLocation("n%d.jpg");
+  const CQvImage xFrame = TestFrame(16, 8);
+  testing::internal::CaptureStdout();
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  EXPECT_EQ(0u, testing::internal::GetCapturedStdout().find("FPS: "));
+  gst_element_set_state(m_pxHarness->element, GST_STATE_NULL);
+  gst_harness_play(m_pxHarness);
+  Start(16, 8);
+  ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  EXPECT_EQ((std::vector<std::string>{"n1.jpg", "n2.jpg", "n3.jpg", "n4.jpg", "n5.jpg", "n6.jpg"}),
+            Files());
+  // Without a conversion every frame goes to the one file.
+  SetLocation("same.jpg");
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  EXPECT_EQ(7u, Files().size());
+}
+
+TEST_F(JpegSinkTest, LocationPatternsAreCheckedWhenSet) {
+  Start(16, 8);
+  const auto Location = [this] {
+    gchar* sz = NULL;
+    g_object_get(m_pxHarness->element, "location", &sz, NULL);
+    const std::string s = sz + m_sDir.size() + 1;
+    g_free(sz);
+    return s;
+  };
+  SetLocation("before%d");
+  for (const char* szPattern : {"%s", "%n", "%d%d", "%lld", "%*d", "%", "x%", "%5.d%"}) {
+    SetLocation(szPattern);
+    EXPECT_EQ("before%d", Location()) << szPattern;
+    EXPECT_NE(std::string::npos, BusText().find("refused")) << szPattern;
+  }
+  // Each good pattern names the next frame's file; one too long names none.
+  const std::pair<std::string, std::string> xGood[] = {{"f%05d.jpg", "f00001.jpg"},
+                                                       {"%x", "2"},
+                                                       {"%%d_%d", "%d_3"},
+                                                       {"%#x", "0x4"},
+                                                       {std::string(300, 'a'), ""}};
+  for (const auto& r : xGood) {
+    SetLocation(r.first);
+    EXPECT_EQ(r.first, Location());
+    const size_t uBefore = Files().size();
+    ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8))) << r.first;
+    EXPECT_EQ(r.second.empty(), BusText().find("longer than 255") != std::string::npos);
+    EXPECT_EQ(uBefore + !r.second.empty(), Files().size()) << r.first;
+    EXPECT_TRUE(r.second.empty() ||
+                g_file_test((m_sDir + "/" + r.second).c_str(), G_FILE_TEST_IS_REGULAR))
+        << r.first;
+  }
+}
+
+TEST_F(JpegSinkTest, AnUnwritableFileWarnsAndTheNextFrameIsWritten) {
+  Start(16, 8);
+  SetLocation("missing/f%d.jpg");
+  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8)));
+  EXPECT_NE(std::string::npos, BusText().find(m_sDir + "/missing/f1.jpg"));
+  SetLocation("f%d.jpg");
+  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8)));
+  ExpectJpegClose(DecodedLuma(FileBytes(m_sDir + "/f2.jpg"), 16, 8), ExpectedLuma(TestFrame(16, 8)),
+                  "f2");
+}
+
+TEST_F(JpegSinkTest, OddSizesAreRefusedAtNegotiationAndOtherSizesPerFrame) {
+  for (const auto& xSize : {std::make_pair(63, 48), std::make_pair(64, 47)}) {
+    Start(xSize.first, xSize.second);
+    EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, Push(TestFrame(xSize.first, xSize.second)));
+    EXPECT_NE(std::string::npos, BusText().find("need an even width"));
+  }
+  // A frame that does not match the caps is lost, with its reason, and the next one is written.
+  Start(16, 8);
+  SetLocation("f%d.jpg");
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(32, 8)));
+  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find(
+                                   "a frame of 32x8 does not fit the platform buffer of 16x8"));
+  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8)));
+  EXPECT_EQ(std::vector<std::string>{"f2.jpg"}, Files());
+}
+
+// The whole road: a mosaic through upload and demosaic, the image teed to the sink and to the
+// YUV element, whose Y plane the decoded JPEG must match.
+TEST_F(JpegSinkTest, PipelineFileMatchesTheYPlaneOfTheSameFrame) {
+  const std::string sLaunch =
+      "appsrc name=src caps=video/x-bayer,format=grbg,width=64,height=48,framerate=25/1 ! "
+      "qvcudaupload ! qvcudadebayer ! tee name=t ! qvcudajpegsink sync=false async=false "
+      "location=" +
+      m_sDir +
+      "/p%d.jpg t. ! qvcudayuv ! qvcudadownload ! appsink name=out "
+      "sync=false async=false";
+  GstElement* pxPipeline = gst_parse_launch(sLaunch.c_str(), NULL);
+  ASSERT_NE(nullptr, pxPipeline);
+  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
+  GstElement* pxOut = gst_bin_get_by_name(GST_BIN(pxPipeline), "out");
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  std::vector<uint8_t> xMosaic(64 * 48);
+  for (size_t i = 0; i < xMosaic.size(); ++i) xMosaic[i] = uint8_t(20 + (i % 64) * 2 + i / 64);
+  GstFlowReturn eFlow = GST_FLOW_ERROR;
+  g_signal_emit_by_name(pxSrc, "push-buffer", QvTest::BufferFromBytes(xMosaic), &eFlow);
+  EXPECT_EQ(GST_FLOW_OK, eFlow);
+  GstSample* pxSample = NULL;
+  g_signal_emit_by_name(pxOut, "try-pull-sample", 5 * GST_SECOND, &pxSample);
+  ASSERT_NE(nullptr, pxSample);
+  GstMapInfo xMap;
+  ASSERT_TRUE(gst_buffer_map(gst_sample_get_buffer(pxSample), &xMap, GST_MAP_READ));
+  ExpectJpegClose(DecodedLuma(FileBytes(m_sDir + "/p1.jpg"), 64, 48),
+                  std::vector<uint8_t>(xMap.data, xMap.data + 64 * 48), "pipeline");
+  gst_buffer_unmap(gst_sample_get_buffer(pxSample), &xMap);
+  gst_sample_unref(pxSample);
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  for (GstElement* px : {pxSrc, pxOut, pxPipeline}) gst_object_unref(px);
+}
+
+// Plane 0 of a buffer's file: rows land a pitch apart, and nothing is written where the pitch
+// or the file cannot take the image.
+TEST(JpegBuffer, CopyYUVToNvBufferKeepsToPitchAndFile) {
+  CQvImage xPlane(CQvImageFormat(6, 3, EPixelType::Lum, EDataType::UByte));
+  for (int i = 0; i < 18; ++i) static_cast<uint8_t*>(xPlane.GetDataPtr())[i] = uint8_t(i + 1);
+  CQvDeviceImage2D xImage(xPlane);
+  std::FILE* pxFile = std::tmpfile();
+  const int fd = fileno(pxFile);
+  _NvBufferParams xParams{};
+  xParams.num_planes = 1;
+  const struct {
+    uint32_t uPitch;
+    int iFileSize;
+    cudaError_t eResult;
+  } xRows[] = {
+      {8, 22, cudaSuccess}, {8, 21, cudaErrorInvalidValue}, {5, 64, cudaErrorInvalidValue}};
+  for (const auto& r : xRows) {
+    ASSERT_EQ(0, ftruncate(fd, 0));
+    ASSERT_EQ(0, ftruncate(fd, r.iFileSize));
+    xParams.pitch[0] = r.uPitch;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(r.eResult, CopyYUVToNvBuffer(&xImage, fd, xParams)) << r.iFileSize;
+    EXPECT_EQ(r.eResult ? "" : "memcpy Y18 bytes \n", testing::internal::GetCapturedStdout());
+    std::vector<uint8_t> xBytes(r.iFileSize), xExpected(r.iFileSize, 0);
+    ASSERT_EQ(r.iFileSize, pread(fd, xBytes.data(), xBytes.size(), 0));
+    for (int i = 0; i < 18 && !r.eResult; ++i) xExpected[(i / 6) * 8 + i % 6] = uint8_t(i + 1);
+    EXPECT_EQ(xExpected, xBytes) << r.iFileSize;
+  }
+  std::fclose(pxFile);
+}
+
+// Both encoders from the same converted 4K frame: the same picture within JPEG error.
+TEST(JpegEncoders, NvJpegAndTurboJpegGiveTheSamePicture) {
+  if (!NvJpegEncoder::IsNvJpegAvailable())
+    GTEST_SKIP() << "nvJPEG is not available here (no GPU, or no libnvjpeg)";
+  const CQvImage xFrame = TestFrame(3840, 2160);
+  const CQvDeviceImage2D xSource(xFrame);
+  TegraBufferShim xShim;
+  xShim.Initialize();
+  std::vector<std::vector<uint8_t>> xLuma;
+  for (EJpegEncoder eKind : {EJpegEncoder::NvJpeg, EJpegEncoder::Turbo}) {
+    auto pxEncoder = NvJpegEncoder::Create(eKind, nullptr);
+    ASSERT_NE(nullptr, pxEncoder);
+    NvMemory xBuffer =
+        xShim.CreateNvBuffer(NvBufferColorFormat_YUV420, 3840, 2160, pxEncoder->GetPlaneMemory());
+    NvMappedMemory xMapped = xShim.MapNvBuffer(xBuffer);
+    CQvDeviceImage2D xY, xU, xV;
+    xShim.GetMoniker(xMapped, xY, xU, xV);
+    CQvCudaCompYUV().Convert(xY, xU, xV, xSource);
+    std::string sOut(pxEncoder->GetMaxStreamSize(3840, 2160), '\0');
+    auto* pOut = reinterpret_cast<unsigned char*>(&sOut[0]);
+    unsigned long uSize = sOut.size();
+    pxEncoder->Encode(xBuffer, 95, &pOut, uSize);
+    xLuma.push_back(DecodedLuma(sOut.substr(0, uSize), 3840, 2160));
+    xShim.UnmapNvBuffer(xMapped);
+    xShim.DestroyNvBuffer(xBuffer);
+  }
+  ExpectJpegClose(xLuma[0], xLuma[1], "nvJPEG against TurboJPEG", 37.0, 24);
+  for (int i = 0; i < 2; ++i) ExpectJpegClose(xLuma[i], ExpectedLuma(xFrame), "against the source");
+}
+
+}  // namespace
