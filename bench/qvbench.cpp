@@ -15,15 +15,19 @@
 #include "AutoAdapt.h"
 #include "H5Camera.h"
 #include "QvBenchStats.h"
+#include "QvCudaCompDemosaic.h"
 #include "QvCudaCompYUV.h"
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvDeviceMMU.h"
 #include "QvException.h"
+#include "QvJpegEncoder.h"
+#include "QvNvBuffer.h"
 #include "QvSynthetic.h"
 #include "gstUtil.h"
 #include "gstqvAutoAdapt.h"
 #include "gstqvCudaDownload.h"
+#include "gstqvCudaJpegSink.h"
 
 namespace {
 
@@ -449,6 +453,106 @@ void AutoAdaptBench() {
               Median(xMeasure));
   std::printf("adapt:  qvautoadapt on a frame it does not measure %7.4f ms (four control reads)\n",
               Median(xElement));
+// JPEG output of one 4K colour frame (the demosaiced test scene): the conversion into the
+// platform buffer, the encoding and the file write on tmpfs timed apart for each encoder, then
+// the sink in a pipeline. TurboJPEG runs on one core.
+void JpegBench(int iWidth, int iHeight, bool bCuda) {
+  const int iRuns = bCuda ? 100 : 5;
+  const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, 0);
+  Qv::CQvDeviceImage2D xMosaic;
+  xMosaic.Create(Qv::CQvImageFormat(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte),
+                 xScene.data(), false);
+  GstBuffer* pxFrame = NULL;
+  PrepareOutputBufferCuda(NULL, NULL, &pxFrame);
+  GstMapInfo xMap;
+  gst_buffer_map(pxFrame, &xMap, GST_MAP_WRITE);
+  Qv::CQvDeviceImage2D& xRgba = *reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data);
+  Qv::CQvCudaCompDemosaic().Debayer(xRgba, xMosaic, 1.0f, 1.0f, 1.0f);
+  gst_buffer_unmap(pxFrame, &xMap);
+  cudaStream_t hStream = Qv::Device::CreateStream();
+  const char* szFile = "/dev/shm/qvbench-jpeg.jpg";
+  double dTurbo = 0;
+  for (EJpegEncoder eKind : {EJpegEncoder::Turbo, EJpegEncoder::NvJpeg}) {
+    std::unique_ptr<NvJpegEncoder> pxEncoder = NvJpegEncoder::Create(eKind, hStream);
+    if (!pxEncoder) {
+      std::printf("jpeg:   nvJPEG not measured (no libnvjpeg, or no GPU)\n");
+      continue;
+    }
+    TegraBufferShim xShim;
+    xShim.Initialize();
+    NvMemory xBuffer = xShim.CreateNvBuffer(NvBufferColorFormat_YUV420, iWidth, iHeight,
+                                            pxEncoder->GetPlaneMemory());
+    NvMappedMemory xMapped = xShim.MapNvBuffer(xBuffer);
+    Qv::CQvDeviceImage2D xY, xU, xV;
+    xShim.GetMoniker(xMapped, xY, xU, xV);
+    Qv::CQvCudaCompYUV xComp;
+    xComp.SetStream(hStream);
+    std::vector<unsigned char> xOut(pxEncoder->GetMaxStreamSize(iWidth, iHeight));
+    std::vector<double> xConvert, xEncode, xWrite;
+    unsigned long uSize = 0;
+    for (int i = 0; i < iRuns + 2; ++i) {
+      const auto t0 = Clock::now();
+      xComp.Convert(xY, xU, xV, xRgba);
+      Qv::Device::SynchronizeStream(hStream);
+      const auto t1 = Clock::now();
+      unsigned char* pOut = xOut.data();
+      uSize = xOut.size();
+      pxEncoder->Encode(xBuffer, 85, &pOut, uSize);
+      const auto t2 = Clock::now();
+      std::FILE* pxFile = std::fopen(szFile, "wb");
+      if (pxFile) std::fwrite(pOut, 1, uSize, pxFile), std::fclose(pxFile);
+      if (i < 2) continue;
+      xConvert.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
+      xEncode.push_back(std::chrono::duration<double, std::milli>(t2 - t1).count());
+      xWrite.push_back(MsSince(t2));
+    }
+    const double dBoth = Median(xConvert) + Median(xEncode);
+    if (eKind == EJpegEncoder::Turbo) dTurbo = dBoth;
+    std::printf(
+        "jpeg:   %-9s convert %7.3f ms, encode %7.3f ms, write %6.3f ms (%lu bytes); "
+        "convert+encode "
+        "%7.3f ms (%.1f x TurboJPEG)\n",
+        pxEncoder->GetName(), Median(xConvert), Median(xEncode), Median(xWrite), uSize, dBoth,
+        dBoth > 0 ? dTurbo / dBoth : 0.0);
+    xShim.UnmapNvBuffer(xMapped);
+    xShim.DestroyNvBuffer(xBuffer);
+  }
+  std::remove(szFile);
+  Qv::Device::DestroyStream(hStream);
+
+  // The sink pushed the same device frame again and again, files on tmpfs.
+  char szCaps[128];
+  std::snprintf(szCaps, sizeof(szCaps), "video/x-raw,format=RGBA,width=%d,height=%d,framerate=30/1",
+                iWidth, iHeight);
+  const std::string sPipeline = std::string("appsrc name=src block=true max-buffers=4 caps=\"") +
+                                szCaps +
+                                "\" ! qvcudajpegsink sync=false location=/dev/shm/qvbench%05d.jpg";
+  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), NULL);
+  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
+  const int iFrames = bCuda ? 200 : 10;
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  const auto t0 = Clock::now();
+  for (int i = 0; i < iFrames; ++i)
+    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
+  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  const double dMs = MsSince(t0) / iFrames;
+  if (pxMsg) gst_message_unref(pxMsg);
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  gst_object_unref(pxBus);
+  gst_object_unref(pxSrc);
+  gst_object_unref(pxPipeline);
+  gst_buffer_unref(pxFrame);
+  for (int i = 1; i <= iFrames; ++i) {
+    char szName[64];
+    std::snprintf(szName, sizeof(szName), "/dev/shm/qvbench%05d.jpg", i);
+    std::remove(szName);
+  }
+  std::printf(
+      "jpeg:   appsrc ! qvcudajpegsink to tmpfs  %8.3f ms/frame (%.1f fps, with FPS lines)\n", dMs,
+      1000.0 / dMs);
 }
 
 }  // namespace
@@ -459,6 +563,7 @@ int main(int argc, char** argv) {
   // Only the download element: the caps filters' GstBayer2RGB would take the type name of the
   // CPU peer's bayer2rgb.
   gst_element_register(NULL, "qvcudadownload", GST_RANK_NONE, gst_cuda_download_get_type());
+  gst_element_register(NULL, "qvcudajpegsink", GST_RANK_NONE, gst_cuda_jpeg_sink_get_type());
   const int iWidth = 3840, iHeight = 2160;
   try {
     const bool bCuda = Qv::Device::IsCuda();
@@ -466,6 +571,11 @@ int main(int argc, char** argv) {
     std::printf("qvbench: backend %s, frames of %dx%d 8-bit\n", Qv::Device::GetBackendName(),
                 iWidth, iHeight);
     AutoAdaptBench();
+    // "qvbench jpeg" measures the JPEG output alone.
+    if (argc > 1 && std::strcmp(argv[1], "jpeg") == 0) {
+      JpegBench(iWidth, iHeight, bCuda);
+      return 0;
+    }
     const double dBare = BareUploadMs(iWidth, iHeight, bCuda ? 200 : 20);
     const SPipelineResult x = RunPipeline("qvcudaupload", iWidth, iHeight, iFrames);
     std::printf("upload: bare pinned host-to-device copy      %8.3f ms\n", dBare);
@@ -499,6 +609,7 @@ int main(int argc, char** argv) {
 
     DownloadBench(iWidth, iHeight, bCuda);
     MixBenchmarks(bCuda);
+    JpegBench(iWidth, iHeight, bCuda);
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "qvbench: %s\n", e.GetMessageText());
     return 1;

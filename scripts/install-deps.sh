@@ -10,6 +10,7 @@ PACKAGES=(
   libpng-dev libgtest-dev libopencv-core-dev
   python3-gi python3-gst-1.0 gir1.2-gst-plugins-base-1.0 python3-numpy
   libglew-dev libx11-dev libgl-dev libgl1-mesa-dri xvfb libxtst-dev
+  libturbojpeg0-dev
 )
 
 missing=()

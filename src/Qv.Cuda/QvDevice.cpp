@@ -162,6 +162,14 @@ void FreePinnedHost(void* pData) {
     std::free(pData);
 }
 
+void* GetMappedDevicePointer(void* pPinnedHost) {
+  if (!pPinnedHost || !IsCuda()) return pPinnedHost;
+  void* pDevice = nullptr;
+  QV_CUDA_CHECK(cudaHostGetDevicePointer(&pDevice, pPinnedHost, 0),
+                "Error taking the device address of pinned host memory");
+  return pDevice;
+}
+
 uint64_t GetDeviceAllocationCount() {
   return g_uAllocations.load();
 }

@@ -27,6 +27,8 @@ void* AllocLinear(size_t uBytes);
 void FreeDevice(void* pData);
 void* AllocPinnedHost(size_t uBytes);  // page-locked and mapped on CUDA
 void FreePinnedHost(void* pData);
+// The device's address of memory from AllocPinnedHost, through which kernels write it.
+void* GetMappedDevicePointer(void* pPinnedHost);
 uint64_t GetDeviceAllocationCount();
 
 // 2D copies between pitched regions. With a stream the copy is queued on it; without one it

@@ -17,10 +17,18 @@ void CCudaMemoryPitchResource::Allocate(size_t uWidthBytes, size_t uHeight) {
   m_uPitch = uPitch;
 }
 
+void CCudaMemoryPitchResource::Wrap(void* pData, size_t uPitch) {
+  Release();
+  m_pData = pData;
+  m_uPitch = uPitch;
+  m_bOwned = false;
+}
+
 void CCudaMemoryPitchResource::Release() {
-  if (m_pData) CQvDeviceMMU::FreePitched(m_pData);
+  if (m_pData && m_bOwned) CQvDeviceMMU::FreePitched(m_pData);
   m_pData = nullptr;
   m_uPitch = 0;
+  m_bOwned = true;
 }
 
 }  // namespace GPU
@@ -86,6 +94,15 @@ void CQvDeviceImage2D::Create(const CQvImageFormat& xFormat) {
   const size_t uRowBytes = CheckedRowBytes(xFormat);
   Release();
   m_xMemory.Allocate(uRowBytes, static_cast<size_t>(xFormat.iHeight));
+  m_xFormat = xFormat;
+}
+
+void CQvDeviceImage2D::Attach(const CQvImageFormat& xFormat, void* pDevice, size_t uPitch) {
+  const size_t uRowBytes = CheckedRowBytes(xFormat);
+  if (!pDevice) QV_THROW("No memory to attach a device image to");
+  if (uPitch < uRowBytes) QV_THROW("Attached rows are shorter than the image rows");
+  Release();
+  m_xMemory.Wrap(pDevice, uPitch);
   m_xFormat = xFormat;
 }
 

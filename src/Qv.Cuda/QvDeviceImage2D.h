@@ -34,9 +34,12 @@ class CCudaMemoryPitchResource {
   void Swap(CCudaMemoryPitchResource& xOther) noexcept {
     std::swap(m_pData, xOther.m_pData);
     std::swap(m_uPitch, xOther.m_uPitch);
+    std::swap(m_bOwned, xOther.m_bOwned);
   }
 
   void Allocate(size_t uWidthBytes, size_t uHeight);
+  // Points at memory that someone else owns; Release forgets it without freeing it.
+  void Wrap(void* pData, size_t uPitch);
   void Release();
   void* Get() const { return m_pData; }
   size_t GetPitch() const { return m_uPitch; }
@@ -44,6 +47,7 @@ class CCudaMemoryPitchResource {
  private:
   void* m_pData = nullptr;
   size_t m_uPitch = 0;
+  bool m_bOwned = true;
 };
 
 }  // namespace GPU
@@ -71,6 +75,9 @@ class CQvDeviceImage2D {
   // As Create(image) with the copy queued on hStream; the source must stay valid until the
   // caller has synchronised the stream.
   void CreateAsync(const IImage& xImage, cudaStream_t hStream);
+  // Makes the image a view of device-visible memory that it does not own (a plane of a
+  // platform buffer): Release and the destructor leave that memory alone.
+  void Attach(const CQvImageFormat& xFormat, void* pDevice, size_t uPitch);
   // Fills a created image from host rows that lie uSrcPitch bytes apart.
   void Upload(const void* pSrc, size_t uSrcPitch, cudaStream_t hStream, bool bAsync);
 

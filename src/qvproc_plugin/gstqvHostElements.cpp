@@ -6,6 +6,7 @@
 #include "bayer2rgb.h"
 #include "gstqvAutoAdapt.h"
 #include "gstqvCudaDownload.h"
+#include "gstqvCudaJpegSink.h"
 #include "gstqvCudaNormalize.h"
 #include "gstqvCudaYUV.h"
 #include "rgb2bayer.h"
@@ -58,6 +59,7 @@ gboolean qv_register_host_elements_into(GstPlugin* plugin) {
       {"qvrgb2bayer", gst_rgb2bayer_get_type},
       {"qvbayer2lum", gst_bayer2lum_get_type},
       {"qvautoadapt", gst_auto_adapt_get_type},
+      {"qvcudajpegsink", gst_cuda_jpeg_sink_get_type},
       // clang-format on
   };
   gboolean bOk = TRUE;

@@ -33,6 +33,7 @@ std::vector<std::string> PluginElementNames() {
   if (qv_register_host_elements())
     for (const char* szName : {"qvcudanormalize", "qvcudayuv", "qvcudadownload", "qvbayer2rgb",
                                "qvrgb2bayer", "qvbayer2lum", "qvautoadapt"})
+                               "qvrgb2bayer", "qvbayer2lum", "qvcudajpegsink"})
       xNames.push_back(szName);
   return xNames;
 }

@@ -1,0 +1,309 @@
+// The JPEG sink: files and their numbering, the location patterns, write failures, and the
+// decoded pictures against the YUV conversion's luma.
+#include <gst/check/gstharness.h>
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "GstTestUtil.h"
+#include "QvCudaCompYUV.h"
+#include "QvDeviceImage2D.h"
+#include "QvJpegEncoder.h"
+#include "gstqvHostElements.h"
+
+using namespace Qv;
+
+namespace {
+
+// Ramps with fine texture and 8-pixel squares: detail that a low quality would lose.
+CQvImage TestFrame(int w, int h) {
+  CQvImage x(CQvImageFormat(w, h, EPixelType::RGBA, EDataType::UByte));
+  auto* p = static_cast<uint8_t*>(x.GetDataPtr());
+  for (int y = 0; y < h; ++y)
+    for (int i = 0; i < w; ++i, p += 4)
+      p[0] = uint8_t(i * 200 / w + ((i ^ y) & 31)), p[1] = uint8_t(y * 200 / h + ((i * y) & 31)),
+      p[2] = ((i / 8 + y / 8) % 2) ? 200 : 50, p[3] = 255;
+  return x;
+}
+
+// The Y plane as the one-image YUV conversion gives it.
+std::vector<uint8_t> ExpectedLuma(const CQvImage& xFrame) {
+  CQvDeviceImage2D xSource(xFrame), xI420;
+  CQvCudaCompYUV().Convert(xI420, xSource);
+  std::vector<uint8_t> x(xI420.GetFormat().GetRowBytes() * size_t(xI420.GetFormat().iHeight));
+  xI420.Download(x.data(), xI420.GetFormat().GetRowBytes());
+  return std::vector<uint8_t>(x.begin(), x.begin() + long(x.size() * 2 / 3));
+}
+
+// The luma of a 4:2:0 JPEG file of the given size, empty where the file is not one.
+std::vector<uint8_t> DecodedLuma(const std::string& sPath, int w, int h) {
+  std::ifstream xFile(sPath, std::ios::binary);
+  const std::string sJpeg{std::istreambuf_iterator<char>(xFile), std::istreambuf_iterator<char>()};
+  std::vector<uint8_t> xY(size_t(w) * h), xU(size_t(w) * h / 4), xV(xU.size());
+  unsigned char* pPlanes[3] = {xY.data(), xU.data(), xV.data()};
+  const auto* pJpeg = reinterpret_cast<const unsigned char*>(sJpeg.data());
+  tjhandle hTj = tjInitDecompress();
+  int iW = 0, iH = 0, iSub = -1, iSpace = -1;
+  const bool bOk = tjDecompressHeader3(hTj, pJpeg, sJpeg.size(), &iW, &iH, &iSub, &iSpace) == 0 &&
+                   iW == w && iH == h && iSub == TJSAMP_420 &&
+                   tjDecompressToYUVPlanes(hTj, pJpeg, sJpeg.size(), pPlanes, w, NULL, h, 0) == 0;
+  tjDestroy(hTj);
+  return bOk ? xY : std::vector<uint8_t>();
+}
+
+// Within JPEG error at quality 95 (this frame gives 42 dB, quality 30 gives 34 dB). Two
+// encodings of one frame each carry their own error.
+void ExpectJpegClose(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
+                     const std::string& sWhat, double dMinPsnr = 40.0, int iMaxError = 12) {
+  ASSERT_EQ(a.size(), b.size()) << sWhat;
+  double dSq = 0;
+  int iMax = 0;
+  for (size_t i = 0; i < a.size(); ++i) {
+    const int d = std::abs(int(a[i]) - int(b[i]));
+    dSq += d * d, iMax = std::max(iMax, d);
+  }
+  EXPECT_GT(10 * std::log10(255.0 * 255.0 * a.size() / std::max(dSq, 1.0)), dMinPsnr) << sWhat;
+  EXPECT_LE(iMax, iMaxError) << sWhat;
+}
+
+class JpegSinkTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(qv_register_host_elements());
+    char szDir[] = "/tmp/qvjpeg-XXXXXX";
+    m_sDir = mkdtemp(szDir);
+    m_pxHarness = gst_harness_new("qvcudajpegsink");
+    m_pxBus = gst_bus_new();
+    gst_element_set_bus(m_pxHarness->element, m_pxBus);
+    g_object_set(m_pxHarness->element, "quality", 95, "sync", FALSE, NULL);
+  }
+  void TearDown() override {
+    // Messages on the bus hold the element.
+    gst_bus_set_flushing(m_pxBus, TRUE);
+    testing::internal::CaptureStdout();
+    gst_harness_teardown(m_pxHarness);
+    EXPECT_EQ(" sink finalize \n", testing::internal::GetCapturedStdout());
+    gst_object_unref(m_pxBus);
+    std::filesystem::remove_all(m_sDir);
+  }
+  void Start(int w, int h) {
+    gst_harness_set_src_caps_str(m_pxHarness, ("video/x-raw,format=RGBA,framerate=25/1,width=" +
+                                               std::to_string(w) + ",height=" + std::to_string(h))
+                                                  .c_str());
+  }
+  void SetLocation(const std::string& s) {
+    g_object_set(m_pxHarness->element, "location", (m_sDir + "/" + s).c_str(), NULL);
+  }
+  GstFlowReturn Push(const CQvImage& xFrame) {
+    return gst_harness_push(m_pxHarness, QvTest::DeviceImageBuffer(xFrame));
+  }
+  std::vector<std::string> Files() const {
+    std::vector<std::string> x;
+    for (const auto& xEntry : std::filesystem::directory_iterator(m_sDir))
+      x.push_back(xEntry.path().filename());
+    std::sort(x.begin(), x.end());
+    return x;
+  }
+  std::string BusText() {
+    std::string s;
+    while (GstMessage* pxMsg = gst_bus_pop_filtered(
+               m_pxBus, GstMessageType(GST_MESSAGE_WARNING | GST_MESSAGE_ERROR))) {
+      const GValue* pxError = gst_structure_get_value(gst_message_get_structure(pxMsg), "gerror");
+      s += std::string(static_cast<GError*>(g_value_get_boxed(pxError))->message) + "\n";
+      gst_message_unref(pxMsg);
+    }
+    return s;
+  }
+  std::string m_sDir;
+  GstHarness* m_pxHarness = nullptr;
+  GstBus* m_pxBus = nullptr;
+};
+
+TEST_F(JpegSinkTest, EveryFrameDecodesToTheLumaOfTheYuvConversion) {
+  // The 4K camera frame and the scaled frame, one each; a small frame three times.
+  const struct { int w, h, iFrames; } xRows[] = {{3840, 2160, 1}, {3840, 1784, 1}, {64, 48, 3}};
+  int iFile = 0;
+  for (const auto& r : xRows) {
+    Start(r.w, r.h);
+    SetLocation("f%05d.jpg");
+    const CQvImage xFrame = TestFrame(r.w, r.h);
+    const std::vector<uint8_t> xExpected = ExpectedLuma(xFrame);
+    for (int i = 0; i < r.iFrames; ++i) {
+      ASSERT_EQ(GST_FLOW_OK, Push(xFrame)) << r.h;
+      const std::string sName = "/f0000" + std::to_string(++iFile) + ".jpg";
+      ExpectJpegClose(DecodedLuma(m_sDir + sName, r.w, r.h), xExpected, sName);
+    }
+  }
+  EXPECT_EQ("", BusText());
+}
+
+TEST_F(JpegSinkTest, NumberingStartsAtOneAndGoesOnOverAStopAndStart) {
+  Start(16, 8);
+  SetLocation("n%d.jpg");
+  const CQvImage xFrame = TestFrame(16, 8);
+  // One rate line, at the fifth frame.
+  testing::internal::CaptureStdout();
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  const std::string sOut = testing::internal::GetCapturedStdout();
+  EXPECT_TRUE(sOut.rfind("FPS: ", 0) == 0 && sOut.find('\n') == sOut.size() - 1) << sOut;
+  gst_element_set_state(m_pxHarness->element, GST_STATE_NULL);
+  gst_harness_play(m_pxHarness);
+  Start(16, 8);
+  ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  EXPECT_EQ((std::vector<std::string>{"n1.jpg", "n2.jpg", "n3.jpg", "n4.jpg", "n5.jpg", "n6.jpg"}),
+            Files());
+  // Without a conversion every frame goes to the one file.
+  SetLocation("same.jpg");
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  EXPECT_EQ(7u, Files().size());
+}
+
+TEST_F(JpegSinkTest, LocationPatternsAreCheckedWhenSet) {
+  Start(16, 8);
+  const auto Location = [this] {
+    g_autofree gchar* sz = NULL;
+    g_object_get(m_pxHarness->element, "location", &sz, NULL);
+    return std::string(sz + m_sDir.size() + 1);
+  };
+  SetLocation("before%d");
+  for (const char* szPattern : {"%s", "%n", "%d%d", "%lld", "%*d", "%", "x%", "%5.d%"}) {
+    SetLocation(szPattern);
+    EXPECT_EQ("before%d", Location()) << szPattern;
+    EXPECT_NE(std::string::npos, BusText().find("refused")) << szPattern;
+  }
+  // Each good pattern names the next frame's file; one too long names none.
+  const std::string s300(300, 'a');
+  const std::pair<std::string, std::string> xGood[] = {
+      {"f%05d.jpg", "f00001.jpg"}, {"%x", "2"}, {"%%d_%d", "%d_3"}, {"%#x", "0x4"}, {s300, ""}};
+  for (const auto& r : xGood) {
+    SetLocation(r.first);
+    EXPECT_EQ(r.first, Location());
+    const size_t uBefore = Files().size();
+    ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8))) << r.first;
+    EXPECT_EQ(r.second.empty(), BusText().find("longer than 255") != std::string::npos);
+    EXPECT_EQ(uBefore + !r.second.empty(), Files().size()) << r.first;
+    EXPECT_TRUE(r.second.empty() ||
+                g_file_test((m_sDir + "/" + r.second).c_str(), G_FILE_TEST_IS_REGULAR))
+        << r.first;
+  }
+}
+
+// Odd sizes are refused at negotiation. A file that cannot be opened, or a frame that does not
+// fit the caps, loses that frame with its reason; the next one is written.
+TEST_F(JpegSinkTest, RefusedSizesAndLostFramesSayWhy) {
+  for (const auto& xSize : {std::make_pair(63, 48), std::make_pair(64, 47)}) {
+    Start(xSize.first, xSize.second);
+    EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, Push(TestFrame(xSize.first, xSize.second)));
+    EXPECT_NE(std::string::npos, BusText().find("need an even width"));
+  }
+  Start(16, 8);
+  SetLocation("missing/f%d.jpg");
+  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8)));
+  EXPECT_NE(std::string::npos, BusText().find(m_sDir + "/missing/f1.jpg"));
+  SetLocation("f%d.jpg");
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(32, 8)));
+  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find(
+                                   "a frame of 32x8 does not fit the platform buffer of 16x8"));
+  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8)));
+  EXPECT_EQ(std::vector<std::string>{"f3.jpg"}, Files());
+  ExpectJpegClose(DecodedLuma(m_sDir + "/f3.jpg", 16, 8), ExpectedLuma(TestFrame(16, 8)), "f3");
+}
+
+// The whole road: a mosaic through upload and demosaic, the image teed to the sink and to the
+// YUV element, whose Y plane the decoded JPEG must match.
+TEST_F(JpegSinkTest, PipelineFileMatchesTheYPlaneOfTheSameFrame) {
+  const std::string sLaunch =
+      "appsrc name=src caps=video/x-bayer,format=grbg,width=64,height=48,framerate=25/1 ! "
+      "qvcudaupload ! qvcudadebayer ! tee name=t ! qvcudajpegsink sync=false async=false "
+      "location=" +
+      m_sDir +
+      "/p%d.jpg t. ! qvcudayuv ! qvcudadownload ! appsink name=out "
+      "sync=false async=false";
+  GstElement* pxPipeline = gst_parse_launch(sLaunch.c_str(), NULL);
+  ASSERT_NE(nullptr, pxPipeline);
+  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
+  GstElement* pxOut = gst_bin_get_by_name(GST_BIN(pxPipeline), "out");
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  std::vector<uint8_t> xMosaic(64 * 48);
+  for (size_t i = 0; i < xMosaic.size(); ++i) xMosaic[i] = uint8_t(20 + (i % 64) * 2 + i / 64);
+  GstFlowReturn eFlow = GST_FLOW_ERROR;
+  g_signal_emit_by_name(pxSrc, "push-buffer", QvTest::BufferFromBytes(xMosaic), &eFlow);
+  EXPECT_EQ(GST_FLOW_OK, eFlow);
+  GstSample* pxSample = NULL;
+  g_signal_emit_by_name(pxOut, "try-pull-sample", 5 * GST_SECOND, &pxSample);
+  ASSERT_NE(nullptr, pxSample);
+  GstMapInfo xMap;
+  ASSERT_TRUE(gst_buffer_map(gst_sample_get_buffer(pxSample), &xMap, GST_MAP_READ));
+  ExpectJpegClose(DecodedLuma(m_sDir + "/p1.jpg", 64, 48),
+                  std::vector<uint8_t>(xMap.data, xMap.data + 64 * 48), "pipeline");
+  gst_buffer_unmap(gst_sample_get_buffer(pxSample), &xMap);
+  gst_sample_unref(pxSample);
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  for (GstElement* px : {pxSrc, pxOut, pxPipeline}) gst_object_unref(px);
+}
+
+// Plane 0 of a buffer's file: rows land a pitch apart, and nothing is written where the pitch
+// or the file cannot take the image.
+TEST(JpegBuffer, CopyYUVToNvBufferKeepsToPitchAndFile) {
+  CQvImage xPlane(CQvImageFormat(6, 3, EPixelType::Lum, EDataType::UByte));
+  for (int i = 0; i < 18; ++i) static_cast<uint8_t*>(xPlane.GetDataPtr())[i] = uint8_t(i + 1);
+  CQvDeviceImage2D xImage(xPlane);
+  std::FILE* pxFile = std::tmpfile();
+  const int fd = fileno(pxFile);
+  _NvBufferParams xParams{};
+  xParams.num_planes = 1;
+  // {pitch, file size}: rows 8 apart fill 22 bytes; 21 are too few, a pitch of 5 too short.
+  for (const auto& r : {std::make_pair(8, 22), std::make_pair(8, 21), std::make_pair(5, 64)}) {
+    const cudaError_t eResult = r == std::make_pair(8, 22) ? cudaSuccess : cudaErrorInvalidValue;
+    ASSERT_TRUE(ftruncate(fd, 0) == 0 && ftruncate(fd, r.second) == 0);
+    xParams.pitch[0] = uint32_t(r.first);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(eResult, CopyYUVToNvBuffer(&xImage, fd, xParams)) << r.second;
+    EXPECT_EQ(eResult ? "" : "memcpy Y18 bytes \n", testing::internal::GetCapturedStdout());
+    std::vector<uint8_t> xBytes(r.second), xExpected(r.second, 0);
+    ASSERT_EQ(r.second, pread(fd, xBytes.data(), xBytes.size(), 0));
+    for (int i = 0; i < 18 && !eResult; ++i) xExpected[(i / 6) * 8 + i % 6] = uint8_t(i + 1);
+    EXPECT_EQ(xExpected, xBytes) << r.second;
+  }
+  std::fclose(pxFile);
+}
+
+// Both encoders from the same converted 4K frame: the same picture within JPEG error.
+TEST_F(JpegSinkTest, NvJpegAndTurboJpegGiveTheSamePicture) {
+  if (!NvJpegEncoder::IsNvJpegAvailable())
+    GTEST_SKIP() << "nvJPEG is not available here (no GPU, or no libnvjpeg)";
+  const CQvImage xFrame = TestFrame(3840, 2160);
+  const CQvDeviceImage2D xSource(xFrame);
+  TegraBufferShim xShim;
+  xShim.Initialize();
+  std::vector<std::vector<uint8_t>> xLuma;
+  for (EJpegEncoder eKind : {EJpegEncoder::NvJpeg, EJpegEncoder::Turbo}) {
+    auto pxEncoder = NvJpegEncoder::Create(eKind, nullptr);
+    NvMemory xBuffer =
+        xShim.CreateNvBuffer(NvBufferColorFormat_YUV420, 3840, 2160, pxEncoder->GetPlaneMemory());
+    NvMappedMemory xMapped = xShim.MapNvBuffer(xBuffer);
+    CQvDeviceImage2D xY, xU, xV;
+    xShim.GetMoniker(xMapped, xY, xU, xV);
+    CQvCudaCompYUV().Convert(xY, xU, xV, xSource);
+    std::string sOut(pxEncoder->GetMaxStreamSize(3840, 2160), '\0');
+    auto* pOut = reinterpret_cast<unsigned char*>(&sOut[0]);
+    unsigned long uSize = sOut.size();
+    pxEncoder->Encode(xBuffer, 95, &pOut, uSize);
+    std::ofstream(m_sDir + "/gpu.jpg", std::ios::binary).write(sOut.data(), long(uSize));
+    xLuma.push_back(DecodedLuma(m_sDir + "/gpu.jpg", 3840, 2160));
+    xShim.DestroyNvBuffer(xBuffer);
+  }
+  ExpectJpegClose(xLuma[0], xLuma[1], "nvJPEG against TurboJPEG", 37.0, 24);
+  for (int i = 0; i < 2; ++i) ExpectJpegClose(xLuma[i], ExpectedLuma(xFrame), "against the source");
+}
+
+}  // namespace
