@@ -453,6 +453,8 @@ void AutoAdaptBench() {
               Median(xMeasure));
   std::printf("adapt:  qvautoadapt on a frame it does not measure %7.4f ms (four control reads)\n",
               Median(xElement));
+}
+
 // JPEG output of one 4K colour frame (the demosaiced test scene): the conversion into the
 // platform buffer, the encoding and the file write on tmpfs timed apart for each encoder, then
 // the sink in a pipeline. TurboJPEG runs on one core.

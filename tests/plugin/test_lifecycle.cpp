@@ -32,8 +32,7 @@ std::vector<std::string> PluginElementNames() {
   gst_plugin_feature_list_free(pxFeatures);
   if (qv_register_host_elements())
     for (const char* szName : {"qvcudanormalize", "qvcudayuv", "qvcudadownload", "qvbayer2rgb",
-                               "qvrgb2bayer", "qvbayer2lum", "qvautoadapt"})
-                               "qvrgb2bayer", "qvbayer2lum", "qvcudajpegsink"})
+                               "qvrgb2bayer", "qvbayer2lum", "qvautoadapt", "qvcudajpegsink"})
       xNames.push_back(szName);
   return xNames;
 }
