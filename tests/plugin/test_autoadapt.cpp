@@ -141,31 +141,6 @@ TEST(AutoAdaptLaw, ExposureAndGainFollowTheFlags) {
   }
 }
 
-TEST_F(AutoAdaptTest, CameraConvertsControlsAndFailsOnAClosedFile) {
-  g_axCams[1] = {0, 10, 0, 103, 52, 1040};
-  CH5Camera xCam("/dev/video1");
-  float a = 0, b = 0, c = 0, d = 0;
-  xCam.GetProperty(CamExposure, a);
-  EXPECT_NEAR(13.61e-6, a, 0.01e-6);  // 0 lines read as one
-  xCam.GetProperty(CamGain, b);
-  EXPECT_EQ(1.0f, b);  // 103 / 52
-  xCam.GetPropertyRange(CamExposure, c, d);
-  EXPECT_EQ(kLine * 11, c);  // one line above the minimum
-  xCam.SetProperty(CamGain, 1.0f);
-  xCam.SetProperty(CamExposure, 0.01f);
-  EXPECT_EQ(52, g_axCams[1].iGain);
-  EXPECT_EQ(734, g_axCams[1].iExposure);
-
-  CH5Camera::SetSystem(nullptr);  // the C library's calls
-  CH5Camera xClosed("/nonexistent/video0");
-  try {
-    xClosed.GetPropertyRange(CamGain, c, d);
-    ADD_FAILURE() << "no failure";
-  } catch (const CQvException& e) {
-    EXPECT_STREQ("ioctl failed with error 9", e.GetMessageText());
-  }
-}
-
 #define CAPS "video/x-bayer,format=grbg,width=8,height=8,framerate=30/1"
 
 GstHarness* Adapt(const std::string& sDevice, int iUpdate, bool bMaster, bool bAuto = true) {
@@ -190,7 +165,30 @@ GstFlowReturn Push(GstHarness* h, uint8_t uValue, MyMetaInfo* pxMeta = nullptr,
   return eFlow;
 }
 
-TEST_F(AutoAdaptTest, ADeviceThatCannotBeOpenedFailsEveryFrame) {
+TEST_F(AutoAdaptTest, CameraConvertsControlsAndFailsOnAClosedFileOnEveryFrame) {
+  g_axCams[1] = {0, 10, 0, 103, 52, 1040};
+  CH5Camera xCam("/dev/video1");
+  float a = 0, b = 0, c = 0, d = 0;
+  xCam.GetProperty(CamExposure, a);
+  EXPECT_NEAR(13.61e-6, a, 0.01e-6);  // 0 lines read as one
+  xCam.GetProperty(CamGain, b);
+  EXPECT_EQ(1.0f, b);  // 103 / 52
+  xCam.GetPropertyRange(CamExposure, c, d);
+  EXPECT_EQ(kLine * 11, c);  // one line above the minimum
+  xCam.SetProperty(CamGain, 1.0f);
+  xCam.SetProperty(CamExposure, 0.01f);
+  EXPECT_EQ(52, g_axCams[1].iGain);
+  EXPECT_EQ(734, g_axCams[1].iExposure);
+
+  CH5Camera::SetSystem(nullptr);  // the C library's calls
+  try {
+    CH5Camera("/nonexistent/video0").GetPropertyRange(CamGain, c, d);
+    ADD_FAILURE() << "no failure";
+  } catch (const CQvException& e) {
+    EXPECT_STREQ("ioctl failed with error 9", e.GetMessageText());
+  }
+  // The element says so on every frame.
+  CH5Camera::SetSystem(&g_xFake);
   GstHarness* h = Adapt("/dev/video9", 1, false);
   for (int i = 0; i < 2; ++i) {
     testing::internal::CaptureStdout();
@@ -267,12 +265,11 @@ TEST_F(AutoAdaptTest, ASeventhDeviceStopsTheJointStepForGood) {
 // Frames one at a time through a real pipeline: bytes unchanged, every frame stamped with the
 // values read before its own adaption, two writes at every update-th frame.
 TEST_F(AutoAdaptTest, PipelineMeasuresEveryUpdateFramesAndPassesTheBytesWithTheMeta) {
-  struct {
+  const struct {
     const char* szProperties;
     int iUpdate, iFrames;
-  } axRows[] = {{"update=1", 1, 3},
-                {"update=1000", 1000, 1000},
-                {"update=2 autoexp=false autogain=false", 2, 4}};
+  } axRows[] = {
+      {"update=1", 1, 3}, {"update=1000", 1000, 1000}, {"update=2 autoexp=0 autogain=0", 2, 4}};
   for (const auto& r : axRows) {
     g_axCams[2] = SFakeCam();
     g_xWrites.clear();
@@ -286,24 +283,21 @@ TEST_F(AutoAdaptTest, PipelineMeasuresEveryUpdateFramesAndPassesTheBytesWithTheM
     for (int i = 1; i <= r.iFrames; ++i) {
       const std::vector<uint8_t> xBytes = QvTest::FrameBytes(64, i);
       const SFakeCam x = g_axCams[2];
+      SCOPED_TRACE(std::string(r.szProperties) + " frame " + std::to_string(i));
       ASSERT_EQ(GST_FLOW_OK,
                 gst_app_src_push_buffer(GST_APP_SRC(pxSrc), QvTest::BufferFromBytes(xBytes)));
       GstSample* pxSample = gst_app_sink_pull_sample(GST_APP_SINK(pxSink));
       GstBuffer* pxOut = gst_sample_get_buffer(pxSample);
-      ASSERT_EQ(0, gst_buffer_memcmp(pxOut, 0, xBytes.data(), xBytes.size())) << i;
+      ASSERT_EQ(0, gst_buffer_memcmp(pxOut, 0, xBytes.data(), xBytes.size()));
       auto* m = reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut, MY_META_INFO_API_TYPE));
-      ASSERT_NE(nullptr, m) << r.szProperties << " " << i;
-      ASSERT_EQ(kLine * x.iExposure, m->exposure) << r.szProperties << " " << i;
-      ASSERT_EQ(static_cast<float>(x.iGain / 52), m->gain) << r.szProperties << " " << i;
-      ASSERT_EQ(2u * (i / r.iUpdate), g_xWrites.size()) << r.szProperties << " " << i;
+      ASSERT_TRUE(m && kLine * x.iExposure == m->exposure && float(x.iGain / 52) == m->gain);
+      ASSERT_EQ(2u * (i / r.iUpdate), g_xWrites.size());
       gst_sample_unref(pxSample);
     }
     for (const SWrite& w : g_xWrites)  // without flags, what was read goes back
       EXPECT_TRUE(r.iUpdate != 2 || w.iValue == (w.uId == kExposureId ? 100 : 104));
     gst_element_set_state(pxPipeline, GST_STATE_NULL);
-    gst_object_unref(pxSrc);
-    gst_object_unref(pxSink);
-    gst_object_unref(pxPipeline);
+    for (GstElement* px : {pxSrc, pxSink, pxPipeline}) gst_object_unref(px);
   }
 }
 

@@ -35,6 +35,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Expectation = std::function<bool(int, int, uint32_t&)>;
 Display* g_pxX = nullptr;  // the test's own connection
 pid_t g_iXvfb = -1;
 
@@ -44,8 +45,7 @@ class CXvfb : public ::testing::Environment {
   void SetUp() override {
     int aiPipe[2];
     if (pipe(aiPipe) != 0) return;
-    g_iXvfb = fork();
-    if (g_iXvfb == 0) {
+    if ((g_iXvfb = fork()) == 0) {
       close(aiPipe[0]);
       const std::string sFd = std::to_string(aiPipe[1]);
       execlp("Xvfb", "Xvfb", "-displayfd", sFd.c_str(), "-screen", "0", "1280x1024x24", "-nolisten",
@@ -53,13 +53,11 @@ class CXvfb : public ::testing::Environment {
       _exit(127);
     }
     close(aiPipe[1]);
-    std::string sNumber;
-    char c;
-    while (read(aiPipe[0], &c, 1) == 1 && c != '\n') sNumber += c;
-    close(aiPipe[0]);
-    if (sNumber.empty()) return;
-    setenv("DISPLAY", (":" + sNumber).c_str(), 1);
-    g_pxX = XOpenDisplay(nullptr);
+    FILE* pxIn = fdopen(aiPipe[0], "r");
+    int iNumber = -1;
+    if (fscanf(pxIn, "%d", &iNumber) == 1)
+      setenv("DISPLAY", (":" + std::to_string(iNumber)).c_str(), 1), g_pxX = XOpenDisplay(nullptr);
+    fclose(pxIn);
   }
   void TearDown() override {
     if (g_pxX) XCloseDisplay(g_pxX);
@@ -95,15 +93,14 @@ Window FindSinkWindows(int* piCount = nullptr) {
   return xFound;
 }
 
-uint32_t Rgb(int r, int g, int b) {
-  return static_cast<uint32_t>((r << 16) | (g << 8) | b);
-}
 constexpr uint32_t kGray = 0x666666;  // the clear colour 0.4
 uint32_t Block(int x, int y) {
-  return Rgb(x / 16 * 37 % 256, y / 16 * 53 % 256, (x / 16 + y / 16) * 29 % 256);
+  return uint32_t((x / 16 * 37 % 256) << 16 | (y / 16 * 53 % 256) << 8 |
+                  (x / 16 + y / 16) * 29 % 256);
 }
-bool Inside(int x, int y) {
-  return x % 16 >= 5 && x % 16 <= 10 && y % 16 >= 5 && y % 16 <= 10;
+// The middle of each 16-pixel block, away from the filtering at its edges.
+bool Blocks(int x, int y, uint32_t& u) {
+  return x % 16 >= 5 && x % 16 <= 10 && y % 16 >= 5 && y % 16 <= 10 && (u = Block(x, y), true);
 }
 
 Qv::CQvImage MakeFrame(int iWidth, int iHeight, const std::function<uint32_t(int, int)>& fn) {
@@ -118,8 +115,7 @@ Qv::CQvImage MakeFrame(int iWidth, int iHeight, const std::function<uint32_t(int
 }
 
 // Pixels where the expectation says so; the number that differ, and the first of them.
-int Mismatches(Window xWindow, const std::function<bool(int, int, uint32_t&)>& fnExpect,
-               std::string& sFirst, int iTolerance = 0) {
+int Mismatches(Window xWindow, const Expectation& fnExpect, std::string& sFirst, int iTol = 0) {
   XWindowAttributes xa;
   XGetWindowAttributes(g_pxX, xWindow, &xa);
   XImage* pxImage = XGetImage(g_pxX, xWindow, 0, 0, xa.width, xa.height, AllPlanes, ZPixmap);
@@ -130,11 +126,10 @@ int Mismatches(Window xWindow, const std::function<bool(int, int, uint32_t&)>& f
       uint32_t uWant = 0;
       if (!fnExpect(x, y, uWant)) continue;
       const uint32_t uGot = XGetPixel(pxImage, x, y) & 0xFFFFFF;
-      bool bClose = true;
-      for (int iShift : {0, 8, 16})
-        bClose = bClose && std::abs(static_cast<int>((uGot >> iShift) & 255) -
-                                    static_cast<int>((uWant >> iShift) & 255)) <= iTolerance;
-      if (!bClose && iBad++ == 0)
+      int iWorst = 0;
+      for (int i : {0, 8, 16})
+        iWorst = std::max(iWorst, std::abs(int((uGot >> i) & 255) - int((uWant >> i) & 255)));
+      if (iWorst > iTol && iBad++ == 0)
         sFirst = std::to_string(x) + "," + std::to_string(y) + " got " + std::to_string(uGot);
     }
   XDestroyImage(pxImage);
@@ -153,31 +148,31 @@ class DisplaySink : public ::testing::Test {
     if (m_pxH) gst_harness_teardown(m_pxH);
   }
   CNativeWindowX11GLX* Win() { return GST_CUDA_SINK(m_pxH->element)->pxWindow; }
+  void Push(const Qv::CQvImage& xFrame) {
+    gst_harness_push(m_pxH, QvTest::DeviceImageBuffer(xFrame));
+  }
   // Pushes the frame until the window has taken it; the window is up afterwards.
   void Show(const Qv::CQvImage& xFrame) {
-    gst_harness_push(m_pxH, QvTest::DeviceImageBuffer(xFrame));
+    Push(xFrame);
     const uint64_t uShown = Win()->GetShownCount();
-    ASSERT_TRUE(WaitFor([&] {
-      gst_harness_push(m_pxH, QvTest::DeviceImageBuffer(xFrame));
-      return Win()->GetShownCount() > uShown;
-    })) << "the window never took a frame";
+    ASSERT_TRUE(WaitFor([&] { return Push(xFrame), Win()->GetShownCount() > uShown; }))
+        << "the window never took a frame";
     ASSERT_NE(0u, m_xWindow = FindSinkWindows());
   }
-  void Key(const char* szKey) {
+  void Key(const std::string& sKey) {
     XSetInputFocus(g_pxX, m_xWindow, RevertToParent, CurrentTime);
-    const KeyCode uCode = XKeysymToKeycode(g_pxX, XStringToKeysym(szKey));
+    const KeyCode uCode = XKeysymToKeycode(g_pxX, XStringToKeysym(sKey.c_str()));
     XTestFakeKeyEvent(g_pxX, uCode, True, 0);
     XTestFakeKeyEvent(g_pxX, uCode, False, 0);
     XSync(g_pxX, False);
   }
   int CameraOfNextFrame(const Qv::CQvImage& xFrame) {
     while (GstEvent* pxOld = gst_harness_try_pull_upstream_event(m_pxH)) gst_event_unref(pxOld);
-    gst_harness_push(m_pxH, QvTest::DeviceImageBuffer(xFrame));
+    Push(xFrame);
     int iCamera = -100;
     while (GstEvent* pxEvent = gst_harness_try_pull_upstream_event(m_pxH)) {
       const GstStructure* s = gst_event_get_structure(pxEvent);
-      if (GST_EVENT_TYPE(pxEvent) == GST_EVENT_CUSTOM_UPSTREAM && s &&
-          gst_structure_has_name(s, "eventStruct"))
+      if (s && gst_structure_has_name(s, "eventStruct"))
         gst_structure_get_int(s, "camID", &iCamera);
       gst_event_unref(pxEvent);
     }
@@ -187,9 +182,10 @@ class DisplaySink : public ::testing::Test {
   Window m_xWindow = 0;
 };
 
-TEST_F(DisplaySink, PictureKeepsAspectAndFollowsTheWindow) {
+TEST_F(DisplaySink, PictureKeepsAspectFollowsTheWindowAndDropsFramesWhenBusy) {
+  const uint64_t uRegistered = Qv::Device::GetGraphicsRegistrationCount();
   const Qv::CQvImage xBlocks = MakeFrame(800, 600, Block);
-  gst_harness_push(m_pxH, QvTest::DeviceImageBuffer(xBlocks));
+  Push(xBlocks);
   ASSERT_TRUE(WaitFor([] { return FindSinkWindows() != 0; }));
   m_xWindow = FindSinkWindows();
   std::string sFirst;
@@ -198,28 +194,22 @@ TEST_F(DisplaySink, PictureKeepsAspectAndFollowsTheWindow) {
       << "not gray before the first image: " << sFirst;
   EXPECT_GE(Win()->GetSkippedCount(), 1u) << "the first frame came before the window";
 
-  auto fnHalf = [](int x, int y, uint32_t& u) {
-    return Inside(2 * x, 2 * y) && (u = Block(2 * x, 2 * y), true);
-  };
+  auto fnHalf = [](int x, int y, uint32_t& u) { return Blocks(2 * x, 2 * y, u); };
+  auto fnBars = [](int x, int) { return x < 200 ? 0xFF0000u : x >= 1400 ? 255u : 0x00FF00u; };
   struct SRow {
     const char* szName;
     Qv::CQvImage xFrame;
     int iWindowWidth, iWindowHeight;
     bool bMipMap;
-    std::function<bool(int, int, uint32_t&)> fnExpect;
+    Expectation fnExpect;
   } aRows[] = {
-      {"4:3 in 4:3", xBlocks, 800, 600, false,
-       [](int x, int y, uint32_t& u) { return Inside(x, y) && (u = Block(x, y), true); }},
-      {"16:9 cut left and right",
-       MakeFrame(1600, 900,
-                 [](int x, int) {
-                   return x < 200 ? Rgb(255, 0, 0) : x >= 1400 ? 255 : Rgb(0, 255, 0);
-                 }),
-       800, 600, false, [](int, int, uint32_t& u) { return u = Rgb(0, 255, 0), true; }},
+      {"4:3 in 4:3", xBlocks, 800, 600, false, Blocks},
+      {"16:9 cut left and right", MakeFrame(1600, 900, fnBars), 800, 600, false,
+       [](int, int, uint32_t& u) { return u = 0x00FF00, true; }},
       {"2:3 between gray bars", MakeFrame(400, 600, Block), 800, 600, false,
        [](int x, int y, uint32_t& u) {
          if (x < 196 || x >= 604) return u = kGray, true;
-         return x >= 200 && x < 600 && Inside(x - 200, y) && (u = Block(x - 200, y), true);
+         return x >= 200 && x < 600 && Blocks(x - 200, y, u);
        }},
       {"resized to 400x300", xBlocks, 400, 300, false, fnHalf},
       {"mip chain at half size", xBlocks, 400, 300, true, fnHalf},
@@ -234,30 +224,29 @@ TEST_F(DisplaySink, PictureKeepsAspectAndFollowsTheWindow) {
     EXPECT_TRUE(WaitFor([&] { return Mismatches(m_xWindow, r.fnExpect, sFirst, iTol) == 0; }, 3000))
         << r.szName << ": " << Mismatches(m_xWindow, r.fnExpect, sFirst, iTol)
         << " pixels differ, first " << sFirst;
+    // On a GPU whose GL shares the device, the texture is registered once for many frames.
+    for (int i = 0; i < 100 && &r == aRows && Qv::Device::IsCuda(); ++i) Push(r.xFrame);
+    const uint64_t uNew = Qv::Device::GetGraphicsRegistrationCount() - uRegistered;
+    EXPECT_TRUE(&r != aRows || uNew <= 1) << uNew << " registrations";
   }
-}
-
-TEST_F(DisplaySink, BusyWindowDropsFramesAndRenderReturnsSoon) {
+  // A busy window drops frames, and a render returns long before it would have waited.
   const Qv::CQvImage xFrame = MakeFrame(1920, 1080, Block);
-  Show(xFrame);
-  double dLongestMs = 0;
+  Clock::duration xLongest{};
   for (int i = 0; i < 40; ++i) {
     const auto t0 = Clock::now();
-    gst_harness_push(m_pxH, QvTest::DeviceImageBuffer(xFrame));
-    dLongestMs =
-        std::max(dLongestMs, std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+    Push(xFrame);
+    xLongest = std::max(xLongest, Clock::now() - t0);
   }
   EXPECT_GT(Win()->GetSkippedCount(), 1u) << "back-to-back frames never found the window busy";
   EXPECT_GT(Win()->GetShownCount(), 2u);
-  EXPECT_LT(dLongestMs, 2000.0) << "a render waited for more than one upload";
-
+  EXPECT_LT(xLongest, std::chrono::seconds(2)) << "a render waited for more than one upload";
   testing::internal::CaptureStdout();
   gst_harness_push(m_pxH, gst_buffer_new());
   EXPECT_NE(std::string::npos,
             testing::internal::GetCapturedStdout().find("No device image embedded\n"));
 }
 
-TEST_F(DisplaySink, KeysPickCameraToggleMipMapAndResetTheView) {
+TEST_F(DisplaySink, KeysPickCameraMipMapAndViewAndRunV4l2CtlInDeviceOrder) {
   const Qv::CQvImage xFrame = MakeFrame(800, 600, Block);
   Show(xFrame);
   EXPECT_EQ(0, CameraOfNextFrame(xFrame)) << "camera 0 from the start";
@@ -265,20 +254,16 @@ TEST_F(DisplaySink, KeysPickCameraToggleMipMapAndResetTheView) {
   ASSERT_TRUE(WaitFor([&] { return Win()->iCamera == 2; }));
   EXPECT_EQ(2, CameraOfNextFrame(xFrame));
   EXPECT_EQ(2, CameraOfNextFrame(xFrame)) << "on every frame";
-
   gboolean bMipMap = TRUE;
   g_object_get(m_pxH->element, "mipmap", &bMipMap, NULL);
   EXPECT_FALSE(bMipMap);
   Key("m");
-  EXPECT_TRUE(WaitFor([&] {
-    g_object_get(m_pxH->element, "mipmap", &bMipMap, NULL);
-    return bMipMap;
-  }));
+  EXPECT_TRUE(
+      WaitFor([&] { return g_object_get(m_pxH->element, "mipmap", &bMipMap, NULL), bMipMap; }));
 
   // Pan with the left button, zoom with the right one: 100 pixels up-left, then 100 down.
-  const int iScreen = DefaultScreen(g_pxX);
   auto fnMove = [&](int x, int y) {
-    XTestFakeMotionEvent(g_pxX, iScreen, x, y, 0);
+    XTestFakeMotionEvent(g_pxX, DefaultScreen(g_pxX), x, y, 0);
     XSync(g_pxX, False);
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
   };
@@ -295,9 +280,8 @@ TEST_F(DisplaySink, KeysPickCameraToggleMipMapAndResetTheView) {
   Key("r");
   EXPECT_TRUE(WaitFor(
       [&] { return Win()->fZoom == 1.0f && Win()->fPanX == 0.0f && Win()->fPanY == 0.0f; }));
-}
 
-TEST_F(DisplaySink, CameraKeysRunV4l2CtlInDeviceOrder) {
+  // Camera keys against a fake v4l2-ctl that logs its arguments and answers reads.
   char szDir[] = "/tmp/qvfakeXXXXXX";
   ASSERT_TRUE(mkdtemp(szDir));
   const std::string sLog = std::string(szDir) + "/log", sTool = std::string(szDir) + "/v4l2-ctl";
@@ -305,14 +289,18 @@ TEST_F(DisplaySink, CameraKeysRunV4l2CtlInDeviceOrder) {
                        << "\ncase \"$*\" in *\" -C \"*) printf '%s' \"$QV_FAKE_ANSWER\";; esac\n";
   chmod(sTool.c_str(), 0755);
   const std::string sPath = getenv("PATH");
-  Show(MakeFrame(64, 48, Block));
-
   auto fnCmd = [](int d, const std::string& s) { return "-d /dev/video" + std::to_string(d) + s; };
   std::vector<std::string> xAll, xReads;
   for (int d : {0, 4, 1, 3, 2, 5}) {
     xAll.insert(xAll.end(), {fnCmd(d, " -C gain"), fnCmd(d, " -c gain=150")});
     xReads.push_back(fnCmd(d, " -C coarse_time"));
   }
+  auto fnLines = [&] {
+    std::vector<std::string> x;
+    std::ifstream xIn(sLog);
+    for (std::string s; std::getline(xIn, s);) x.push_back(s);
+    return x;
+  };
   struct SRow {
     const char *szKeys, *szAnswer;
     bool bTool;
@@ -331,14 +319,8 @@ TEST_F(DisplaySink, CameraKeysRunV4l2CtlInDeviceOrder) {
     unlink(sLog.c_str());
     setenv("QV_FAKE_ANSWER", r.szAnswer, 1);
     setenv("PATH", ((r.bTool ? std::string(szDir) + ":" : "/nonexistent:") + sPath).c_str(), 1);
-    Key(std::string(1, r.szKeys[0]).c_str());
+    Key(std::string(1, r.szKeys[0]));
     Key(r.szKeys + 1);
-    auto fnLines = [&] {
-      std::vector<std::string> x;
-      std::ifstream xIn(sLog);
-      for (std::string s; std::getline(xIn, s);) x.push_back(s);
-      return x;
-    };
     WaitFor([&] { return !r.bTool || fnLines().size() >= r.xExpected.size(); }, 3000);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(r.xExpected, fnLines()) << "keys " << r.szKeys;
@@ -374,12 +356,9 @@ std::string RunPipeline(int iFrames, bool bClose) {
   GstMessage* pxMsg = gst_bus_timed_pop_filtered(
       pxBus, 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
   std::string sError = pxMsg ? "" : "no end";
-  if (pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_ERROR) {
-    GError* pxErr = NULL;
-    gst_message_parse_error(pxMsg, &pxErr, NULL);
-    sError = pxErr->message;
-    g_error_free(pxErr);
-  }
+  GError* pxErr = NULL;
+  if (pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_ERROR)
+    gst_message_parse_error(pxMsg, &pxErr, NULL), sError = pxErr->message, g_error_free(pxErr);
   if (pxMsg) gst_message_unref(pxMsg);
   gst_object_unref(pxBus);
   gst_element_set_state(pxPipeline, GST_STATE_NULL);
@@ -403,47 +382,27 @@ TEST(DisplayPipeline, EndsCleanlyAndLeavesNoThreadWindowOrConnection) {
   EXPECT_EQ(iFds, CountEntries("/proc/self/fd")) << "an X11 connection stayed open";
 }
 
-TEST_F(DisplaySink, DeviceFillsTheTextureThroughInterop) {
-  if (!Qv::Device::IsCuda()) GTEST_SKIP() << "no GPU: CUDA-GL interop is not exercised here";
-  const uint64_t uBefore = Qv::Device::GetGraphicsRegistrationCount();
-  const Qv::CQvImage xFrame = MakeFrame(800, 600, Block);
-  Show(xFrame);
-  for (int i = 0; i < 100; ++i) gst_harness_push(m_pxH, QvTest::DeviceImageBuffer(xFrame));
-  const uint64_t uRegistered = Qv::Device::GetGraphicsRegistrationCount() - uBefore;
-  if (uRegistered == 0) GTEST_SKIP() << "the GL of this display is not on the CUDA device";
-  EXPECT_EQ(1u, uRegistered) << "registered once for 100 frames";
-  std::string sFirst;
-  auto fnExpect = [](int x, int y, uint32_t& u) { return Inside(x, y) && (u = Block(x, y), true); };
-  EXPECT_TRUE(WaitFor([&] { return Mismatches(m_xWindow, fnExpect, sFirst) == 0; }, 3000))
-      << sFirst;
-}
-
 TEST(Texture, RefusesWhatItCannotHoldBeforeAnyGlCall) {
-  using Qv::CQvImageFormat;
-  using Qv::OpenGL::CTexture2D;
-  struct SRow {
-    std::function<void()> fnCall;
-    const char* szText;
-  } aRows[] = {
+  using namespace Qv;
+  using OpenGL::CTexture2D;
+  const std::pair<std::function<void()>, const char*> aRows[] = {
       {[] { CTexture2D().CreateExtern(0); }, "Invalid texture ID"},
-      {[] { CTexture2D().Set(Qv::CQvDeviceImage2D(), 0, 1, 0); }, "Given image is invalid"},
+      {[] { CTexture2D().Set(CQvDeviceImage2D(), 0, 1, 0); }, "Given image is invalid"},
       {[] {
-         CTexture2D::ToGlInternalFormat(
-             CQvImageFormat(4, 2, Qv::EPixelType::RGBA, Qv::EDataType::Custom_10Packed), 1);
+         CTexture2D::ToGlInternalFormat({4, 2, EPixelType::RGBA, EDataType::Custom_10Packed}, 1);
        },
        "Unknown image data type: 4x2, RGBA, "},
       {[] {
-         CTexture2D::ToGlInternalFormat(
-             CQvImageFormat(4, 2, Qv::EPixelType::Unknown, Qv::EDataType::UByte), 1);
+         CTexture2D::ToGlInternalFormat({4, 2, EPixelType::Unknown, EDataType::UByte}, 1);
        },
        "Unknown image pixel type: 4x2, "},
   };
-  for (const SRow& r : aRows) {
+  for (const auto& r : aRows) {
     try {
-      r.fnCall();
-      ADD_FAILURE() << "no exception, expected " << r.szText;
-    } catch (const Qv::CQvException& e) {
-      EXPECT_EQ(0, std::string(e.GetMessageText()).rfind(r.szText, 0)) << e.GetMessageText();
+      r.first();
+      ADD_FAILURE() << "no exception, expected " << r.second;
+    } catch (const CQvException& e) {
+      EXPECT_EQ(0, std::string(e.GetMessageText()).rfind(r.second, 0)) << e.GetMessageText();
     }
   }
 }

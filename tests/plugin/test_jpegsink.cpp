@@ -47,22 +47,20 @@ std::vector<uint8_t> ExpectedLuma(const CQvImage& xFrame) {
 std::vector<uint8_t> DecodedLuma(const std::string& sPath, int w, int h) {
   std::ifstream xFile(sPath, std::ios::binary);
   const std::string sJpeg{std::istreambuf_iterator<char>(xFile), std::istreambuf_iterator<char>()};
-  std::vector<uint8_t> xY(size_t(w) * h), xU(size_t(w) * h / 4), xV(xU.size());
-  unsigned char* pPlanes[3] = {xY.data(), xU.data(), xV.data()};
   const auto* pJpeg = reinterpret_cast<const unsigned char*>(sJpeg.data());
+  std::vector<uint8_t> xY(size_t(w) * h);
   tjhandle hTj = tjInitDecompress();
   int iW = 0, iH = 0, iSub = -1, iSpace = -1;
   const bool bOk = tjDecompressHeader3(hTj, pJpeg, sJpeg.size(), &iW, &iH, &iSub, &iSpace) == 0 &&
                    iW == w && iH == h && iSub == TJSAMP_420 &&
-                   tjDecompressToYUVPlanes(hTj, pJpeg, sJpeg.size(), pPlanes, w, NULL, h, 0) == 0;
+                   tjDecompress2(hTj, pJpeg, sJpeg.size(), xY.data(), w, 0, h, TJPF_GRAY, 0) == 0;
   tjDestroy(hTj);
   return bOk ? xY : std::vector<uint8_t>();
 }
 
-// Within JPEG error at quality 95 (this frame gives 42 dB, quality 30 gives 34 dB). Two
-// encodings of one frame each carry their own error.
+// Within JPEG error at quality 95 (this frame gives 42 dB, quality 30 gives 34 dB).
 void ExpectJpegClose(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b,
-                     const std::string& sWhat, double dMinPsnr = 40.0, int iMaxError = 12) {
+                     const std::string& sWhat) {
   ASSERT_EQ(a.size(), b.size()) << sWhat;
   double dSq = 0;
   int iMax = 0;
@@ -70,8 +68,8 @@ void ExpectJpegClose(const std::vector<uint8_t>& a, const std::vector<uint8_t>& 
     const int d = std::abs(int(a[i]) - int(b[i]));
     dSq += d * d, iMax = std::max(iMax, d);
   }
-  EXPECT_GT(10 * std::log10(255.0 * 255.0 * a.size() / std::max(dSq, 1.0)), dMinPsnr) << sWhat;
-  EXPECT_LE(iMax, iMaxError) << sWhat;
+  EXPECT_GT(10 * std::log10(255.0 * 255.0 * a.size() / std::max(dSq, 1.0)), 40.0) << sWhat;
+  EXPECT_LE(iMax, 12) << sWhat;
 }
 
 class JpegSinkTest : public ::testing::Test {
@@ -102,8 +100,8 @@ class JpegSinkTest : public ::testing::Test {
   void SetLocation(const std::string& s) {
     g_object_set(m_pxHarness->element, "location", (m_sDir + "/" + s).c_str(), NULL);
   }
-  GstFlowReturn Push(const CQvImage& xFrame) {
-    return gst_harness_push(m_pxHarness, QvTest::DeviceImageBuffer(xFrame));
+  GstFlowReturn Push(int w, int h) {
+    return gst_harness_push(m_pxHarness, QvTest::DeviceImageBuffer(TestFrame(w, h)));
   }
   std::vector<std::string> Files() const {
     std::vector<std::string> x;
@@ -128,16 +126,15 @@ class JpegSinkTest : public ::testing::Test {
 };
 
 TEST_F(JpegSinkTest, EveryFrameDecodesToTheLumaOfTheYuvConversion) {
-  // The 4K camera frame and the scaled frame, one each; a small frame three times.
-  const struct { int w, h, iFrames; } xRows[] = {{3840, 2160, 1}, {3840, 1784, 1}, {64, 48, 3}};
+  // The scaled camera frame once, a small frame three times. Where a GPU has nvJPEG, it encodes.
+  const struct { int w, h, iFrames; } xRows[] = {{3840, 1784, 1}, {64, 48, 3}};
   int iFile = 0;
   for (const auto& r : xRows) {
     Start(r.w, r.h);
     SetLocation("f%05d.jpg");
-    const CQvImage xFrame = TestFrame(r.w, r.h);
-    const std::vector<uint8_t> xExpected = ExpectedLuma(xFrame);
+    const std::vector<uint8_t> xExpected = ExpectedLuma(TestFrame(r.w, r.h));
     for (int i = 0; i < r.iFrames; ++i) {
-      ASSERT_EQ(GST_FLOW_OK, Push(xFrame)) << r.h;
+      ASSERT_EQ(GST_FLOW_OK, Push(r.w, r.h)) << r.h;
       const std::string sName = "/f0000" + std::to_string(++iFile) + ".jpg";
       ExpectJpegClose(DecodedLuma(m_sDir + sName, r.w, r.h), xExpected, sName);
     }
@@ -148,21 +145,20 @@ TEST_F(JpegSinkTest, EveryFrameDecodesToTheLumaOfTheYuvConversion) {
 TEST_F(JpegSinkTest, NumberingStartsAtOneAndGoesOnOverAStopAndStart) {
   Start(16, 8);
   SetLocation("n%d.jpg");
-  const CQvImage xFrame = TestFrame(16, 8);
   // One rate line, at the fifth frame.
   testing::internal::CaptureStdout();
-  for (int i = 0; i < 5; ++i) ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
   const std::string sOut = testing::internal::GetCapturedStdout();
   EXPECT_TRUE(sOut.rfind("FPS: ", 0) == 0 && sOut.find('\n') == sOut.size() - 1) << sOut;
   gst_element_set_state(m_pxHarness->element, GST_STATE_NULL);
   gst_harness_play(m_pxHarness);
   Start(16, 8);
-  ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
   EXPECT_EQ((std::vector<std::string>{"n1.jpg", "n2.jpg", "n3.jpg", "n4.jpg", "n5.jpg", "n6.jpg"}),
             Files());
   // Without a conversion every frame goes to the one file.
   SetLocation("same.jpg");
-  for (int i = 0; i < 3; ++i) ASSERT_EQ(GST_FLOW_OK, Push(xFrame));
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
   EXPECT_EQ(7u, Files().size());
 }
 
@@ -187,7 +183,7 @@ TEST_F(JpegSinkTest, LocationPatternsAreCheckedWhenSet) {
     SetLocation(r.first);
     EXPECT_EQ(r.first, Location());
     const size_t uBefore = Files().size();
-    ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8))) << r.first;
+    ASSERT_EQ(GST_FLOW_OK, Push(16, 8)) << r.first;
     EXPECT_EQ(r.second.empty(), BusText().find("longer than 255") != std::string::npos);
     EXPECT_EQ(uBefore + !r.second.empty(), Files().size()) << r.first;
     EXPECT_TRUE(r.second.empty() ||
@@ -201,19 +197,19 @@ TEST_F(JpegSinkTest, LocationPatternsAreCheckedWhenSet) {
 TEST_F(JpegSinkTest, RefusedSizesAndLostFramesSayWhy) {
   for (const auto& xSize : {std::make_pair(63, 48), std::make_pair(64, 47)}) {
     Start(xSize.first, xSize.second);
-    EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, Push(TestFrame(xSize.first, xSize.second)));
+    EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, Push(xSize.first, xSize.second));
     EXPECT_NE(std::string::npos, BusText().find("need an even width"));
   }
   Start(16, 8);
   SetLocation("missing/f%d.jpg");
-  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8)));
+  ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
   EXPECT_NE(std::string::npos, BusText().find(m_sDir + "/missing/f1.jpg"));
   SetLocation("f%d.jpg");
   testing::internal::CaptureStdout();
-  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(32, 8)));
+  ASSERT_EQ(GST_FLOW_OK, Push(32, 8));
   EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find(
                                    "a frame of 32x8 does not fit the platform buffer of 16x8"));
-  ASSERT_EQ(GST_FLOW_OK, Push(TestFrame(16, 8)));
+  ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
   EXPECT_EQ(std::vector<std::string>{"f3.jpg"}, Files());
   ExpectJpegClose(DecodedLuma(m_sDir + "/f3.jpg", 16, 8), ExpectedLuma(TestFrame(16, 8)), "f3");
 }
@@ -229,7 +225,6 @@ TEST_F(JpegSinkTest, PipelineFileMatchesTheYPlaneOfTheSameFrame) {
       "/p%d.jpg t. ! qvcudayuv ! qvcudadownload ! appsink name=out "
       "sync=false async=false";
   GstElement* pxPipeline = gst_parse_launch(sLaunch.c_str(), NULL);
-  ASSERT_NE(nullptr, pxPipeline);
   GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
   GstElement* pxOut = gst_bin_get_by_name(GST_BIN(pxPipeline), "out");
   gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
@@ -241,11 +236,9 @@ TEST_F(JpegSinkTest, PipelineFileMatchesTheYPlaneOfTheSameFrame) {
   GstSample* pxSample = NULL;
   g_signal_emit_by_name(pxOut, "try-pull-sample", 5 * GST_SECOND, &pxSample);
   ASSERT_NE(nullptr, pxSample);
-  GstMapInfo xMap;
-  ASSERT_TRUE(gst_buffer_map(gst_sample_get_buffer(pxSample), &xMap, GST_MAP_READ));
-  ExpectJpegClose(DecodedLuma(m_sDir + "/p1.jpg", 64, 48),
-                  std::vector<uint8_t>(xMap.data, xMap.data + 64 * 48), "pipeline");
-  gst_buffer_unmap(gst_sample_get_buffer(pxSample), &xMap);
+  std::vector<uint8_t> xY(64 * 48);
+  gst_buffer_extract(gst_sample_get_buffer(pxSample), 0, xY.data(), xY.size());
+  ExpectJpegClose(DecodedLuma(m_sDir + "/p1.jpg", 64, 48), xY, "pipeline");
   gst_sample_unref(pxSample);
   gst_element_set_state(pxPipeline, GST_STATE_NULL);
   for (GstElement* px : {pxSrc, pxOut, pxPipeline}) gst_object_unref(px);
@@ -275,35 +268,6 @@ TEST(JpegBuffer, CopyYUVToNvBufferKeepsToPitchAndFile) {
     EXPECT_EQ(xExpected, xBytes) << r.second;
   }
   std::fclose(pxFile);
-}
-
-// Both encoders from the same converted 4K frame: the same picture within JPEG error.
-TEST_F(JpegSinkTest, NvJpegAndTurboJpegGiveTheSamePicture) {
-  if (!NvJpegEncoder::IsNvJpegAvailable())
-    GTEST_SKIP() << "nvJPEG is not available here (no GPU, or no libnvjpeg)";
-  const CQvImage xFrame = TestFrame(3840, 2160);
-  const CQvDeviceImage2D xSource(xFrame);
-  TegraBufferShim xShim;
-  xShim.Initialize();
-  std::vector<std::vector<uint8_t>> xLuma;
-  for (EJpegEncoder eKind : {EJpegEncoder::NvJpeg, EJpegEncoder::Turbo}) {
-    auto pxEncoder = NvJpegEncoder::Create(eKind, nullptr);
-    NvMemory xBuffer =
-        xShim.CreateNvBuffer(NvBufferColorFormat_YUV420, 3840, 2160, pxEncoder->GetPlaneMemory());
-    NvMappedMemory xMapped = xShim.MapNvBuffer(xBuffer);
-    CQvDeviceImage2D xY, xU, xV;
-    xShim.GetMoniker(xMapped, xY, xU, xV);
-    CQvCudaCompYUV().Convert(xY, xU, xV, xSource);
-    std::string sOut(pxEncoder->GetMaxStreamSize(3840, 2160), '\0');
-    auto* pOut = reinterpret_cast<unsigned char*>(&sOut[0]);
-    unsigned long uSize = sOut.size();
-    pxEncoder->Encode(xBuffer, 95, &pOut, uSize);
-    std::ofstream(m_sDir + "/gpu.jpg", std::ios::binary).write(sOut.data(), long(uSize));
-    xLuma.push_back(DecodedLuma(m_sDir + "/gpu.jpg", 3840, 2160));
-    xShim.DestroyNvBuffer(xBuffer);
-  }
-  ExpectJpegClose(xLuma[0], xLuma[1], "nvJPEG against TurboJPEG", 37.0, 24);
-  for (int i = 0; i < 2; ++i) ExpectJpegClose(xLuma[i], ExpectedLuma(xFrame), "against the source");
 }
 
 }  // namespace
