@@ -50,7 +50,6 @@ CMixInput::CMixInput(GstElement* pxMixer, const char* szPadName) : m_pxMixer(pxM
   m_pxSrc = gst_pad_new_from_static_template(&xSrcTemplate, "src");
   gst_pad_set_element_private(m_pxSrc, this);
   gst_pad_set_event_function(m_pxSrc, OnEvent);
-  gst_pad_set_query_function(m_pxSrc, OnQuery);
   gst_pad_set_active(m_pxSrc, TRUE);
   EXPECT_EQ(GST_PAD_LINK_OK, gst_pad_link(m_pxSrc, m_pxMixerPad));
   gchar* szStream = g_strdup_printf("test-input-%d", g_atomic_int_add(&g_iStreamCounter, 1));
@@ -154,13 +153,6 @@ std::vector<GstEventType> CMixInput::UpstreamEventTypes() {
   return xTypes;
 }
 
-
-void CMixInput::AnswerDuration(gint64 iDuration) {
-  std::lock_guard<std::mutex> xGuard(m_xMutex);
-  m_bAnswerDuration = true;
-  m_iDuration = iDuration;
-}
-
 gboolean CMixInput::OnEvent(GstPad* pad, GstObject* /*parent*/, GstEvent* event) {
   auto* self = static_cast<CMixInput*>(gst_pad_get_element_private(pad));
   // Linking sends one reconfigure event of its own; it says nothing about the mixer.
@@ -171,17 +163,6 @@ gboolean CMixInput::OnEvent(GstPad* pad, GstObject* /*parent*/, GstEvent* event)
   std::lock_guard<std::mutex> xGuard(self->m_xMutex);
   self->m_xUpstream.push_back(event);
   return TRUE;
-}
-
-gboolean CMixInput::OnQuery(GstPad* pad, GstObject* parent, GstQuery* query) {
-  auto* self = static_cast<CMixInput*>(gst_pad_get_element_private(pad));
-  if (GST_QUERY_TYPE(query) == GST_QUERY_DURATION) {
-    std::lock_guard<std::mutex> xGuard(self->m_xMutex);
-    if (!self->m_bAnswerDuration) return FALSE;
-    gst_query_set_duration(query, GST_FORMAT_TIME, self->m_iDuration);
-    return TRUE;
-  }
-  return gst_pad_query_default(pad, parent, query);
 }
 
 /* CMixOutput */

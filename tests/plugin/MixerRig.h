@@ -54,8 +54,6 @@ class CMixInput {
   // What the mixer sent upstream to this branch.
   std::vector<GstEventType> UpstreamEventTypes();
 
-  // The answer to duration queries; none by default.
-  void AnswerDuration(gint64 iDuration);
   // Stops the thread; items not yet pushed are dropped. The mixer must not hold a push.
   void Stop();
 
@@ -63,7 +61,6 @@ class CMixInput {
   void Run();
   size_t Queue(GstMiniObject* pxItem);
   static gboolean OnEvent(GstPad* pad, GstObject* parent, GstEvent* event);
-  static gboolean OnQuery(GstPad* pad, GstObject* parent, GstQuery* query);
 
   GstElement* m_pxMixer;
   GstPad* m_pxSrc = nullptr;
@@ -76,8 +73,6 @@ class CMixInput {
   std::vector<int> m_xResults;  // -1000 while pending
   std::vector<GstEvent*> m_xUpstream;
   bool m_bStop = false;
-  bool m_bAnswerDuration = false;
-  gint64 m_iDuration = -1;
   std::thread m_xThread;
 };
 

@@ -603,20 +603,6 @@ TEST(MixWall, SwitchingTypeWhilePlayingGivesWallFramesUnderTheSelectorsCaps) {
 
 /* Events and queries */
 
-TEST(MixEvents, SeeksWithoutAPositiveRateOrInOtherFormatsAreRefused) {
-  STwoPads x(0);
-  // GStreamer makes no seek of rate 0 itself: one is edited into an event of rate 1.
-  GstEvent* pxZero = TimeSeek(1.0, GST_SEEK_FLAG_FLUSH, 0, 0);
-  gst_structure_set(gst_event_writable_structure(pxZero), "rate", G_TYPE_DOUBLE, 0.0, NULL);
-  EXPECT_FALSE(x.xRig.Out().SendUpstream(pxZero));
-  EXPECT_FALSE(x.xRig.Out().SendUpstream(TimeSeek(-1.0, GST_SEEK_FLAG_FLUSH, 0, 0)));
-  EXPECT_FALSE(x.xRig.Out().SendUpstream(gst_event_new_seek(
-      1.0, GST_FORMAT_BYTES, GST_SEEK_FLAG_NONE, GST_SEEK_TYPE_SET, 0, GST_SEEK_TYPE_NONE, -1)));
-  EXPECT_FALSE(x.xRig.Out().SendUpstream(
-      gst_event_new_navigation(gst_structure_new_empty("application/x-gst-navigation"))));
-  EXPECT_TRUE(x.a.UpstreamEventTypes().empty());
-}
-
 TEST(MixEvents, FlushingSeekClearsCurrentBuffersAndPlainSeekKeepsThem) {
   // B holds b0 over [0,400) and keeps b1 at 400 ms. After the seek to 0 the intervals start
   // again: the plain seek keeps handing on b0, the flushing one has no current buffer.
@@ -672,31 +658,6 @@ TEST(MixEvents, FlushOnOnePadRewindsTheWholeOutput) {
   EXPECT_EQ(1u, CountEvents(x.xRig.Out(), GST_EVENT_FLUSH_STOP));
 }
 
-TEST(MixEvents, QueriesAnswerPositionInTimeAndTheLongestDuration) {
-  STwoPads x(0);
-  x.Push(x.a, "a0", 0, 40 * kMs);
-  x.Push(x.b, "b0", 0, 40 * kMs);
-  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
-  GstPad* pxSrc = gst_element_get_static_pad(x.xRig.Mixer(), "src");
-  EXPECT_EQ(static_cast<gint64>(40 * kMs), Position(x.xRig.Mixer()));
-  gint64 iValue = 0;
-  EXPECT_FALSE(gst_pad_query_position(pxSrc, GST_FORMAT_BUFFERS, &iValue));
-  GstQuery* pxLatency = gst_query_new_latency();
-  EXPECT_FALSE(gst_pad_query(pxSrc, pxLatency));
-  gst_query_unref(pxLatency);
-
-  EXPECT_FALSE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));  // no answers
-  x.a.AnswerDuration(10 * GST_SECOND);
-  EXPECT_FALSE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));  // one answer
-  x.b.AnswerDuration(20 * GST_SECOND);
-  EXPECT_TRUE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));
-  EXPECT_EQ(static_cast<gint64>(20 * GST_SECOND), iValue);
-  x.a.AnswerDuration(-1);
-  EXPECT_TRUE(gst_pad_query_duration(pxSrc, GST_FORMAT_TIME, &iValue));
-  EXPECT_EQ(-1, iValue);
-  gst_object_unref(pxSrc);
-}
-
 TEST(MixEvents, TagsGoOutWithTheNextPassAndQosGoesToEveryCamera) {
   STwoPads x(0);
   GstTagList* pxTags = gst_tag_list_new(GST_TAG_TITLE, "camera A", NULL);
@@ -719,22 +680,6 @@ TEST(MixEvents, TagsGoOutWithTheNextPassAndQosGoesToEveryCamera) {
       gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 0.9, 10 * kMs, 40 * kMs)));
   for (CMixInput* pxIn : {&x.a, &x.b})
     EXPECT_EQ((std::vector<GstEventType>{GST_EVENT_QOS}), pxIn->UpstreamEventTypes());
-}
-
-TEST(MixEvents, SegmentInAnotherFormatIsRefusedWithAWarning) {
-  STwoPads x(0);
-  GstSegment xBytes;
-  gst_segment_init(&xBytes, GST_FORMAT_BYTES);
-  EXPECT_EQ(GST_FLOW_OK, x.a.Wait(0));
-  EXPECT_FALSE(gst_pad_send_event(x.a.MixerPad(), gst_event_new_segment(&xBytes)));
-  std::vector<GstMessage*> xWarnings = x.xRig.Messages(GST_MESSAGE_WARNING);
-  ASSERT_EQ(1u, xWarnings.size());
-  GError* pxError = NULL;
-  gst_message_parse_warning(xWarnings[0], &pxError, NULL);
-  EXPECT_TRUE(g_error_matches(pxError, GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT));
-  EXPECT_STREQ("Refused a segment in bytes on sink_0: the mixer takes time segments only.",
-               pxError->message);
-  g_error_free(pxError);
 }
 
 /* Quality of service */

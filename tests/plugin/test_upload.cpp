@@ -184,46 +184,6 @@ TEST(Upload, AnotherBayerOrderIsReadAsGrbgWithOneWarning) {
   gst_object_unref(pxPipeline);
 }
 
-TEST(Upload, CapsGoAcrossAsGray8OfTheSameSizeAndBackAsEveryBayerOrder) {
-  GstElement* pxElement = gst_element_factory_make("qvcudaupload", NULL);
-  struct {
-    GstPadDirection eDirection;
-    const char* szCaps;
-    const char* szFilter;
-    const char* szExpected;
-  } const xTable[] = {
-      {GST_PAD_SINK, "video/x-bayer,format=rggb,width=640,height=480,framerate=30/1", NULL,
-       "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1"},
-      {GST_PAD_SINK, "video/x-raw,format=GRAY8,width=[16,320],height=480,framerate=30/1", NULL,
-       "video/x-raw,format=GRAY8,width=[16,320],height=480,framerate=30/1"},
-      {GST_PAD_SRC, "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1", NULL,
-       "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1;"
-       "video/x-bayer,format={BA81,bggr,grbg,gbrg,rggb},width=(int)[1,MAX],"
-       "height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]"},
-      // The filter is intersected first, in its order.
-      {GST_PAD_SRC, "video/x-raw,format=GRAY8,width=1280,height=720,framerate=25/1",
-       "video/x-bayer,format=grbg;video/x-raw",
-       "video/x-bayer,format=grbg,width=(int)[1,MAX],height=(int)[1,MAX],"
-       "framerate=(fraction)[0/1,MAX];video/x-raw,format=GRAY8,width=1280,height=720,"
-       "framerate=25/1"},
-  };
-  for (const auto& x : xTable) {
-    SCOPED_TRACE(x.szCaps);
-    GstCaps* pxCaps = gst_caps_from_string(x.szCaps);
-    GstCaps* pxFilter = x.szFilter ? gst_caps_from_string(x.szFilter) : NULL;
-    GstCaps* pxResult = GST_BASE_TRANSFORM_GET_CLASS(pxElement)->transform_caps(
-        GST_BASE_TRANSFORM(pxElement), x.eDirection, pxCaps, pxFilter);
-    EXPECT_TRUE(QvTest::CapsEqualString(pxResult, x.szExpected));
-    if (x.szFilter) {
-      EXPECT_STREQ("video/x-bayer", gst_structure_get_name(gst_caps_get_structure(pxResult, 0)));
-    }
-    gst_caps_unref(pxResult);
-    gst_caps_unref(pxCaps);
-    if (pxFilter) gst_caps_unref(pxFilter);
-  }
-  gst_object_unref(pxElement);
-}
-
 // Runs in a fresh child process: a pipeline forced onto CUDA fails to start with one clear
 // error message on the bus, and nothing crashes.
 [[noreturn]] void StartPipelineForcedOntoCuda() {
