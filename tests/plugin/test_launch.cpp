@@ -71,23 +71,6 @@ std::string FileSourceCaps(const std::string& sPath, size_t uFrameBytes, const c
   return "filesrc location=" + sPath + " blocksize=" + std::to_string(uFrameBytes) + " ! " + szCaps;
 }
 
-TEST(LaunchPipeline, RelabellingFiltersCarryARawFileThroughUnchanged) {
-  // Bayer to RGB of a third of the height, back to bayer, then to gray: three frames of
-  // 64 x 48 leave as they came.
-  const std::vector<uint8_t> xRaw = QvTest::FrameBytes(3 * 64 * 48, 21);
-  const std::string sIn = TempPath("in.grbg"), sOut = TempPath("out.gray");
-  WriteFile(sIn, xRaw);
-  const SRun x = Launch(
-      FileSourceCaps(sIn, 64 * 48, "video/x-bayer,format=grbg,width=64,height=48,framerate=30/1") +
-      " ! qvbayer2rgb ! qvrgb2bayer ! qvbayer2lum ! "
-      "video/x-raw,format=GRAY8,width=64,height=48 ! filesink location=" +
-      sOut);
-  EXPECT_EQ(0, x.iExit) << x.sOut << x.sErr;
-  EXPECT_EQ(xRaw, ReadFile(sOut));
-  std::remove(sIn.c_str());
-  std::remove(sOut.c_str());
-}
-
 TEST(LaunchPipeline, UnknownElementsAndFailedFramesEndTheRunWithAnError) {
   SRun x = Launch("fakesrc num-buffers=1 ! nosuchelement ! fakesink");
   EXPECT_NE(0, x.iExit);

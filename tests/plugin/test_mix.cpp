@@ -85,40 +85,6 @@ GstEvent* TimeSeek(gdouble dRate, GstSeekFlags eFlags, GstClockTime uStart, GstC
 
 /* Pads, children and the property */
 
-std::string PadName(GstPad* pxPad) {
-  if (!pxPad) return "(none)";
-  std::string s = GST_PAD_NAME(pxPad);
-  gst_object_unref(pxPad);
-  return s;
-}
-
-std::string RequestName(GstElement* pxMixer, const char* szName) {
-  return PadName(gst_element_request_pad_simple(pxMixer, szName));
-}
-
-// Straight to the element, for names GStreamer's own checks stop before it gets them.
-std::string RequestDirect(GstElement* pxMixer, const char* szName, GstPadTemplate* pxTemplate) {
-  GstPad* pxPad =
-      GST_ELEMENT_GET_CLASS(pxMixer)->request_new_pad(pxMixer, pxTemplate, szName, NULL);
-  return PadName(pxPad ? GST_PAD(gst_object_ref(pxPad)) : NULL);
-}
-
-TEST(MixPads, RequestedNamesSetTheNextNumberOnlyUpwards) {
-  GstElement* pxMixer = gst_element_factory_make("qvcudamix", NULL);
-  EXPECT_EQ("sink_7", RequestName(pxMixer, "sink_7"));
-  EXPECT_EQ("sink_8", RequestName(pxMixer, "sink_%u"));
-  EXPECT_EQ("sink_2", RequestName(pxMixer, "sink_2"));
-  EXPECT_EQ("sink_9", RequestName(pxMixer, "sink_%u"));
-  GstPadTemplate* pxTemplate =
-      gst_element_class_get_pad_template(GST_ELEMENT_GET_CLASS(pxMixer), "sink_%u");
-  // "sink_" alone is no longer than 5 characters and isn't parsed.
-  EXPECT_EQ("sink_10", RequestDirect(pxMixer, "sink_", pxTemplate));
-  // A number in use is refused instead of making a second pad of the same name.
-  EXPECT_EQ("(none)", RequestDirect(pxMixer, "sink_2", pxTemplate));
-  EXPECT_EQ(5u, gst_child_proxy_get_children_count(GST_CHILD_PROXY(pxMixer)));
-  gst_object_unref(pxMixer);
-}
-
 TEST(MixPads, TypePropertyTakesTwoExactValuesAndReadsVideoWallWithCapitalW) {
   GstElement* pxMixer = gst_element_factory_make("qvcudamix", NULL);
   auto Type = [&] {
@@ -189,79 +155,6 @@ TEST(MixCaps, OutputTakesTheLargestSizeAndRateOrTheWallSize) {
   EXPECT_EQ(64, CapsInt(pxCaps, "width"));
   EXPECT_EQ(48, CapsInt(pxCaps, "height"));
   EXPECT_EQ(std::make_pair(30, 1), CapsFraction(pxCaps, "framerate"));
-}
-
-TEST(MixCaps, AlphaBeatsAnyCountAndFailsWhereDownstreamHasNoAlpha) {
-  const char* kGray = "video/x-raw,format=GRAY8,width=16,height=8,framerate=25/1";
-  const char* kRgba = "video/x-raw,format=RGBA,width=16,height=8,framerate=25/1";
-  {
-    CMixerRig xRig(nullptr, "video/x-raw,format={GRAY8,RGBA}");
-    xRig.Play();
-    EXPECT_EQ("RGBA", CapsString(NegotiatedCaps(xRig, {kGray, kGray, kRgba}), "format"));
-  }
-  {
-    CMixerRig xRig(nullptr, "video/x-raw,format=GRAY8");
-    xRig.Play();
-    for (const char* szCaps : {kGray, kGray}) {
-      CMixInput& xIn = xRig.AddInput();
-      EXPECT_EQ(GST_FLOW_OK, xIn.Wait(xIn.Caps(szCaps)));
-    }
-    // Sent straight to the pad: a push from upstream reports a sticky event as stored.
-    CMixInput& xIn = xRig.AddInput();
-    EXPECT_EQ(GST_FLOW_OK, xIn.Wait(0));
-    EXPECT_FALSE(
-        gst_pad_send_event(xIn.MixerPad(), gst_event_new_caps(gst_caps_from_string(kRgba))));
-    std::vector<GstMessage*> xErrors = xRig.Messages(GST_MESSAGE_ERROR);
-    ASSERT_EQ(1u, xErrors.size());
-    GError* pxError = NULL;
-    gchar* szDebug = NULL;
-    gst_message_parse_error(xErrors[0], &pxError, &szDebug);
-    EXPECT_TRUE(g_error_matches(pxError, GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION));
-    EXPECT_STREQ(
-        "At least one of the input pads contains alpha, but downstream can't support alpha.",
-        pxError->message);
-    EXPECT_NE(nullptr, strstr(szDebug,
-                              "Either convert your inputs to not contain alpha or add "
-                              "a videoconvert after the mixer"));
-    g_error_free(pxError);
-    g_free(szDebug);
-  }
-}
-
-TEST(MixCaps, SinkPadsOfferRelaxedCapsAndAcceptOtherSizesRatesAndFormats) {
-  CMixerRig xRig;
-  xRig.Play();
-  CMixInput& xIn = xRig.AddInput();
-  xIn.Caps(kGray25);
-  xIn.Push(TimedBuffer(0, 40 * kMs));
-  ASSERT_TRUE(xRig.Out().WaitForBuffers(1));
-  auto Accepts = [&](const char* szCaps) {
-    GstCaps* pxOffer = gst_caps_from_string(szCaps);
-    const gboolean b = gst_pad_query_accept_caps(xIn.MixerPad(), pxOffer);
-    gst_caps_unref(pxOffer);
-    return b;
-  };
-  EXPECT_TRUE(Accepts("video/x-raw,format=RGBA,width=100,height=50,framerate=60/1"));
-  EXPECT_FALSE(
-      Accepts("video/x-raw,format=GRAY8,width=16,height=8,framerate=25/1,pixel-aspect-ratio=2/1"));
-  EXPECT_FALSE(Accepts("video/x-bayer,format=grbg,width=16,height=8,framerate=25/1"));
-
-  // The allocation answer is a pool of pinned host memory.
-  GstCaps* pxAlloc = gst_caps_from_string("video/x-raw,format=GRAY8,width=64,height=32");
-  GstQuery* pxQuery = gst_query_new_allocation(pxAlloc, TRUE);
-  EXPECT_TRUE(gst_pad_peer_query(xIn.SourcePad(), pxQuery));
-  ASSERT_EQ(1u, gst_query_get_n_allocation_pools(pxQuery));
-  guint uSize = 0;
-  gst_query_parse_nth_allocation_pool(pxQuery, 0, NULL, &uSize, NULL, NULL);
-  EXPECT_EQ(2048u, uSize);
-  ASSERT_EQ(1u, gst_query_get_n_allocation_params(pxQuery));
-  GstAllocator* pxAllocator = NULL;
-  gst_query_parse_nth_allocation_param(pxQuery, 0, &pxAllocator, NULL);
-  ASSERT_NE(nullptr, pxAllocator);
-  EXPECT_STREQ("MySysMem", pxAllocator->mem_type);
-  gst_object_unref(pxAllocator);
-  gst_query_unref(pxQuery);
-  gst_caps_unref(pxAlloc);
 }
 
 TEST(MixTimeline, IntervalsEndOnTheRoundedNanosecond) {
@@ -388,27 +281,6 @@ TEST(MixTimeline, WorkedExamplesGiveTheExpectedFrames) {
   }
 }
 
-TEST(MixTimeline, OutputStartsWithStreamStartCapsAndOneSegment) {
-  testing::internal::CaptureStdout();
-  STwoPads x(0);
-  x.Push(x.a, "a0", 0, 40 * kMs);
-  x.Push(x.b, "b0", 0, 40 * kMs);
-  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
-  EXPECT_EQ(static_cast<gint64>(40 * kMs), Position(x.xRig.Mixer()));
-  x.a.Eos();
-  x.b.Eos();
-  ASSERT_TRUE(x.xRig.Out().WaitForEos());
-  EXPECT_EQ((std::vector<GstEventType>{GST_EVENT_STREAM_START, GST_EVENT_CAPS, GST_EVENT_SEGMENT,
-                                       GST_EVENT_EOS}),
-            x.xRig.Out().EventTypes());
-  const gchar* szStream = NULL;
-  gst_event_parse_stream_start(x.xRig.Out().Events()[0], &szStream);
-  EXPECT_TRUE(g_regex_match_simple("^mix-[0-9a-f]{8}$", szStream,
-                                   static_cast<GRegexCompileFlags>(0),
-                                   static_cast<GRegexMatchFlags>(0)));
-  EXPECT_EQ("Sending NEWSEGMENT even\n", testing::internal::GetCapturedStdout());
-}
-
 TEST(MixTimeline, SegmentStopEndsTheStreamOrWithTheFlagShortensTheLastInterval) {
   for (bool bFlag : {false, true}) {
     STwoPads x(0);
@@ -516,24 +388,6 @@ TEST(MixSelector, CameraBeyondThePadsGivesUnwrittenPoolBuffersOfTheOutputSize) {
     EXPECT_EQ(128u, xBuf.uSize);  // GRAY8 16x8
     EXPECT_EQ(GST_CLOCK_TIME_NONE, xBuf.uPts);
   }
-}
-
-TEST(MixSelector, CameraIndexIsThePositionAmongThePadsNotTheNumberInTheName) {
-  CMixerRig xRig;
-  xRig.Play();
-  std::vector<CMixInput*> xIn;
-  for (int i = 0; i < 3; ++i) xIn.push_back(&xRig.AddInput());
-  gst_element_release_request_pad(xRig.Mixer(), xIn[0]->MixerPad());
-  EXPECT_TRUE(xRig.SelectCamera(1));
-  std::map<const GstBuffer*, std::string> xNames;
-  for (int i = 1; i < 3; ++i) {
-    xIn[i]->Caps(kGray25);
-    xIn[i]->Push(TimedBuffer(0, 40 * kMs));
-    xNames[xIn[i]->Last()] = GST_PAD_NAME(xIn[i]->MixerPad());
-    xIn[i]->Eos();
-  }
-  ASSERT_TRUE(xRig.Out().WaitForEos());
-  EXPECT_EQ((std::vector<std::string>{"sink_2"}), Labels(xRig.Out().Buffers(), xNames));
 }
 
 /* Video wall */
@@ -656,30 +510,6 @@ TEST(MixEvents, FlushOnOnePadRewindsTheWholeOutput) {
   EXPECT_EQ((std::vector<std::string>{"a0", "a0 again", "pool"}), x.Out());
   EXPECT_EQ(2u, CountEvents(x.xRig.Out(), GST_EVENT_SEGMENT));
   EXPECT_EQ(1u, CountEvents(x.xRig.Out(), GST_EVENT_FLUSH_STOP));
-}
-
-TEST(MixEvents, TagsGoOutWithTheNextPassAndQosGoesToEveryCamera) {
-  STwoPads x(0);
-  GstTagList* pxTags = gst_tag_list_new(GST_TAG_TITLE, "camera A", NULL);
-  EXPECT_EQ(GST_FLOW_OK, x.a.Wait(x.a.Event(gst_event_new_tag(pxTags))));
-  x.Push(x.a, "a0", 0, 40 * kMs);
-  EXPECT_EQ(0u, CountEvents(x.xRig.Out(), GST_EVENT_TAG));  // no pass without B
-  x.Push(x.b, "b0", 0, 40 * kMs);
-  ASSERT_TRUE(x.xRig.Out().WaitForBuffers(1));
-  std::vector<GstEvent*> xEvents = x.xRig.Out().Events();
-  ASSERT_EQ(4u, xEvents.size());
-  ASSERT_EQ(GST_EVENT_TAG, GST_EVENT_TYPE(xEvents[3]));
-  GstTagList* pxOutTags = NULL;
-  gst_event_parse_tag(xEvents[3], &pxOutTags);
-  gchar* szTitle = NULL;
-  EXPECT_TRUE(gst_tag_list_get_string(pxOutTags, GST_TAG_TITLE, &szTitle));
-  EXPECT_STREQ("camera A", szTitle);
-  g_free(szTitle);
-
-  EXPECT_TRUE(x.xRig.Out().SendUpstream(
-      gst_event_new_qos(GST_QOS_TYPE_UNDERFLOW, 0.9, 10 * kMs, 40 * kMs)));
-  for (CMixInput* pxIn : {&x.a, &x.b})
-    EXPECT_EQ((std::vector<GstEventType>{GST_EVENT_QOS}), pxIn->UpstreamEventTypes());
 }
 
 /* Quality of service */

@@ -121,25 +121,6 @@ TEST(MixPipeline, WallHoldsEveryCamerasTileInEveryFrame) {
   }
 }
 
-TEST(MixPipeline, SelectorHandsOnTheChosenCamerasFrame) {
-  testing::internal::CaptureStdout();
-  SPipeline x("selector", 3);
-  GstElement* pxMixer = gst_bin_get_by_name(GST_BIN(x.pxPipeline), "m");
-  gst_element_send_event(pxMixer, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM,
-                                                       gst_structure_new("eventStruct", "camID",
-                                                                         G_TYPE_INT, 2, NULL)));
-  gst_object_unref(pxMixer);
-  for (int i = 0; i < 3; ++i) x.Push(i, 0, kValues[i]);
-  x.EndAll();
-  GstSample* pxSample = gst_app_sink_try_pull_sample(GST_APP_SINK(x.pxSink), 10 * GST_SECOND);
-  ASSERT_NE(nullptr, pxSample);
-  const Qv::CQvImage xImage = QvTest::DownloadBufferImage(gst_sample_get_buffer(pxSample));
-  ASSERT_EQ(1280u * 1338u, xImage.GetFormat().GetImageBytes());
-  EXPECT_EQ(kValues[2], static_cast<const uint8_t*>(xImage.GetDataPtr())[1280 * 1338 - 1]);
-  gst_sample_unref(pxSample);
-  testing::internal::GetCapturedStdout();
-}
-
 TEST(MixPipeline, FlushingSeeksNeverStall) {
   // Live test sources keep both modes busy while the application seeks; each seek must come
   // back within seconds, however the threads interleave.
