@@ -1,13 +1,7 @@
 #include "GstTestUtil.h"
 
-#include <gst/base/gstbasetransform.h>
-
 #include <algorithm>
 #include <cmath>
-#include <utility>
-
-#include "gstUtil.h"
-#include "plugin.h"
 
 namespace QvTest {
 
@@ -38,6 +32,11 @@ Qv::CQvImage SeededImage(int w, int h, Qv::EPixelType::ID ePixel, uint32_t uSeed
   return x;
 }
 
+std::vector<uint8_t> Bytes(const Qv::CQvImage& x) {
+  const auto* p = static_cast<const uint8_t*>(x.GetDataPtr());
+  return std::vector<uint8_t>(p, p + x.GetImageBytes());
+}
+
 bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected) {
   return CapsAre(pxCaps ? gst_caps_ref(const_cast<GstCaps*>(pxCaps)) : NULL, szExpected);
 }
@@ -45,11 +44,10 @@ bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected) {
 bool CapsAre(GstCaps* pxCaps, const char* szExpected) {
   GstCaps* pxExpected = gst_caps_from_string(szExpected);
   const bool bEqual = pxCaps && gst_caps_is_equal(pxCaps, pxExpected);
-  gchar* a = pxCaps ? gst_caps_to_string(pxCaps) : g_strdup("(none)");
-  gchar* b = gst_caps_to_string(pxExpected);
-  if (!bEqual) ADD_FAILURE() << "caps\n  " << a << "\nexpected\n  " << b;
-  g_free(a);
-  g_free(b);
+  gchar* szCaps = pxCaps ? gst_caps_to_string(pxCaps) : NULL;
+  if (!bEqual)
+    ADD_FAILURE() << "caps " << (szCaps ? szCaps : "(none)") << "\nexpected " << szExpected;
+  g_free(szCaps);
   gst_caps_unref(pxExpected);
   if (pxCaps) gst_caps_unref(pxCaps);
   return bEqual;
@@ -78,6 +76,14 @@ GstBuffer* DeviceImageBuffer(const Qv::IImage& xImage) {
   reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data)->Create(xImage);
   gst_buffer_unmap(pxBuffer, &xMap);
   return pxBuffer;
+}
+
+CHarness Harness(const char* szElements, const char* szCaps) {
+  CHarness h(std::strchr(szElements, '!') ? gst_harness_new_parse(szElements)
+                                          : gst_harness_new(szElements),
+             gst_harness_teardown);
+  if (szCaps) gst_harness_set_src_caps_str(h.get(), szCaps);
+  return h;
 }
 
 std::string PushCaptured(GstHarness* pxHarness, GstBuffer* pxIn, GstFlowReturn eExpected) {

@@ -1,40 +1,43 @@
 #pragma once
 // Helpers shared by the element tests.
+#include <gst/base/gstbasetransform.h>
 #include <gst/check/gstharness.h>
-#include <gst/gst.h>
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstring>
+#include <map>
+#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "QvDeviceImage2D.h"
-#include "QvImage.h"
 #include "QvTestRandom.h"
+#include "gstUtil.h"
+#include "gstqvHostElements.h"
+#include "plugin.h"
 
 namespace QvTest {
 
-// A buffer holding a copy of the bytes.
 GstBuffer* BufferFromBytes(const std::vector<uint8_t>& xBytes);
 // The device image carried by a buffer, copied to the host. Fails the test if there is none.
 Qv::CQvImage DownloadBufferImage(GstBuffer* pxBuffer);
-// Seeded bytes for frames, and a host image of them.
 inline std::vector<uint8_t> FrameBytes(size_t uCount, uint32_t uSeed) {
   return RandomBytes(uCount, uSeed);
 }
 Qv::CQvImage SeededImage(int w, int h, Qv::EPixelType::ID ePixel, uint32_t uSeed,
                          Qv::EDataType::ID eData = Qv::EDataType::UByte);
-inline std::vector<uint8_t> Bytes(const Qv::CQvImage& x) {
-  const auto* p = static_cast<const uint8_t*>(x.GetDataPtr());
-  return std::vector<uint8_t>(p, p + x.GetImageBytes());
-}
+std::vector<uint8_t> Bytes(const Qv::CQvImage& x);
 
 bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected);
 bool CapsAre(GstCaps* pxCaps, const char* szExpected);  // takes the caps
 // What a transform element's transform_caps gives for the caps text.
 GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const char* szCaps,
                        const char* szFilter = NULL);
+
+// A harness around the element (or "a ! b" description) with the caps pushed, torn down with it.
+using CHarness = std::unique_ptr<GstHarness, decltype(&gst_harness_teardown)>;
+CHarness Harness(const char* szElements, const char* szCaps);
 
 // A buffer whose one memory is a device image ("QvCudaDevImage") holding the host image, as an
 // upload or a device transform would hand it on.

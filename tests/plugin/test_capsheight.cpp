@@ -1,14 +1,7 @@
 // The height rules of the relabelling filters. Each class keeps one process-wide bound that only
 // moves one way, so the rows of each class run in order from the start (this executable runs
 // nothing else that asks these classes).
-#include <gst/base/gstbasetransform.h>
-
-#include <map>
-#include <tuple>
-#include <utility>
-
 #include "GstTestUtil.h"
-#include "gstqvHostElements.h"
 
 #define BAYER "video/x-bayer,format={bggr,grbg,gbrg,rggb},"
 
@@ -33,8 +26,6 @@ TEST(CapsHeight, EachFilterDividesOrMultipliesByItsBoundAndLeavesTheRest) {
       {"qvbayer2rgb", SRC, "video/x-raw,width=640,height=2999", BAYER "width=640,height=2999"},
       {"qvbayer2rgb", SRC, "video/x-raw,format=RGB,width=[1,100],height=[1,MAX]",
        BAYER "width=[1,100],height=[1,MAX]"},
-      {"qvbayer2rgb", SINK, "video/x-bayer,format=rggb,width=64,height={480,960}",
-       "video/x-raw,width=64,height={480,960}"},
       {"qvbayer2rgb", SINK, "video/x-bayer,format=rggb,width=64,height={480,960}",
        "video/x-raw,format=RGB,width=64,height={480,960};video/x-raw,format=BGR,width=64,height={"
        "480,960}",
@@ -69,22 +60,19 @@ TEST(CapsHeight, EachFilterDividesOrMultipliesByItsBoundAndLeavesTheRest) {
        {std::tuple{"qvbayer2rgb", "video/x-bayer,width=8,height=6000", 2000, 2000, false},
         {"qvbayer2rgb", "video/x-bayer,width=8,height=9000", 3000, 9000, true},
         {"qvrgb2bayer", "video/x-raw,width=4,height=400", 1200, 1200, false}}) {
-    GstCaps* pxCaps = gst_caps_from_string(szIn);
-    if (bShared) gst_caps_ref(pxCaps);
+    g_autoptr(GstCaps) pxCaps = gst_caps_from_string(szIn);
+    g_autoptr(GstCaps) pxHeld = bShared ? gst_caps_ref(pxCaps) : NULL;
+    GstBaseTransform* pxElement = GST_BASE_TRANSFORM(xElements[szElement]);
     testing::internal::CaptureStdout();
     for (int i = 0; i < 2; ++i) {
-      GstCaps* pxOut = GST_BASE_TRANSFORM_GET_CLASS(xElements[szElement])
-                           ->transform_caps(GST_BASE_TRANSFORM(xElements[szElement]), GST_PAD_SINK,
-                                            pxCaps, NULL);
+      g_autoptr(GstCaps) pxOut = GST_BASE_TRANSFORM_GET_CLASS(pxElement)->transform_caps(
+          pxElement, GST_PAD_SINK, pxCaps, NULL);
       int aHeights[2] = {0, 0};
       gst_structure_get_int(gst_caps_get_structure(pxOut, 0), "height", &aHeights[0]);
       gst_structure_get_int(gst_caps_get_structure(pxCaps, 0), "height", &aHeights[1]);
       EXPECT_EQ(std::pair(iOut, iGiven), std::pair(aHeights[0], aHeights[1])) << szIn << " " << i;
-      gst_caps_unref(pxOut);
     }
     testing::internal::GetCapturedStdout();
-    gst_caps_unref(pxCaps);
-    if (bShared) gst_caps_unref(pxCaps);
   }
   for (auto& x : xElements) gst_object_unref(x.second);
 }

@@ -5,10 +5,8 @@
 #include <atomic>
 #include <functional>
 #include <thread>
-#include <tuple>
 
 #include "GstTestUtil.h"
-#include "gstqvHostElements.h"
 
 using namespace Qv;
 using QvTest::DeviceImageBuffer;
@@ -33,13 +31,12 @@ class DownloadTest : public ::testing::Test {
     const std::string sOut =
         QvTest::PushCaptured(h, QvTest::WithMeta(pxIn, 3 * GST_SECOND, 0.5f, 4.0f), GST_FLOW_OK);
     if (psOut) *psOut = sOut;
-    GstBuffer* pxOut = gst_harness_pull(h);
+    g_autoptr(GstBuffer) pxOut = gst_harness_pull(h);
     std::vector<uint8_t> x(pxOut ? gst_buffer_get_size(pxOut) : 0);
     if (!pxOut) return x;
     QvTest::ExpectMeta(pxOut, 3 * GST_SECOND, 0.5f, 4.0f);
     EXPECT_TRUE(gst_memory_is_type(gst_buffer_peek_memory(pxOut, 0), "MySysMem"));
     gst_buffer_extract(pxOut, 0, x.data(), x.size());
-    gst_buffer_unref(pxOut);
     return x;
   }
   GstHarness* h = nullptr;
@@ -52,10 +49,9 @@ TEST(DownloadAlone, RegistersThePinnedAllocatorItsFramesComeFrom) {
       {
         GstAllocator* pxBefore = gst_allocator_find("MySysMem");
         qv_register_host_elements();
-        GstHarness* h = gst_harness_new("qvcudadownload");
-        gst_harness_set_src_caps_str(h, Caps("RGBA", 2, 2).c_str());
+        auto h = QvTest::Harness("qvcudadownload", Caps("RGBA", 2, 2).c_str());
         GstBuffer* pxOut =
-            gst_harness_push_and_pull(h, DeviceImageBuffer(SeededImage(2, 2, RGBA, 1)));
+            gst_harness_push_and_pull(h.get(), DeviceImageBuffer(SeededImage(2, 2, RGBA, 1)));
         const bool bPinned =
             pxOut && gst_memory_is_type(gst_buffer_peek_memory(pxOut, 0), "MySysMem");
         _exit(!pxBefore && bPinned ? 0 : 1);  // no exit handlers, no leak report
@@ -123,7 +119,8 @@ TEST_F(DownloadTest, BadInputFailsTheFrameWithItsCauseAndTheNextOnePasses) {
 TEST_F(DownloadTest, PoolFollowsTheFrameSizeAndAFourthFrameWaitsForOneOfThree) {
   testing::internal::CaptureStdout();
   gst_harness_set_src_caps_str(h, Caps("RGBA", 2, 2).c_str());
-  GstBuffer* pxSmall = gst_harness_push_and_pull(h, DeviceImageBuffer(SeededImage(2, 2, RGBA, 1)));
+  g_autoptr(GstBuffer) pxSmall =
+      gst_harness_push_and_pull(h, DeviceImageBuffer(SeededImage(2, 2, RGBA, 1)));
   gst_harness_set_src_caps_str(h, Caps("RGBA", 4, 4).c_str());
   const CQvImage xImage = SeededImage(4, 4, RGBA, 15);
   std::vector<GstBuffer*> xHeld;
@@ -146,5 +143,4 @@ TEST_F(DownloadTest, PoolFollowsTheFrameSizeAndAFourthFrameWaitsForOneOfThree) {
   xPusher.join();
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(GST_FLOW_OK, eFourth.load());
-  gst_buffer_unref(pxSmall);
 }

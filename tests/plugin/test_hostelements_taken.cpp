@@ -1,10 +1,8 @@
 // GStreamer's own bayer plugin names its element type GstBayer2RGB, as the caps filter does.
 // Where that name is taken first, registering the host elements must leave qvbayer2rgb out and
 // keep the others, without an invalid type.
-#include <gst/base/gstbasetransform.h>
 
 #include "GstTestUtil.h"
-#include "gstqvHostElements.h"
 
 TEST(HostElements, ATakenBayer2RgbNameLeavesOnlyThatElementOut) {
   const GTypeInfo xInfo = {sizeof(GstBaseTransformClass), NULL, NULL, NULL, NULL, NULL,

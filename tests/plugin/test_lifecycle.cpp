@@ -1,11 +1,7 @@
 // Every element type of the plugin goes through the state changes ten times and is destroyed,
 // under GStreamer's leaks tracer: nothing created on the way may stay alive.
-#include <map>
-#include <string>
-#include <vector>
 
 #include "GstTestUtil.h"
-#include "gstqvHostElements.h"
 
 void CycleStates(GstElement* pxElement) {
   for (int i = 0; i < 10; ++i)

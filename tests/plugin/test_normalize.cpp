@@ -7,7 +7,6 @@
 
 #include "FileIO.h"
 #include "GstTestUtil.h"
-#include "gstqvHostElements.h"
 
 using namespace Qv;
 
@@ -33,20 +32,20 @@ class NormalizeTest : public ::testing::Test {
 TEST_F(NormalizeTest, EachFrameIsDividedByTheFileReadAtCreationNotByTheProperty) {
   const std::vector<uint8_t> xGray = {255, 200, 128, 64, 1, 0, 90, 180};
   WriteReference(xGray);
-  GstElement* pxElement = gst_element_factory_make("qvcudanormalize", NULL);
+  g_autoptr(GstElement) pxElement = gst_element_factory_make("qvcudanormalize", NULL);
   for (const char* szWant : {"gray4k.png", "/nowhere/other.png"}) {
-    gchar* szValue = NULL;
+    g_autofree gchar* szValue = NULL;
     g_object_get(pxElement, "gray", &szValue, NULL);
     EXPECT_STREQ(szWant, szValue);
-    g_free(szValue);
     g_object_set(pxElement, "gray", "/nowhere/other.png", NULL);
   }
   const char* szCaps = "video/x-raw,format=RGBA,width=4,height=2,framerate=30/1";
-  GstHarness* h = gst_harness_new_with_element(pxElement, "sink", "src");
-  gst_harness_set_src_caps_str(h, szCaps);
+  QvTest::CHarness h(gst_harness_new_with_element(pxElement, "sink", "src"), gst_harness_teardown);
+  gst_harness_set_src_caps_str(h.get(), szCaps);
   for (uint32_t uFrame = 1; uFrame <= 2; ++uFrame) {
     const CQvImage xSource = QvTest::SeededImage(4, 2, EPixelType::RGBA, uFrame);
-    GstBuffer* pxOut = gst_harness_push_and_pull(h, QvTest::DeviceImageBuffer(xSource));
+    g_autoptr(GstBuffer) pxOut =
+        gst_harness_push_and_pull(h.get(), QvTest::DeviceImageBuffer(xSource));
     ASSERT_NE(nullptr, pxOut);
     // The gray file becomes R = G = B = v, alpha 255; every channel is divided, alpha too, and
     // stored as 8 bits (scale, clamp, truncate; 0 / 0 gives 255).
@@ -56,23 +55,20 @@ TEST_F(NormalizeTest, EachFrameIsDividedByTheFileReadAtCreationNotByTheProperty)
       xWant[i] = v != v ? 255 : static_cast<uint8_t>(std::fmax(0.0f, std::fmin(255.0f, v)));
     }
     EXPECT_EQ(xWant, QvTest::Bytes(QvTest::DownloadBufferImage(pxOut)));
-    gst_buffer_unref(pxOut);
   }
   EXPECT_TRUE(QvTest::CapsAre(gst_pad_get_current_caps(h->sinkpad), szCaps));
-  gst_harness_teardown(h);
-  gst_object_unref(pxElement);
 }
 
 TEST_F(NormalizeTest, FramesFailWithoutAReferenceOrWithOneOfAnotherSize) {
   for (bool bWritten : {false, true}) {
     if (bWritten) WriteReference({10, 20, 30, 40, 50, 60, 70, 80});
-    testing::internal::CaptureStdout();
-    GstHarness* h = gst_harness_new("qvcudanormalize");  // made even without a reference
+    testing::internal::CaptureStdout();  // the element is made even without a reference
+    auto h = QvTest::Harness("qvcudanormalize",
+                             "video/x-raw,format=RGBA,width=3,height=2,framerate=30/1");
     const std::string sMade = testing::internal::GetCapturedStdout();
     EXPECT_EQ(!bWritten, sMade.find("Cannot open image file '" + m_sPath + "'") != sMade.npos);
-    gst_harness_set_src_caps_str(h, "video/x-raw,format=RGBA,width=3,height=2,framerate=30/1");
     const std::string sOut = QvTest::PushCaptured(
-        h, QvTest::DeviceImageBuffer(QvTest::SeededImage(3, 2, EPixelType::RGBA, 9)),
+        h.get(), QvTest::DeviceImageBuffer(QvTest::SeededImage(3, 2, EPixelType::RGBA, 9)),
         GST_FLOW_ERROR);
     for (const std::string& sWant :
          bWritten ? std::vector<std::string>{"  :   Error normalizing raw image with gray image\n",
@@ -82,6 +78,5 @@ TEST_F(NormalizeTest, FramesFailWithoutAReferenceOrWithOneOfAnotherSize) {
                   : std::vector<std::string>{"no gray reference image: '" + m_sPath +
                                              "' could not be read when the element was made"})
       EXPECT_NE(std::string::npos, sOut.find(sWant)) << sOut;
-    gst_harness_teardown(h);
   }
 }
