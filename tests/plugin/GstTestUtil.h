@@ -39,8 +39,7 @@ GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const 
 using CHarness = std::unique_ptr<GstHarness, decltype(&gst_harness_teardown)>;
 CHarness Harness(const char* szElements, const char* szCaps);
 
-// A buffer whose one memory is a device image ("QvCudaDevImage") holding the host image, as an
-// upload or a device transform would hand it on.
+// A buffer of one device image memory ("QvCudaDevImage"), as an upload would hand it on.
 GstBuffer* DeviceImageBuffer(const Qv::IImage& xImage);
 // Pushes one buffer, expecting the flow, and returns what the elements printed meanwhile.
 std::string PushCaptured(GstHarness* pxHarness, GstBuffer* pxIn, GstFlowReturn eExpected);

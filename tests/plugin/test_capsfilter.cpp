@@ -1,5 +1,4 @@
-// The relabelling filters in use: the buffer that goes in comes out, untouched, under the
-// relabelled caps.
+// The relabelling filters hand on the very buffer, untouched, under the relabelled caps.
 #include "GstTestUtil.h"
 
 TEST(CapsFilter, TheVeryBufferGoesOnWithItsMemoryMetaAndTimes) {

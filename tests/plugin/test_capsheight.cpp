@@ -1,6 +1,5 @@
 // The height rules of the relabelling filters. Each class keeps one process-wide bound that only
-// moves one way, so the rows of each class run in order from the start (this executable runs
-// nothing else that asks these classes).
+// moves one way, so the rows run in order in a process of their own.
 #include "GstTestUtil.h"
 
 #define BAYER "video/x-bayer,format={bggr,grbg,gbrg,rggb},"
@@ -54,8 +53,7 @@ TEST(CapsHeight, EachFilterDividesOrMultipliesByItsBoundAndLeavesTheRest) {
       "Height before transform 500\nHeight before transform 0\n",
       testing::internal::GetCapturedStdout());
 
-  // The given caps take the new height where they are writable, so asking again gives the
-  // same answer; caps held elsewhere are left as they are.
+  // Writable caps take the new height, so asking again gives the same; held ones stay.
   for (auto [szElement, szIn, iOut, iGiven, bShared] :
        {std::tuple{"qvbayer2rgb", "video/x-bayer,width=8,height=6000", 2000, 2000, false},
         {"qvbayer2rgb", "video/x-bayer,width=8,height=9000", 3000, 9000, true},
@@ -63,7 +61,6 @@ TEST(CapsHeight, EachFilterDividesOrMultipliesByItsBoundAndLeavesTheRest) {
     g_autoptr(GstCaps) pxCaps = gst_caps_from_string(szIn);
     g_autoptr(GstCaps) pxHeld = bShared ? gst_caps_ref(pxCaps) : NULL;
     GstBaseTransform* pxElement = GST_BASE_TRANSFORM(xElements[szElement]);
-    testing::internal::CaptureStdout();
     for (int i = 0; i < 2; ++i) {
       g_autoptr(GstCaps) pxOut = GST_BASE_TRANSFORM_GET_CLASS(pxElement)->transform_caps(
           pxElement, GST_PAD_SINK, pxCaps, NULL);
@@ -72,7 +69,6 @@ TEST(CapsHeight, EachFilterDividesOrMultipliesByItsBoundAndLeavesTheRest) {
       gst_structure_get_int(gst_caps_get_structure(pxCaps, 0), "height", &aHeights[1]);
       EXPECT_EQ(std::pair(iOut, iGiven), std::pair(aHeights[0], aHeights[1])) << szIn << " " << i;
     }
-    testing::internal::GetCapturedStdout();
   }
   for (auto& x : xElements) gst_object_unref(x.second);
 }

@@ -1,5 +1,4 @@
-// The debayer and scale elements: bytes of every bayer order against a reference worked out
-// here, the empty-image and failure paths, and the scale element's own negotiation.
+// The debayer element against a reference worked out here, and the scale element.
 #include "GstTestUtil.h"
 #include "gstqvCudaScale.h"
 

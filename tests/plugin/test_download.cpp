@@ -1,5 +1,4 @@
-// The download element: both paths into pinned host frames of exactly one frame, its pool, and
-// its failures.
+// The download element: pinned frames of exactly one frame, its pool, and its failures.
 #include <unistd.h>
 
 #include <atomic>
@@ -42,28 +41,29 @@ class DownloadTest : public ::testing::Test {
   GstHarness* h = nullptr;
 };
 
-// In a process of its own, where nothing has registered the pinned allocator yet.
-TEST(DownloadAlone, RegistersThePinnedAllocatorItsFramesComeFrom) {
+// In a process of its own, where nothing has registered the allocators yet: the output step
+// of a transform registers the device image one, the download the pinned one.
+TEST(DownloadAlone, RegistersTheAllocatorsTheFramesComeFrom) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
-        GstAllocator* pxBefore = gst_allocator_find("MySysMem");
+        const bool bNone = !gst_allocator_find("MySysMem") && !gst_allocator_find("QvCudaDevImage");
+        GstBuffer* pxIn = DeviceImageBuffer(SeededImage(2, 2, RGBA, 1));
         qv_register_host_elements();
         auto h = QvTest::Harness("qvcudadownload", Caps("RGBA", 2, 2).c_str());
-        GstBuffer* pxOut =
-            gst_harness_push_and_pull(h.get(), DeviceImageBuffer(SeededImage(2, 2, RGBA, 1)));
+        const bool bDevice = gst_memory_is_type(gst_buffer_peek_memory(pxIn, 0), "QvCudaDevImage");
+        GstBuffer* pxOut = gst_harness_push_and_pull(h.get(), pxIn);
         const bool bPinned =
             pxOut && gst_memory_is_type(gst_buffer_peek_memory(pxOut, 0), "MySysMem");
-        _exit(!pxBefore && bPinned ? 0 : 1);  // no exit handlers, no leak report
+        _exit(bNone && bDevice && bPinned ? 0 : 1);  // no exit handlers, no leak report
       },
       ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(DownloadTest, ImagesBecomeFramesOfExactlyOneFrameSize) {
-  // The pool's buffers hold two frames; the output holds one. A stacked I420 image (luma rows,
-  // then U and V of a quarter each, rows of W) is the I420 frame; 16 bits keep the high byte;
-  // a mosaic passes the colour path and fills plane Y. Columns: caps format, width, height,
-  // image height, pixel and data type, bytes compared, what is printed.
+  // The pool's buffers hold two frames, the output one. A stacked I420 image (luma rows, then U
+  // and V of a quarter each, rows of W) is the I420 frame; 16 bits keep the high byte; a mosaic
+  // passes the colour path and fills plane Y.
   for (auto [szCaps, w, h, iImageH, ePixel, eData, uCompared, szOut] :
        {std::tuple{"RGBA", 1920, 1080, 1080, RGBA, U8, 1920 * 1080 * 4,
                    "download format: 1920x1080, RGBA, UByte\n"},

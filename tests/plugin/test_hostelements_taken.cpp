@@ -1,6 +1,5 @@
-// GStreamer's own bayer plugin names its element type GstBayer2RGB, as the caps filter does.
-// Where that name is taken first, registering the host elements must leave qvbayer2rgb out and
-// keep the others, without an invalid type.
+// GStreamer's bayer plugin names its type GstBayer2RGB too: where that name is taken first, the
+// host elements come without qvbayer2rgb, and without an invalid type.
 
 #include "GstTestUtil.h"
 

@@ -1,6 +1,4 @@
 // Buffers that carry device images, and the helpers every transform shares.
-#include <unistd.h>
-
 #include "GstTestUtil.h"
 #include "gstqvCudaMemory.h"
 
@@ -18,18 +16,6 @@ GstBuffer* NewDeviceBuffer() {
   GstBuffer* pxBuffer = NULL;
   EXPECT_EQ(GST_FLOW_OK, PrepareOutputBufferCuda(NULL, NULL, &pxBuffer));
   return pxBuffer;
-}
-
-// In a process of its own, where no upload element registered the allocator.
-TEST(DeviceMemory, OutputBufferRegistersTheAllocatorWhenNoUploadDid) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        GstAllocator* pxBefore = gst_allocator_find("QvCudaDevImage");
-        GstMemory* pxMem = gst_buffer_peek_memory(NewDeviceBuffer(), 0);
-        _exit(!pxBefore && gst_memory_is_type(pxMem, "QvCudaDevImage") ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
 }
 
 TEST(DeviceMemory, ImageLivesUntilTheLastShareGoesAndDiesOnce) {

@@ -1,6 +1,5 @@
-// Run with QV_DEVICE=cuda on a machine without a GPU: nothing the mixer needs from the device
-// can be had. Each mode must end the frame with an element error and GST_FLOW_ERROR, and go on
-// living; on a GPU host there is nothing to test.
+// Run with QV_DEVICE=cuda without a GPU: each mode ends the frame with an element error and
+// GST_FLOW_ERROR, and goes on living.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,6 +1,5 @@
 // The selector's camera tours go by the count of selector calls in the whole process, from 0 at
-// load, not by the moment of the request. This suite runs in a process of its own, so that the
-// count is known: every frame of it is one call.
+// load: in a process of its own every frame here is one call.
 #include <gtest/gtest.h>
 
 #include <map>

@@ -13,8 +13,7 @@ TEST(SysMem, ProposalNeedsVideoCapsAndAPoolButRegistersTheAllocatorAnyway) {
   }
   g_autoptr(GstAllocator) pxAllocator = gst_allocator_find("MySysMem");
   ASSERT_NE(nullptr, pxAllocator);
-  // Memory of size N maps to N writable bytes; a share is a view into the same block that
-  // keeps it.
+  // Memory of size N maps to N writable bytes; a share is a view that keeps the block.
   GstMemory* pxMem = gst_allocator_alloc(pxAllocator, 4097, NULL);
   GstMapInfo xMap;
   ASSERT_TRUE(gst_memory_map(pxMem, &xMap, GST_MAP_WRITE));
