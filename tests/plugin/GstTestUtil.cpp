@@ -6,9 +6,7 @@
 namespace QvTest {
 
 GstBuffer* BufferFromBytes(const std::vector<uint8_t>& xBytes) {
-  GstBuffer* pxBuffer = gst_buffer_new_allocate(NULL, xBytes.size(), NULL);
-  gst_buffer_fill(pxBuffer, 0, xBytes.data(), xBytes.size());
-  return pxBuffer;
+  return gst_buffer_new_memdup(xBytes.data(), xBytes.size());
 }
 
 Qv::CQvImage DownloadBufferImage(GstBuffer* pxBuffer) {
@@ -67,12 +65,9 @@ GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const 
 GstBuffer* DeviceImageBuffer(const Qv::IImage& xImage) {
   // The buffer an element's output step makes, filled as that element would fill it.
   GstBuffer* pxBuffer = NULL;
+  EXPECT_EQ(GST_FLOW_OK, PrepareOutputBufferCuda(NULL, NULL, &pxBuffer));
   GstMapInfo xMap;
-  if (PrepareOutputBufferCuda(NULL, NULL, &pxBuffer) != GST_FLOW_OK ||
-      !gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE)) {
-    ADD_FAILURE() << "cannot make a device image buffer";
-    return pxBuffer ? pxBuffer : gst_buffer_new();
-  }
+  EXPECT_TRUE(gst_buffer_map(pxBuffer, &xMap, GST_MAP_WRITE));
   reinterpret_cast<Qv::CQvDeviceImage2D*>(xMap.data)->Create(xImage);
   gst_buffer_unmap(pxBuffer, &xMap);
   return pxBuffer;
