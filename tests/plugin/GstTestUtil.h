@@ -1,30 +1,57 @@
 #pragma once
 // Helpers shared by the element tests.
-#include <gst/gst.h>
+#include <gst/base/gstbasetransform.h>
+#include <gst/check/gstharness.h>
+#include <gtest/gtest.h>
 
-#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <tuple>
 #include <vector>
 
-#include "QvImage.h"
+#include "QvDeviceImage2D.h"
 #include "QvTestRandom.h"
+#include "gstUtil.h"
+#include "gstqvHostElements.h"
+#include "plugin.h"
 
 namespace QvTest {
 
-// A buffer holding a copy of the bytes.
 GstBuffer* BufferFromBytes(const std::vector<uint8_t>& xBytes);
-
 // The device image carried by a buffer, copied to the host. Fails the test if there is none.
 Qv::CQvImage DownloadBufferImage(GstBuffer* pxBuffer);
-
-// Seeded bytes for frames.
 inline std::vector<uint8_t> FrameBytes(size_t uCount, uint32_t uSeed) {
   return RandomBytes(uCount, uSeed);
 }
+Qv::CQvImage SeededImage(int w, int h, Qv::EPixelType::ID ePixel, uint32_t uSeed,
+                         Qv::EDataType::ID eData = Qv::EDataType::UByte);
+std::vector<uint8_t> Bytes(const Qv::CQvImage& x);
 
 bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected);
+bool CapsAre(GstCaps* pxCaps, const char* szExpected);  // takes the caps
+// What a transform element's transform_caps gives for the caps text.
+GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const char* szCaps,
+                       const char* szFilter = NULL);
 
-// A buffer whose one memory is a device image ("QvCudaDevImage") holding the host image, as an
-// upload or a device transform would hand it on.
+// A harness around the element (or "a ! b" description) with the caps pushed, torn down with it.
+using CHarness = std::unique_ptr<GstHarness, decltype(&gst_harness_teardown)>;
+CHarness Harness(const char* szElements, const char* szCaps);
+
+// A buffer of one device image memory ("QvCudaDevImage"), as an upload would hand it on.
 GstBuffer* DeviceImageBuffer(const Qv::IImage& xImage);
+// Pushes one buffer, expecting the flow, and returns what the elements printed meanwhile.
+std::string PushCaptured(GstHarness* pxHarness, GstBuffer* pxIn, GstFlowReturn eExpected);
+// The time and camera settings of a buffer, and the check that an output carries them.
+GstBuffer* WithMeta(GstBuffer* pxBuffer, GstClockTime uPts, float fExposure, float fGain);
+void ExpectMeta(GstBuffer* pxBuffer, GstClockTime uPts, float fExposure, float fGain);
+
+// The debayer element's RGBA output worked out from the Malvar-He-Cutler formula in single
+// precision, one fused multiply-add per added product in the formula's order, with the fixed
+// gains (red 1 / 0.7, green 1, blue 1 / 0.88) and 8-bit storing (scale, clamp, truncate). Red
+// sits at (iRedX, iRedY) of each 2 x 2 block; samples past the edge repeat it.
+std::vector<uint8_t> DemosaicReference(const std::vector<uint8_t>& xRaw, int W, int H, int iRedX,
+                                       int iRedY);
 
 }  // namespace QvTest
