@@ -453,7 +453,9 @@ void RigArrival(GstElement* /*sink*/, GstBuffer* pxBuffer, GstPad* /*pad*/, gpoi
   const auto tNow = Clock::now();
   {
     std::lock_guard<std::mutex> xGuard(px->xMutex);
+    // The wall stamps its own time line; there each output is the oldest set still pending.
     auto it = px->xPushed.find(GST_BUFFER_PTS(pxBuffer));
+    if (it == px->xPushed.end()) it = px->xPushed.begin();
     if (it != px->xPushed.end()) {
       px->xLatencyMs.push_back(
           std::chrono::duration<double, std::milli>(tNow - it->second).count());
@@ -472,7 +474,8 @@ const int kRigCameras = 6;
 
 SRigResult RunRig(bool bWall, int iWidth, int iHeight, int iSets) {
   SRigResult xResult;
-  const int iWarm = 2;
+  // Enough warm-up sets to fill every queue and the device image caches behind them.
+  const int iWarm = 5;
   const GstClockTime uFrame = GST_SECOND / 30;
   char szCaps[160];
   std::snprintf(szCaps, sizeof(szCaps),
