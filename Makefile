@@ -29,7 +29,11 @@ test-gpu: build
 
 bench: build
 	$(BUILD_DIR)/bench/qvbench-kernels
-	$(BUILD_DIR)/bench/qvbench
+	$(BUILD_DIR)/bench/qvbench --csv $(BUILD_DIR)/bench/qvbench.csv
+	@if command -v gnuplot >/dev/null; then \
+	  gnuplot -e "csv='$(BUILD_DIR)/bench/qvbench.csv'; png='$(BUILD_DIR)/bench/qvbench.png'" \
+	    bench/qvbench.gp && echo "bench: plotted $(BUILD_DIR)/bench/qvbench.png"; \
+	else echo "bench: gnuplot not found (apt-get install gnuplot-nox), plot skipped"; fi
 	@if [ -z "$$DISPLAY" ] && command -v xvfb-run >/dev/null; then \
 	  xvfb-run -a -s "-screen 0 1280x1024x24" $(BUILD_DIR)/bench/qvbench-display; \
 	else $(BUILD_DIR)/bench/qvbench-display; fi

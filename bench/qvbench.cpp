@@ -6,9 +6,13 @@
 #include <linux/videodev2.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -35,18 +39,22 @@ using QvBench::Median;
 
 using Clock = std::chrono::steady_clock;
 
-// The bare copy: the same bytes from pinned host memory into a device image, waited for.
-double BareUploadMs(int iWidth, int iHeight, int iRuns) {
+// The bare copy: the same bytes from pinned host memory into a device image, waited for. With
+// iCopies > 1, that many copies into as many images back to back on one stream, waited for once:
+// what the bus allows for a set of frames of several cameras.
+double BareUploadMs(int iWidth, int iHeight, int iRuns, int iCopies = 1) {
   const size_t uBytes = static_cast<size_t>(iWidth) * iHeight;
   void* pHost = Qv::Device::AllocPinnedHost(uBytes);
   std::memset(pHost, 1, uBytes);
-  Qv::CQvDeviceImage2D xImage(
-      Qv::CQvImageFormat(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte));
+  std::vector<Qv::CQvDeviceImage2D> xImages(iCopies);
+  for (auto& xImage : xImages)
+    xImage.Create(
+        Qv::CQvImageFormat(iWidth, iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte));
   cudaStream_t hStream = Qv::Device::CreateStream();
   std::vector<double> xTimes;
   for (int i = 0; i < iRuns + 3; ++i) {
     const auto t0 = Clock::now();
-    xImage.Upload(pHost, static_cast<size_t>(iWidth), hStream, true);
+    for (auto& xImage : xImages) xImage.Upload(pHost, static_cast<size_t>(iWidth), hStream, true);
     Qv::Device::SynchronizeStream(hStream);
     if (i >= 3)
       xTimes.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
@@ -54,6 +62,32 @@ double BareUploadMs(int iWidth, int iHeight, int iRuns) {
   Qv::Device::DestroyStream(hStream);
   Qv::Device::FreePinnedHost(pHost);
   return Median(xTimes);
+}
+
+// The figures also go to a CSV file (--csv), one row per figure with its floor or peer where
+// one exists, for bench/qvbench.gp to plot.
+struct SCsvRow {
+  std::string sSection, sName, sUnit;
+  double dValue, dReference;
+};
+std::vector<SCsvRow> g_xCsv;
+
+void Csv(const char* szSection, const char* szName, double dValue, const char* szUnit,
+         double dReference = NAN) {
+  g_xCsv.push_back({szSection, szName, szUnit, dValue, dReference});
+}
+
+bool WriteCsv(const char* szPath) {
+  std::FILE* pxFile = std::fopen(szPath, "w");
+  if (!pxFile) return false;
+  std::fprintf(pxFile, "section,name,value,unit,floor_or_peer\n");
+  for (const SCsvRow& x : g_xCsv) {
+    std::fprintf(pxFile, "%s,%s,%.6g,%s,", x.sSection.c_str(), x.sName.c_str(), x.dValue,
+                 x.sUnit.c_str());
+    if (!std::isnan(x.dReference)) std::fprintf(pxFile, "%.6g", x.dReference);
+    std::fprintf(pxFile, "\n");
+  }
+  return std::fclose(pxFile) == 0;
 }
 
 struct SPipelineResult {
@@ -228,6 +262,7 @@ void DownloadBench(int iWidth, int iHeight, bool bCuda) {
   std::printf("download: bare device-to-host copy (pinned) %8.3f ms\n", dBare);
   std::printf("download: appsrc ! qvcudadownload ! fakesink%8.3f ms/frame (%.2f x the bare copy)\n",
               dDownload, dBare > 0 ? dDownload / dBare : 0.0);
+  Csv("download", "qvcudadownload", dDownload, "ms/frame", dBare);
 }
 
 // The mixer. Six branches of appsrc feed qvcudamix; every buffer is queued before the pipeline
@@ -398,6 +433,194 @@ void MixBenchmarks(bool bCuda) {
               xSel.dMsPerFrame, xSel.iFrames);
   std::printf("mix: 6 branches ! input-selector                 %8.3f ms/frame (%d frames)\n",
               xIn.dMsPerFrame, xIn.iFrames);
+  Csv("mix", "videowall", xWall.dMsPerFrame, "ms/frame", dFloor);
+  Csv("mix", "selector", xSel.dMsPerFrame, "ms/frame", xIn.dMsPerFrame);
+}
+
+// The rig: six cameras, each from an appsrc filling its upload element's pinned pool, into the
+// mixer and a fakesink. Each camera's frame of a set carries the set's PTS; the push time of
+// camera 0's frame is stamped per PTS and read back at the sink, so the latency is from a
+// frame's push to the arrival of its set's output.
+struct SRigArrivals {
+  std::mutex xMutex;
+  std::map<GstClockTime, Clock::time_point> xPushed;
+  std::vector<double> xLatencyMs;
+  std::atomic<int> iArrived{0};
+};
+
+void RigArrival(GstElement* /*sink*/, GstBuffer* pxBuffer, GstPad* /*pad*/, gpointer pxData) {
+  auto* px = static_cast<SRigArrivals*>(pxData);
+  const auto tNow = Clock::now();
+  {
+    std::lock_guard<std::mutex> xGuard(px->xMutex);
+    // The wall stamps its own time line; there each output is the oldest set still pending.
+    auto it = px->xPushed.find(GST_BUFFER_PTS(pxBuffer));
+    if (it == px->xPushed.end()) it = px->xPushed.begin();
+    if (it != px->xPushed.end()) {
+      px->xLatencyMs.push_back(
+          std::chrono::duration<double, std::milli>(tNow - it->second).count());
+      px->xPushed.erase(it);
+    }
+  }
+  px->iArrived++;
+}
+
+struct SRigResult {
+  double dSetsPerSecond = 0, dLatencyMedianMs = 0, dLatencyP99Ms = 0, dAllocationsPerSet = 0;
+  bool bPinned = false, bOk = false;
+};
+
+const int kRigCameras = 6;
+
+SRigResult RunRig(bool bWall, int iWidth, int iHeight, int iSets) {
+  SRigResult xResult;
+  // Enough warm-up sets to fill every queue and the device image caches behind them.
+  const int iWarm = 5;
+  const GstClockTime uFrame = GST_SECOND / 30;
+  char szCaps[160];
+  std::snprintf(szCaps, sizeof(szCaps),
+                "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1", iWidth, iHeight);
+  // The queue lets a camera's upload of frame N+1 overlap the demosaic and scale of frame N.
+  const char* szBranch =
+      bWall ? "qvcudaupload" : "qvcudaupload ! qvcudadebayer ! qvcudascale ! queue";
+  std::string sPipeline = std::string("qvcudamix name=mix") + (bWall ? " type=videowall" : "") +
+                          " ! fakesink name=sink sync=false signal-handoffs=true";
+  for (int i = 0; i < kRigCameras; ++i)
+    sPipeline += " appsrc name=src" + std::to_string(i) +
+                 " format=time block=true max-buffers=2 caps=\"" + szCaps + "\" ! " + szBranch +
+                 " ! mix.sink_" + std::to_string(i);
+  GError* pxError = NULL;
+  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
+  if (!pxPipeline || pxError) {
+    std::fprintf(stderr, "qvbench: %s\n", pxError ? pxError->message : "no pipeline");
+    if (pxError) g_error_free(pxError);
+    return xResult;
+  }
+  SRigArrivals xArrivals;
+  GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
+  g_signal_connect(pxSink, "handoff", G_CALLBACK(RigArrival), &xArrivals);
+  std::vector<GstElement*> xSrcs, xUploads;
+  for (int i = 0; i < kRigCameras; ++i) {
+    xSrcs.push_back(gst_bin_get_by_name(GST_BIN(pxPipeline), ("src" + std::to_string(i)).c_str()));
+    GstPad* pxSrcPad = gst_element_get_static_pad(xSrcs.back(), "src");
+    GstPad* pxPeer = gst_pad_get_peer(pxSrcPad);
+    xUploads.push_back(gst_pad_get_parent_element(pxPeer));
+    gst_object_unref(pxPeer);
+    gst_object_unref(pxSrcPad);
+  }
+  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+
+  std::vector<GstBuffer*> xFrames;
+  auto PushSet = [&](int iSet) {
+    for (int i = 0; i < kRigCameras; ++i) {
+      GstBuffer* pxBuffer = gst_buffer_copy(xFrames[i]);  // shares the pinned memory
+      GST_BUFFER_PTS(pxBuffer) = iSet * uFrame;
+      GST_BUFFER_DURATION(pxBuffer) = uFrame;
+      if (i == 0) {
+        std::lock_guard<std::mutex> xGuard(xArrivals.xMutex);
+        xArrivals.xPushed[iSet * uFrame] = Clock::now();
+      }
+      gst_app_src_push_buffer(GST_APP_SRC(xSrcs[i]), pxBuffer);
+    }
+  };
+  // The first set from ordinary memory negotiates; then each camera's frame comes from the pool
+  // its upload element proposes.
+  for (int i = 0; i < kRigCameras; ++i) {
+    const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, i);
+    GstBuffer* pxBuffer = gst_buffer_new_allocate(NULL, xScene.size(), NULL);
+    gst_buffer_fill(pxBuffer, 0, xScene.data(), xScene.size());
+    xFrames.push_back(pxBuffer);
+  }
+  PushSet(0);
+  GstCaps* pxCaps = gst_caps_from_string(szCaps);
+  int iPinned = 0;
+  for (int i = 0; i < kRigCameras; ++i) {
+    GstBuffer* pxFrame = NULL;
+    for (int iTry = 0; iTry < 500 && !pxFrame; ++iTry) {
+      GstBufferPool* pxPool = QvTools::ProposedPool(xUploads[i], pxCaps);
+      if (pxPool) {
+        if (gst_buffer_pool_acquire_buffer(pxPool, &pxFrame, NULL) != GST_FLOW_OK) pxFrame = NULL;
+        gst_buffer_pool_set_active(pxPool, FALSE);
+        gst_object_unref(pxPool);
+      } else {
+        g_usleep(10000);  // not negotiated yet
+      }
+    }
+    if (!pxFrame) continue;
+    const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, i);
+    gst_buffer_fill(pxFrame, 0, xScene.data(), xScene.size());
+    gst_buffer_unref(xFrames[i]);
+    xFrames[i] = pxFrame;
+    ++iPinned;
+  }
+  gst_caps_unref(pxCaps);
+  xResult.bPinned = iPinned == kRigCameras;
+
+  // Warm-up sets, waited for at the sink; then the timed sets up to end of stream.
+  for (int k = 1; k < iWarm; ++k) PushSet(k);
+  for (int iWait = 0; iWait < 120000 && xArrivals.iArrived < iWarm; ++iWait) g_usleep(1000);
+  {
+    std::lock_guard<std::mutex> xGuard(xArrivals.xMutex);
+    xArrivals.xLatencyMs.clear();
+  }
+  const uint64_t uAllocs = Qv::CQvDeviceMMU::GetAllocationCount();
+  const auto t0 = Clock::now();
+  for (int k = iWarm; k < iWarm + iSets; ++k) PushSet(k);
+  for (GstElement* pxSrc : xSrcs) gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  const double dMs = MsSince(t0);
+  xResult.bOk = pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_EOS;
+  if (!xResult.bOk) std::fprintf(stderr, "qvbench: the rig pipeline failed\n");
+  if (pxMsg) gst_message_unref(pxMsg);
+  xResult.dAllocationsPerSet =
+      static_cast<double>(Qv::CQvDeviceMMU::GetAllocationCount() - uAllocs) / iSets;
+  gst_element_set_state(pxPipeline, GST_STATE_NULL);
+  xResult.dSetsPerSecond = dMs > 0 ? 1000.0 * iSets / dMs : 0.0;
+  std::vector<double> xLatency = xArrivals.xLatencyMs;
+  std::sort(xLatency.begin(), xLatency.end());
+  if (!xLatency.empty()) {
+    xResult.dLatencyMedianMs = xLatency[xLatency.size() / 2];
+    xResult.dLatencyP99Ms = xLatency[std::min(xLatency.size() - 1, xLatency.size() * 99 / 100)];
+  }
+  for (GstBuffer* pxBuffer : xFrames) gst_buffer_unref(pxBuffer);
+  for (GstElement* px : xSrcs) gst_object_unref(px);
+  for (GstElement* px : xUploads) gst_object_unref(px);
+  gst_object_unref(pxBus);
+  gst_object_unref(pxSink);
+  gst_object_unref(pxPipeline);
+  return xResult;
+}
+
+// Both rig lines next to the bus's ceiling for the same bytes: six bare pinned copies back to
+// back. The wall needs raw images of at least one tile (1280x1338).
+void RigBench(int iWidth, int iHeight, int iSets, bool bCuda) {
+  for (bool bWall : {false, true}) {
+    const int iW = bWall ? std::max(iWidth, 1280) : iWidth;
+    const int iH = bWall ? std::max(iHeight, 1338) : iHeight;
+    const double dCeilingMs = BareUploadMs(iW, iH, bCuda ? 100 : 5, kRigCameras);
+    const double dCeiling = dCeilingMs > 0 ? 1000.0 / dCeilingMs : 0.0;
+    const SRigResult x = RunRig(bWall, iW, iH, iSets);
+    const char* szLine = bWall ? "6 x upload ! qvcudamix videowall"
+                               : "6 x upload ! debayer ! scale ! queue ! qvcudamix";
+    std::printf("rig:    PCIe ceiling, 6 bare pinned copies of %dx%d %8.1f sets/s (%.3f ms)\n", iW,
+                iH, dCeiling, dCeilingMs);
+    std::printf("rig:    %-43s %8.1f sets/s (%.2f x ceiling, %d sets, %s sources)\n", szLine,
+                x.dSetsPerSecond, dCeiling > 0 ? x.dSetsPerSecond / dCeiling : 0.0, iSets,
+                x.bPinned ? "pinned" : "unpinned");
+    std::printf(
+        "rig:    push to sink, median %.3f ms, 99th percentile %.3f ms; %.3f device "
+        "allocations per set\n",
+        x.dLatencyMedianMs, x.dLatencyP99Ms, x.dAllocationsPerSet);
+    const char* szName = bWall ? "videowall sets" : "selector sets";
+    Csv("rig", szName, x.dSetsPerSecond, "sets/s", dCeiling);
+    Csv("rig", bWall ? "videowall latency median" : "selector latency median", x.dLatencyMedianMs,
+        "ms");
+    Csv("rig", bWall ? "videowall latency p99" : "selector latency p99", x.dLatencyP99Ms, "ms");
+    Csv("rig", bWall ? "videowall allocations" : "selector allocations", x.dAllocationsPerSet,
+        "per set");
+  }
 }
 
 // A driver that answers at once: what is left is the element's own cost.
@@ -453,6 +676,8 @@ void AutoAdaptBench() {
               Median(xMeasure));
   std::printf("adapt:  qvautoadapt on a frame it does not measure %7.4f ms (four control reads)\n",
               Median(xElement));
+  Csv("adapt", "measure", Median(xMeasure), "ms");
+  Csv("adapt", "unmeasured frame", Median(xElement), "ms");
 }
 
 // JPEG output of one 4K colour frame (the demosaiced test scene): the conversion into the
@@ -516,6 +741,8 @@ void JpegBench(int iWidth, int iHeight, bool bCuda) {
         "%7.3f ms (%.1f x TurboJPEG)\n",
         pxEncoder->GetName(), Median(xConvert), Median(xEncode), Median(xWrite), uSize, dBoth,
         dBoth > 0 ? dTurbo / dBoth : 0.0);
+    Csv("jpeg", eKind == EJpegEncoder::Turbo ? "convert+encode TurboJPEG" : "convert+encode nvJPEG",
+        dBoth, "ms", eKind == EJpegEncoder::Turbo ? NAN : dTurbo);
     xShim.UnmapNvBuffer(xMapped);
     xShim.DestroyNvBuffer(xBuffer);
   }
@@ -555,10 +782,13 @@ void JpegBench(int iWidth, int iHeight, bool bCuda) {
   std::printf(
       "jpeg:   appsrc ! qvcudajpegsink to tmpfs  %8.3f ms/frame (%.1f fps, with FPS lines)\n", dMs,
       1000.0 / dMs);
+  Csv("jpeg", "qvcudajpegsink", dMs, "ms/frame");
 }
 
 }  // namespace
 
+// qvbench [rig|jpeg] [--csv FILE] [--rig-size WxH] [--rig-sets N]
+// "rig" runs the six-camera lines alone, "jpeg" the JPEG output alone.
 int main(int argc, char** argv) {
   gst_init(&argc, &argv);
   gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
@@ -567,15 +797,49 @@ int main(int argc, char** argv) {
   gst_element_register(NULL, "qvcudadownload", GST_RANK_NONE, gst_cuda_download_get_type());
   gst_element_register(NULL, "qvcudajpegsink", GST_RANK_NONE, gst_cuda_jpeg_sink_get_type());
   const int iWidth = 3840, iHeight = 2160;
+  std::string sOnly;
+  const char* szCsv = NULL;
+  int iRigWidth = 0, iRigHeight = 0, iRigSets = 0;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--csv") == 0 && i + 1 < argc) {
+      szCsv = argv[++i];
+    } else if (std::strcmp(argv[i], "--rig-size") == 0 && i + 1 < argc) {
+      if (std::sscanf(argv[++i], "%dx%d", &iRigWidth, &iRigHeight) != 2 || iRigWidth < 2 ||
+          iRigHeight < 2 || iRigWidth % 2 || iRigHeight % 2) {
+        std::fprintf(stderr, "qvbench: --rig-size wants an even WxH, such as 640x360\n");
+        return 2;
+      }
+    } else if (std::strcmp(argv[i], "--rig-sets") == 0 && i + 1 < argc) {
+      iRigSets = std::atoi(argv[++i]);
+      if (iRigSets < 1) {
+        std::fprintf(stderr, "qvbench: --rig-sets wants a count of at least 1\n");
+        return 2;
+      }
+    } else if (std::strcmp(argv[i], "rig") == 0 || std::strcmp(argv[i], "jpeg") == 0) {
+      sOnly = argv[i];
+    } else {
+      std::fprintf(stderr,
+                   "usage: qvbench [rig|jpeg] [--csv FILE] [--rig-size WxH] [--rig-sets N]\n");
+      return 2;
+    }
+  }
   try {
     const bool bCuda = Qv::Device::IsCuda();
     const int iFrames = bCuda ? 500 : 40;
+    // The host backend runs device code on the CPU: small cameras and few sets keep it short.
+    if (!iRigWidth) iRigWidth = bCuda ? 3840 : 640, iRigHeight = bCuda ? 2160 : 360;
+    if (!iRigSets) iRigSets = bCuda ? 600 : 3;
     std::printf("qvbench: backend %s, frames of %dx%d 8-bit\n", Qv::Device::GetBackendName(),
                 iWidth, iHeight);
+    if (sOnly == "rig") {
+      RigBench(iRigWidth, iRigHeight, iRigSets, bCuda);
+      if (szCsv && !WriteCsv(szCsv)) std::fprintf(stderr, "qvbench: cannot write %s\n", szCsv);
+      return 0;
+    }
     AutoAdaptBench();
-    // "qvbench jpeg" measures the JPEG output alone.
-    if (argc > 1 && std::strcmp(argv[1], "jpeg") == 0) {
+    if (sOnly == "jpeg") {
       JpegBench(iWidth, iHeight, bCuda);
+      if (szCsv && !WriteCsv(szCsv)) std::fprintf(stderr, "qvbench: cannot write %s\n", szCsv);
       return 0;
     }
     const double dBare = BareUploadMs(iWidth, iHeight, bCuda ? 200 : 20);
@@ -588,6 +852,7 @@ int main(int argc, char** argv) {
     std::printf("upload: ratio to the bare copy               %8.2f\n",
                 dBare > 0 ? x.dMsPerFrame / dBare : 0.0);
     std::printf("upload: device allocations per frame         %8.3f\n", x.dAllocationsPerFrame);
+    Csv("upload", "qvcudaupload", x.dMsPerFrame, "ms/frame", dBare);
 
     const int iChainFrames = bCuda ? 300 : 5;
     const SPipelineResult xChain =
@@ -596,6 +861,7 @@ int main(int argc, char** argv) {
         "chain:  upload ! debayer ! scale             %8.3f ms/frame (%.1f fps), %.3f "
         "device allocations per frame\n",
         xChain.dMsPerFrame, 1000.0 / xChain.dMsPerFrame, xChain.dAllocationsPerFrame);
+    double dCpuMs = NAN;
     if (HasFactories({"bayer2rgb", "videoscale", "videoconvert"})) {
       char szCpu[160];
       std::snprintf(szCpu, sizeof(szCpu),
@@ -604,14 +870,18 @@ int main(int argc, char** argv) {
       std::printf(
           "chain:  bayer2rgb ! videoscale on the CPU    %8.3f ms/frame (%.1f fps); ratio %.1f\n",
           xCpu.dMsPerFrame, 1000.0 / xCpu.dMsPerFrame, xCpu.dMsPerFrame / xChain.dMsPerFrame);
+      dCpuMs = xCpu.dMsPerFrame;
     } else {
       std::printf(
           "chain:  CPU peer not run (bayer2rgb from gstreamer1.0-plugins-bad is missing)\n");
     }
 
+    Csv("chain", "upload debayer scale", xChain.dMsPerFrame, "ms/frame", dCpuMs);
     DownloadBench(iWidth, iHeight, bCuda);
     MixBenchmarks(bCuda);
     JpegBench(iWidth, iHeight, bCuda);
+    RigBench(iRigWidth, iRigHeight, iRigSets, bCuda);
+    if (szCsv && !WriteCsv(szCsv)) std::fprintf(stderr, "qvbench: cannot write %s\n", szCsv);
   } catch (const Qv::IException& e) {
     std::fprintf(stderr, "qvbench: %s\n", e.GetMessageText());
     return 1;

@@ -11,6 +11,7 @@ PACKAGES=(
   python3-gi python3-gst-1.0 gir1.2-gst-plugins-base-1.0 python3-numpy
   libglew-dev libx11-dev libgl-dev libgl1-mesa-dri xvfb libxtst-dev
   libturbojpeg0-dev
+  gnuplot-nox
 )
 
 missing=()
