@@ -87,65 +87,32 @@ TEST(LaunchPipeline, UnknownElementsAndFailedFramesEndTheRunWithAnError) {
   std::remove(sIn.c_str());
 }
 
-// Reference of the whole chain, worked out here from the formulas in single precision, each
-// weighted sum one fused multiply-add a term as the formulas are given: the Malvar-He-Cutler
-// demosaic of a GRBG mosaic with the debayer element's fixed gains, 8-bit storing (scale,
-// clamp, truncate), then I420 from the BT.601 analogue weights with the chroma of each block's
-// top left pixel.
-struct SReference {
-  int W, H;
-  const uint8_t* pRaw;
-
-  float P(int x, int y) const {
-    x = x < 0 ? 0 : (x >= W ? W - 1 : x);
-    y = y < 0 ? 0 : (y >= H ? H - 1 : y);
-    return pRaw[y * W + x] / 255.0f;
-  }
-  static uint8_t Store(float v) {
+// Reference of the whole chain, worked out here from the formulas in single precision: the
+// debayer element's output (the shared demosaic reference of a GRBG mosaic), then I420 from the
+// BT.601 analogue weights, one fused multiply-add a term in the formulas' order, with the chroma
+// of each block's top left pixel and 8-bit storing.
+std::vector<uint8_t> ReferenceI420(const uint8_t* pRaw, int W, int H) {
+  const std::vector<uint8_t> xRgba =
+      QvTest::DemosaicReference(std::vector<uint8_t>(pRaw, pRaw + W * H), W, H, 1, 0);
+  const auto Store = [](float v) {
     return static_cast<uint8_t>(std::fmax(std::fmin(255.0f, v * 255.0f), 0.0f));
-  }
-  void Rgb(int x, int y, float* pRgb) const {
-    const float r = 1.4285715f, g = 1.0f, b = 1.1363636f;
-    const int iPhase = (1 - x % 2) + 2 * (y % 2);  // 0 red site .. 3 blue site
-    const float aGains[4][4] = {{r, g, g, b}, {g, r, b, g}, {g, b, r, g}, {b, g, g, r}};
-    const float c = aGains[iPhase][0], h = aGains[iPhase][1], v = aGains[iPhase][2],
-                d = aGains[iPhase][3];
-    const float C = c * P(x, y);
-    const float X = std::fma(c, P(x + 2, y), c * P(x - 2, y));
-    const float Y = std::fma(c, P(x, y + 2), c * P(x, y - 2));
-    const float Hs = std::fma(h, P(x + 1, y), h * P(x - 1, y));
-    const float V = std::fma(v, P(x, y + 1), v * P(x, y - 1));
-    float D = d * P(x - 1, y - 1);
-    for (auto [dx, dy] : {std::pair{-1, 1}, {1, -1}, {1, 1}}) D = std::fma(d, P(x + dx, y + dy), D);
-    const float T = std::fma(-2.0f, D, 10.0f * C);
-    const float EH = std::fma(-2.0f, X, std::fma(8.0f, Hs, T) + Y) * 0.0625f;
-    const float EV = std::fma(-2.0f, Y, std::fma(8.0f, V, T) + X) * 0.0625f;
-    const float EG = (std::fma(2.0f, Hs, std::fma(2.0f, V, 4.0f * C)) - (X + Y)) * 0.125f;
-    const float ED = std::fma(-3.0f, X + Y, std::fma(4.0f, D, 12.0f * C)) * 0.0625f;
-    const float aOut[4][3] = {{C, EG, ED}, {EH, C, EV}, {EV, C, EH}, {ED, EG, C}};
-    // The RGBA image between the elements holds stored bytes.
-    for (int i = 0; i < 3; ++i) pRgb[i] = Store(aOut[iPhase][i]) / 255.0f;
-  }
-  // Y plane, then U and V planes of W/2 x H/2.
-  std::vector<uint8_t> I420() const {
-    std::vector<uint8_t> x;
-    float c[3];
-    for (int y = 0; y < H; ++y)
-      for (int i = 0; i < W; ++i) {
-        Rgb(i, y, c);
-        x.push_back(Store(std::fma(0.114f, c[2], std::fma(0.299f, c[0], 0.587f * c[1]))));
+  };
+  const auto C = [&](int x, int y, int i) { return xRgba[4 * (y * W + x) + i] / 255.0f; };
+  std::vector<uint8_t> x;
+  for (int y = 0; y < H; ++y)
+    for (int i = 0; i < W; ++i)
+      x.push_back(
+          Store(std::fma(0.114f, C(i, y, 2), std::fma(0.299f, C(i, y, 0), 0.587f * C(i, y, 1)))));
+  for (int iPlane = 0; iPlane < 2; ++iPlane)
+    for (int j = 0; j < H / 2; ++j)
+      for (int i = 0; i < W / 2; ++i) {
+        const float r = C(2 * i, 2 * j, 0), g = C(2 * i, 2 * j, 1), b = C(2 * i, 2 * j, 2);
+        x.push_back(Store(iPlane == 0
+                              ? std::fma(0.436f, b, std::fma(-0.147f, r, -0.289f * g)) + 0.5f
+                              : std::fma(-0.1f, b, std::fma(0.615f, r, -0.515f * g)) + 0.5f));
       }
-    for (int iPlane = 0; iPlane < 2; ++iPlane)
-      for (int j = 0; j < H / 2; ++j)
-        for (int i = 0; i < W / 2; ++i) {
-          Rgb(2 * i, 2 * j, c);
-          x.push_back(Store(
-              iPlane == 0 ? std::fma(0.436f, c[2], std::fma(-0.147f, c[0], -0.289f * c[1])) + 0.5f
-                          : std::fma(-0.1f, c[2], std::fma(0.615f, c[0], -0.515f * c[1])) + 0.5f));
-        }
-    return x;
-  }
-};
+  return x;
+}
 
 TEST(LaunchPipeline, RawGrbgFileThroughDebayerYuvAndDownloadGivesTheReferenceI420) {
   const int W = 64, H = 48, iFrames = 2;
@@ -162,7 +129,7 @@ TEST(LaunchPipeline, RawGrbgFileThroughDebayerYuvAndDownloadGivesTheReferenceI42
   const size_t uFrame = W * H * 3 / 2;
   ASSERT_EQ(iFrames * uFrame, xOut.size());
   for (int f = 0; f < iFrames; ++f) {
-    const std::vector<uint8_t> xExpected = SReference{W, H, xRaw.data() + f * W * H}.I420();
+    const std::vector<uint8_t> xExpected = ReferenceI420(xRaw.data() + f * W * H, W, H);
     EXPECT_TRUE(std::equal(xExpected.begin(), xExpected.end(), xOut.begin() + f * uFrame))
         << "frame " << f;
   }
