@@ -72,11 +72,6 @@ std::vector<float4> ProbeFetches(const Qv::CQvDeviceImage2D& xImage, bool bLinea
   return xResult;
 }
 
-void FillIndexImage(Qv::CQvDeviceImage2D& xImage, int iBlockX, int iBlockY) {
-  Qv::CQvCudaComp xComp;
-  FillIndexImage(xComp, xImage, iBlockX, iBlockY);
-}
-
 void FillIndexImage(Qv::CQvCudaComp& xComp, Qv::CQvDeviceImage2D& xImage, int iBlockX,
                     int iBlockY) {
   if (!xImage.IsOfType<Qv::L_f>()) QV_THROW("index image must be Lum Float");

@@ -16,7 +16,6 @@ std::vector<float4> ProbeFetches(const Qv::CQvDeviceImage2D& xImage, bool bLinea
                                  bool bNormalizedCoordinates, const std::vector<SCoord>& xCoords);
 
 // Writes value x + y * 1000 into every pixel of an L_f image through the launch helper.
-void FillIndexImage(Qv::CQvDeviceImage2D& xImage, int iBlockX, int iBlockY);
 void FillIndexImage(Qv::CQvCudaComp& xComp, Qv::CQvDeviceImage2D& xImage, int iBlockX, int iBlockY);
 
 }  // namespace QvTest

@@ -1,20 +1,32 @@
 #pragma once
-// Helpers for building test images: seeded random bytes and device images filled from them.
+// Test images on the device: seeded random images, and images uploaded from and read back as
+// plain numbers.
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "QvDeviceImage2D.h"
-#include "QvImage.h"
 #include "QvTestRandom.h"
+#include "QvTestUtil.h"
 
 namespace QvTest {
 
-// A host image of the format filled with seeded random bytes.
-Qv::CQvImage RandomImage(const Qv::CQvImageFormat& xFormat, uint32_t uSeed);
+inline Qv::CQvImage RandomImage(const Qv::CQvImageFormat& xFormat, uint32_t uSeed) {
+  Qv::CQvImage xImage(xFormat);
+  const std::vector<uint8_t> xBytes = RandomBytes(xFormat.GetImageBytes(), uSeed);
+  std::memcpy(xImage.GetDataPtr(), xBytes.data(), xBytes.size());
+  return xImage;
+}
 
-bool BytesEqual(const Qv::IImage& a, const Qv::IImage& b);
+inline Qv::CQvDeviceImage2D Upload(int w, int h, Qv::EPixelType::ID ePixel, Qv::EDataType::ID eData,
+                                   const std::vector<double>& xSamples) {
+  return Qv::CQvDeviceImage2D(MakeImage(w, h, ePixel, eData, xSamples));
+}
 
-// Name of the backend in use, for messages.
-const char* BackendName();
+inline std::vector<double> Download(const Qv::CQvDeviceImage2D& xImage) {
+  Qv::CQvImage xHost;
+  xImage.CopyTo(xHost);
+  return Samples(xHost);
+}
 
 }  // namespace QvTest

@@ -1,66 +1,71 @@
-// The caching allocator: a steady stream of same-size frames makes no new device allocation.
+// The caching allocator: a block is reused only for a request of the same shape, and the
+// allocation count shows when the device was asked for memory.
 #include <gtest/gtest.h>
-
-#include <memory>
-#include <vector>
 
 #include "QvDeviceImage2D.h"
 #include "QvDeviceMMU.h"
+#include "QvTestUtil.h"
 
 using namespace Qv;
 
 namespace {
 
+uint64_t Count() {
+  return CQvDeviceMMU::GetAllocationCount();
+}
+
 TEST(DeviceMMU, SameSizeFramesReuseCachedBlocksAfterWarmUp) {
   const CQvImageFormat xFrame(3840, 2160, EPixelType::BayerGR, EDataType::UByte);
   const CQvImageFormat xRgba(3840, 2160, EPixelType::RGBA, EDataType::UByte);
   // Warm-up: two frames in flight at once, as in a pipeline of two elements.
-  for (int i = 0; i < 2; ++i) {
+  { CQvDeviceImage2D a(xFrame), b(xRgba), c(xFrame); }
+  const uint64_t uAfterWarmUp = Count();
+  for (int i = 0; i < 20; ++i) {
     CQvDeviceImage2D a(xFrame), b(xRgba), c(xFrame);
   }
-  const uint64_t uAfterWarmUp = CQvDeviceMMU::GetAllocationCount();
-  for (int i = 0; i < 50; ++i) {
-    auto pxIn = std::make_unique<CQvDeviceImage2D>(xFrame);
-    auto pxOut = std::make_unique<CQvDeviceImage2D>(xRgba);
-    auto pxNext = std::make_unique<CQvDeviceImage2D>(xFrame);
-  }
-  EXPECT_EQ(uAfterWarmUp, CQvDeviceMMU::GetAllocationCount());
+  EXPECT_EQ(uAfterWarmUp, Count());
 }
 
-TEST(DeviceMMU, ReusedBlockHasThePitchOfAFreshOne) {
-  const CQvImageFormat xFormat(1001, 3, EPixelType::Lum, EDataType::UByte);
-  size_t uFirstPitch = 0;
-  {
-    CQvDeviceImage2D x(xFormat);
-    uFirstPitch = x.GetDevicePitch();
-  }
-  CQvDeviceImage2D y(xFormat);
-  EXPECT_EQ(uFirstPitch, y.GetDevicePitch());
-  EXPECT_GE(y.GetDevicePitch(), 1001u);
-}
-
-TEST(DeviceMMU, NewSizeAllocatesAndTrimEmptiesTheCache) {
-  const uint64_t uBefore = CQvDeviceMMU::GetAllocationCount();
-  { CQvDeviceImage2D x(CQvImageFormat(777, 333, EPixelType::Lum, EDataType::Float)); }
-  EXPECT_EQ(uBefore + 1, CQvDeviceMMU::GetAllocationCount());
-  EXPECT_GT(CQvDeviceMMU::GetCachedBytes(), 0u);
+TEST(DeviceMMU, OtherShapesAllocateAndReusedBlocksKeepTheirPitch) {
   CQvDeviceMMU::Trim();
   EXPECT_EQ(0u, CQvDeviceMMU::GetCachedBytes());
+  const uint64_t uBefore = Count();
+  size_t uPitch = 0;
+  void* p = nullptr;
+  {
+    CQvDeviceImage2D x(CQvImageFormat(1001, 3, EPixelType::Lum, EDataType::UByte));
+    p = x.GetDevicePointer();
+    uPitch = x.GetDevicePitch();
+    EXPECT_GE(uPitch, 1001u);
+  }
+  EXPECT_EQ(uBefore + 1, Count());
+  EXPECT_EQ(uPitch * 3, CQvDeviceMMU::GetCachedBytes());
+  // Fewer rows, fewer bytes a row, the same bytes in another shape: none may take the block.
+  for (const CQvImageFormat& f : {CQvImageFormat(1001, 2, EPixelType::Lum, EDataType::UByte),
+                                  CQvImageFormat(1000, 3, EPixelType::Lum, EDataType::UByte),
+                                  CQvImageFormat(3, 1001, EPixelType::Lum, EDataType::UByte)}) {
+    CQvDeviceImage2D y(f);
+    EXPECT_NE(p, y.GetDevicePointer()) << f.ToString().ToCString();
+  }
+  EXPECT_EQ(uBefore + 4, Count());
+  CQvDeviceImage2D z(CQvImageFormat(1001, 3, EPixelType::Lum, EDataType::UByte));
+  EXPECT_EQ(p, z.GetDevicePointer());
+  EXPECT_EQ(uPitch, z.GetDevicePitch());
+  EXPECT_EQ(uBefore + 4, Count());
 }
 
-TEST(DeviceMMU, LinearBlocksAreCachedLikeImages) {
+TEST(DeviceMMU, LinearBlocksAreCachedLikeImagesAndOverflowIsRefused) {
+  CQvDeviceMMU::QvCudaFree(CQvDeviceMMU::QvCudaMalloc(2, sizeof(float)));
+  const uint64_t uBefore = Count();
   void* p = CQvDeviceMMU::QvCudaMalloc(2, sizeof(float));
-  ASSERT_NE(nullptr, p);
+  EXPECT_EQ(uBefore, Count());
+  void* q = CQvDeviceMMU::QvCudaMalloc(3, sizeof(float));
+  EXPECT_EQ(uBefore + 1, Count());
   CQvDeviceMMU::QvCudaFree(p);
-  const uint64_t uBefore = CQvDeviceMMU::GetAllocationCount();
-  void* q = CQvDeviceMMU::QvCudaMalloc(2, sizeof(float));
-  EXPECT_EQ(uBefore, CQvDeviceMMU::GetAllocationCount());
   CQvDeviceMMU::QvCudaFree(q);
   CQvDeviceMMU::QvCudaFree(nullptr);
-}
-
-TEST(DeviceMMU, OverflowingRequestIsRefused) {
-  EXPECT_ANY_THROW(CQvDeviceMMU::QvCudaMalloc(SIZE_MAX / 2, 4));
+  EXPECT_EQ(QvTest::Thrown([] { CQvDeviceMMU::QvCudaMalloc(SIZE_MAX / 2, 4); }),
+            "Device allocation size overflows");
 }
 
 }  // namespace
