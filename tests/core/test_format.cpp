@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "QvImageFormat.h"
 #include "QvTestUtil.h"
@@ -35,19 +36,13 @@ const struct {
   const char* pName;
   int iBytes;
 } kData[] = {
-    {0, "Void", 0},
-    {10, "Custom_10in16_LSB", 2},
-    {11, "Custom_10in16_MSB", 2},
-    {12, "Custom_12in16_LSB", 2},
-    {13, "Custom_12in16_MSB", 2},
-    {0x1400, "Byte", 1},
-    {0x1401, "UByte", 1},
-    {0x1402, "Short", 2},
-    {0x1403, "UShort", 2},
-    {0x1404, "Int", 4},
-    {0x1405, "UInt", 4},
-    {0x1406, "Float", 4},
+    // clang-format off
+    {0, "Void", 0},               {10, "Custom_10in16_LSB", 2}, {11, "Custom_10in16_MSB", 2},
+    {12, "Custom_12in16_LSB", 2}, {13, "Custom_12in16_MSB", 2}, {0x1400, "Byte", 1},
+    {0x1401, "UByte", 1},         {0x1402, "Short", 2},         {0x1403, "UShort", 2},
+    {0x1404, "Int", 4},           {0x1405, "UInt", 4},          {0x1406, "Float", 4},
     {0x140A, "Double", 8},
+    // clang-format on
 };
 
 }  // namespace
@@ -75,13 +70,9 @@ TEST(ImageFormat, UnknownIdsAreRefusedWithTheirMessages) {
     std::string sComponents, sChannel, sPixelBytes;
   } aCases[] = {
       {-1, 0x1401, sPixel, "", sPixel},
-      {0x1906, 0x1401, sPixel, "", sPixel},
       {0x2005, 0x1401, sPixel, "", sPixel},
-      {0x8758, 0x1401, sPixel, "", sPixel},
       {0x1909, 9, "", sData, sData},
       {0x1909, 14, "", sData, sData},  // packed types have no size
-      {0x1909, 15, "", sData, sData},
-      {0x1909, 0x1407, "", sData, sData},
       {0x1909, 0x140B, "", sData, sData},
       {0x1234, 5127, sPixel, sData, sData},  // the data type is checked first
       {0x1909, 5136, "", sData, sIntegral},
@@ -93,12 +84,6 @@ TEST(ImageFormat, UnknownIdsAreRefusedWithTheirMessages) {
     EXPECT_EQ(Thrown([&] { x.GetBytesPerChannel(); }), c.sChannel) << c.iData;
     EXPECT_EQ(Thrown([&] { x.GetBytesPerPixel(); }), c.sPixelBytes) << c.iPixel << " " << c.iData;
     EXPECT_EQ(Thrown([&] { x.GetImageBytes(); }), c.sPixelBytes) << c.iPixel << " " << c.iData;
-    if (!c.sComponents.empty()) {
-      EXPECT_STREQ(CQvImageFormat::PixelType2String(c.iPixel), "Unknown");
-    }
-    if (!c.sChannel.empty()) {
-      EXPECT_STREQ(CQvImageFormat::DataType2String(c.iData), "Unknown");
-    }
   }
 }
 
@@ -117,28 +102,21 @@ TEST(ImageFormat, RowAndImageBytesBeyond32BitAndForEmptySizes) {
 }
 
 TEST(ImageFormat, LayoutTextEqualityAndEmptiness) {
-  // Kernels and other modules read the record as four int32: width, height, data, pixel.
-  int32_t aiRaw[4];
   const CQvImageFormat xFormat(640, 480, EPixelType::BGRA, EDataType::UShort);
+  int32_t aiRaw[4];  // kernels and other modules read width, height, data, pixel as int32
   std::memcpy(aiRaw, &xFormat, sizeof(aiRaw));
-  EXPECT_EQ(aiRaw[0], 640);
-  EXPECT_EQ(aiRaw[1], 480);
-  EXPECT_EQ(aiRaw[2], 0x1403);
-  EXPECT_EQ(aiRaw[3], 0x80E1);
+  EXPECT_EQ(std::vector<int32_t>(aiRaw, aiRaw + 4),
+            (std::vector<int32_t>{640, 480, 0x1403, 0x80E1}));
   EXPECT_STREQ(xFormat.ToString().ToCString(), "640x480, BGRA, UShort");
   EXPECT_STREQ(MakeFormat(7, 3, 0x4444, 0x5555).ToString().ToCString(), "7x3, Unknown, Unknown");
   EXPECT_STREQ(CQvImageFormat().ToString().ToCString(), "0x0, None, Void");
-  for (int i = 0; i < 4; ++i) {
-    int32_t aiOther[4] = {640, 480, 0x1403, 0x80E1};
-    aiOther[i] += 1;
-    CQvImageFormat xOther;
-    std::memcpy(&xOther, aiOther, sizeof(aiOther));
-    EXPECT_TRUE(xOther != xFormat) << "field " << i;
-    EXPECT_FALSE(xOther == xFormat) << "field " << i;
-  }
   EXPECT_TRUE(CQvImageFormat(xFormat) == xFormat);
-  EXPECT_FALSE(CQvImageFormat(1, 1, EPixelType::Lum, EDataType::UByte).IsEmpty());
-  EXPECT_TRUE(CQvImageFormat(0, 1, EPixelType::Lum, EDataType::UByte).IsEmpty());
-  EXPECT_TRUE(CQvImageFormat(1, -1, EPixelType::Lum, EDataType::UByte).IsEmpty());
-  EXPECT_TRUE(CQvImageFormat(5, 5, EPixelType::None, EDataType::UByte).IsEmpty());
+  for (const CQvImageFormat& x :
+       {MakeFormat(641, 480, 0x80E1, 0x1403), MakeFormat(640, 481, 0x80E1, 0x1403),
+        MakeFormat(640, 480, 0x1908, 0x1403), MakeFormat(640, 480, 0x80E1, 0x1401)})
+    EXPECT_TRUE(x != xFormat && !(x == xFormat)) << x.ToString().ToCString();
+  EXPECT_FALSE(MakeFormat(1, 1, 0x1909, 0x1401).IsEmpty());
+  for (const CQvImageFormat& x : {MakeFormat(0, 1, 0x1909, 0x1401),
+                                  MakeFormat(1, -1, 0x1909, 0x1401), MakeFormat(5, 5, 0, 0x1401)})
+    EXPECT_TRUE(x.IsEmpty()) << x.ToString().ToCString();
 }

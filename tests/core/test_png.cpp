@@ -124,44 +124,26 @@ TEST(PngRead, HandMadeFilesGiveTheirSamplesInHostOrder) {
 TEST(PngWrite, EveryWritableClassReadsBack) {
   const struct {
     int w, h;
-    EPixelType::ID ePixel;
+    EPixelType::ID ePixel, eRead;
     EDataType::ID eData;
-    V xSamples;
-    uint8_t uDepth, uColorType;
-    EPixelType::ID eRead;  // and the samples in RGB order
-    V xRead = {};
+    V xSamples, xRead;
   } aCases[] = {
       // clang-format off
-      {2, 2, EPixelType::RGB, EDataType::UByte, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 255}, 8, 2,
-       EPixelType::RGB},
-      {3, 2, EPixelType::Lum, EDataType::UShort, {0, 1, 256, 65535, 4660, 59999}, 16, 0,
-       EPixelType::Lum},
-      {2, 2, EPixelType::LumA, EDataType::UByte, {0, 255, 128, 0, 17, 34, 255, 1}, 8, 4,
-       EPixelType::LumA},
-      {2, 1, EPixelType::RGBA, EDataType::UShort, {1, 2, 3, 4, 65535, 256, 255, 0}, 16, 6,
-       EPixelType::RGBA},
-      {2, 1, EPixelType::BGR, EDataType::UByte, {1, 2, 3, 4, 5, 6}, 8, 2, EPixelType::RGB,
-       {3, 2, 1, 6, 5, 4}},
-      {1, 1, EPixelType::BGRA, EDataType::UByte, {1, 2, 3, 4}, 8, 6, EPixelType::RGBA, {3, 2, 1, 4}},
+      {2, 2, EPixelType::RGB, EPixelType::RGB, EDataType::UByte, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 255}, {}},
+      {3, 2, EPixelType::Lum, EPixelType::Lum, EDataType::UShort, {0, 1, 256, 65535, 4660, 59999}, {}},
+      {2, 2, EPixelType::LumA, EPixelType::LumA, EDataType::UByte, {0, 255, 128, 0, 17, 34, 255, 1}, {}},
+      {2, 1, EPixelType::RGBA, EPixelType::RGBA, EDataType::UShort, {1, 2, 3, 4, 65535, 256, 255, 0}, {}},
+      {2, 1, EPixelType::BGR, EPixelType::RGB, EDataType::UByte, {1, 2, 3, 4, 5, 6}, {3, 2, 1, 6, 5, 4}},
+      {1, 1, EPixelType::BGRA, EPixelType::RGBA, EDataType::UByte, {1, 2, 3, 4}, {3, 2, 1, 4}},
       // clang-format on
   };
   const std::string sPath = TempPath("write.png");
   for (const auto& c : aCases) {
-    const CQvImageFormat f(c.w, c.h, c.ePixel, c.eData);
-    const std::string sRow = f.ToString().ToCString();
     CImage::WritePNG(QvTest::MakeImage(c.w, c.h, c.ePixel, c.eData, c.xSamples), sPath.c_str());
-    // Signature and header, byte by byte.
-    Bytes xExpected = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A,
-                       0,    0,   0,   13,  'I',  'H',  'D',  'R'};
-    AppendBigEndian32(xExpected, static_cast<uint32_t>(c.w));
-    AppendBigEndian32(xExpected, static_cast<uint32_t>(c.h));
-    xExpected.insert(xExpected.end(), {c.uDepth, c.uColorType, 0, 0, 0});
-    const Bytes xFile = ReadFile(sPath);
-    ASSERT_GE(xFile.size(), xExpected.size()) << sRow;
-    EXPECT_EQ(Bytes(xFile.begin(), xFile.begin() + xExpected.size()), xExpected) << sRow;
     const CQvImage xRead = ReadPng(sPath);
-    EXPECT_EQ(xRead.GetFormat(), CQvImageFormat(c.w, c.h, c.eRead, c.eData)) << sRow;
-    EXPECT_EQ(Samples(xRead), c.xRead.empty() ? c.xSamples : c.xRead) << sRow;
+    EXPECT_EQ(xRead.GetFormat(), CQvImageFormat(c.w, c.h, c.eRead, c.eData));
+    EXPECT_EQ(Samples(xRead), c.xRead.empty() ? c.xSamples : c.xRead)
+        << CQvImageFormat(c.w, c.h, c.ePixel, c.eData).ToString().ToCString();
   }
   std::remove(sPath.c_str());
 }

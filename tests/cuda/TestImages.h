@@ -1,6 +1,7 @@
 #pragma once
 // Test images on the device: seeded random images, and images uploaded from and read back as
 // plain numbers.
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -16,6 +17,11 @@ inline Qv::CQvImage RandomImage(const Qv::CQvImageFormat& xFormat, uint32_t uSee
   const std::vector<uint8_t> xBytes = RandomBytes(xFormat.GetImageBytes(), uSeed);
   std::memcpy(xImage.GetDataPtr(), xBytes.data(), xBytes.size());
   return xImage;
+}
+
+// The storing rule of every kernel: scale by M, clamp to [0, M], truncate; NaN stores M.
+inline double StoreRule(float v, float fM) {
+  return std::floor(std::fmax(std::fmin(fM, v * fM), 0.0f));
 }
 
 inline Qv::CQvDeviceImage2D Upload(int w, int h, Qv::EPixelType::ID ePixel, Qv::EDataType::ID eData,
