@@ -21,29 +21,23 @@ CQvImageFormat MakeFormat(int32_t iWidth, int32_t iHeight, int32_t iPixel, int32
 }
 
 // Every named id with its size, written out as plain numbers.
-const struct {
-  int32_t iId;
-  const char* pName;
-  int iComponents;
-} kPixels[] = {
+// clang-format off
+const struct { int32_t iId; const char* pName; int iComponents; } kPixels[] = {
     {0, "None", 0},         {0x1907, "RGB", 3},     {0x1908, "RGBA", 4},    {0x1909, "Lum", 1},
     {0x190A, "LumA", 2},    {0x2001, "BayerRG", 1}, {0x2002, "BayerBG", 1}, {0x2003, "BayerGR", 1},
     {0x2004, "BayerGB", 1}, {0x80E0, "BGR", 3},     {0x80E1, "BGRA", 4},    {0x8757, "Unknown", 2},
 };
+// clang-format on
 
-const struct {
-  int32_t iId;
-  const char* pName;
-  int iBytes;
-} kData[] = {
-    // clang-format off
+// clang-format off
+const struct { int32_t iId; const char* pName; int iBytes; } kData[] = {
     {0, "Void", 0},               {10, "Custom_10in16_LSB", 2}, {11, "Custom_10in16_MSB", 2},
     {12, "Custom_12in16_LSB", 2}, {13, "Custom_12in16_MSB", 2}, {0x1400, "Byte", 1},
     {0x1401, "UByte", 1},         {0x1402, "Short", 2},         {0x1403, "UShort", 2},
     {0x1404, "Int", 4},           {0x1405, "UInt", 4},          {0x1406, "Float", 4},
     {0x140A, "Double", 8},
-    // clang-format on
 };
+// clang-format on
 
 }  // namespace
 
@@ -65,10 +59,8 @@ TEST(ImageFormat, NamesAndSizesOfEveryKnownId) {
 TEST(ImageFormat, UnknownIdsAreRefusedWithTheirMessages) {
   const std::string sPixel = "Unknown pixel type", sData = "Unknown data type 'Unknown'";
   const std::string sIntegral = "Unable to determine bytes per pixel from integral data formats";
-  const struct {
-    int32_t iPixel, iData;
-    std::string sComponents, sChannel, sPixelBytes;
-  } aCases[] = {
+  // clang-format off
+  const struct { int32_t iPixel, iData; std::string sComponents, sChannel, sBytes; } aCases[] = {
       {-1, 0x1401, sPixel, "", sPixel},
       {0x2005, 0x1401, sPixel, "", sPixel},
       {0x1909, 9, "", sData, sData},
@@ -78,12 +70,13 @@ TEST(ImageFormat, UnknownIdsAreRefusedWithTheirMessages) {
       {0x1909, 5136, "", sData, sIntegral},
       {0x1234, 5137, sPixel, sData, sIntegral},
   };
+  // clang-format on
   for (const auto& c : aCases) {
     const CQvImageFormat x = MakeFormat(2, 2, c.iPixel, c.iData);
     EXPECT_EQ(Thrown([&] { x.GetComponentCount(); }), c.sComponents) << c.iPixel;
     EXPECT_EQ(Thrown([&] { x.GetBytesPerChannel(); }), c.sChannel) << c.iData;
-    EXPECT_EQ(Thrown([&] { x.GetBytesPerPixel(); }), c.sPixelBytes) << c.iPixel << " " << c.iData;
-    EXPECT_EQ(Thrown([&] { x.GetImageBytes(); }), c.sPixelBytes) << c.iPixel << " " << c.iData;
+    EXPECT_EQ(Thrown([&] { x.GetBytesPerPixel(); }), c.sBytes) << c.iPixel << " " << c.iData;
+    EXPECT_EQ(Thrown([&] { x.GetImageBytes(); }), c.sBytes) << c.iPixel << " " << c.iData;
   }
 }
 

@@ -19,22 +19,17 @@ TEST(Guid, ParsesBytesInTextOrderAndPrintsUpperCase) {
 }
 
 TEST(Guid, MalformedTextGivesNull) {
-  for (const char* pText : {
-           "", "{", "{}", "{1D1A0143}",
-           "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7}",    // one digit short
-           "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F0}",  // one digit long
-           "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7G}",   // not hex
-           "{1D1A0143-63EA-4BE4-AF72+6907ACCF1E7F}",   // wrong separator
-           "{1D1A014-363EA-4BE4-AF72-6907ACCF1E7F}",   // separator misplaced
-           "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F",    // one brace only
-           "1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F}",
-           "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F} ",  // trailing text
-           "1D1A014363EA4BE4AF726907ACCF1E7F",         // no separators
-       }) {
+  for (const char* pText : {"", "{", "{}", "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7}",  // short
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F0}",               // long
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7G}",                // not hex
+                            "{1D1A0143-63EA-4BE4-AF72+6907ACCF1E7F}",   // wrong separator
+                            "{1D1A014-363EA-4BE4-AF72-6907ACCF1E7F}",   // separator misplaced
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F",    // one brace only
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F} ",  // trailing text
+                            "1D1A014363EA4BE4AF726907ACCF1E7F"}) {      // no separators
     // From a heap block of exactly the text's size: a read past the end shows in the sanitizer.
-    const size_t uSize = std::strlen(pText) + 1;
-    std::unique_ptr<char[]> pCopy(new char[uSize]);
-    std::memcpy(pCopy.get(), pText, uSize);
+    std::unique_ptr<char[]> pCopy(new char[std::strlen(pText) + 1]);
+    std::strcpy(pCopy.get(), pText);
     EXPECT_TRUE(CGuid(pCopy.get()).IsNull()) << pText;
   }
   EXPECT_TRUE(CGuid(nullptr).IsNull());

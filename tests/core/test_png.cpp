@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -13,18 +12,18 @@
 #include "QvImage.h"
 #include "QvTestUtil.h"
 
-using Qv::CQvImage;
-using Qv::CQvImageFormat;
-using Qv::CQvImageMoniker;
-using Qv::EDataType;
-using Qv::EPixelType;
-using Qv::FileIO::CImage;
+using namespace Qv;
+using FileIO::CImage;
 using QvTest::Samples;
 using QvTest::Thrown;
 using Bytes = std::vector<uint8_t>;
 using V = std::vector<double>;
 
 namespace {
+
+const EPixelType::ID Lum = EPixelType::Lum, LumA = EPixelType::LumA, RGB = EPixelType::RGB,
+                     RGBA = EPixelType::RGBA;
+const EDataType::ID UB = EDataType::UByte, US = EDataType::UShort;
 
 void AppendBigEndian32(Bytes& x, uint32_t u) {
   x.insert(x.end(), {uint8_t(u >> 24), uint8_t(u >> 16), uint8_t(u >> 8), uint8_t(u)});
@@ -66,11 +65,6 @@ void WriteFile(const std::string& sPath, const Bytes& x) {
       .write(reinterpret_cast<const char*>(x.data()), static_cast<long>(x.size()));
 }
 
-Bytes ReadFile(const std::string& sPath) {
-  std::ifstream xFile(sPath, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(xFile), std::istreambuf_iterator<char>());
-}
-
 CQvImage ReadPng(const std::string& sPath) {
   CQvImage xImage;
   CImage::Read(xImage, sPath.c_str());
@@ -80,37 +74,29 @@ CQvImage ReadPng(const std::string& sPath) {
 }  // namespace
 
 TEST(PngRead, HandMadeFilesGiveTheirSamplesInHostOrder) {
-  const EPixelType::ID Lum = EPixelType::Lum, LumA = EPixelType::LumA, RGB = EPixelType::RGB;
-  const EDataType::ID UB = EDataType::UByte, US = EDataType::UShort;
-  const struct {
-    const char* szRow;
-    uint32_t w, h;
-    uint8_t uDepth, uColorType;
-    Bytes xRows;
-    EPixelType::ID ePixel;
-    EDataType::ID eData;
-    V xExpected;
-    std::vector<std::pair<const char*, Bytes>> xChunks = {};
-  } aCases[] = {
-      // clang-format off
+  // clang-format off
+  const struct { const char* szRow; uint32_t w, h; uint8_t uDepth, uColorType; Bytes xRows;
+                 EPixelType::ID ePixel; EDataType::ID eData; V xExpected;
+                 std::vector<std::pair<const char*, Bytes>> xChunks = {}; } aCases[] = {
       {"gray 16 is big-endian", 3, 1, 16, 0, {0, 1, 2, 255, 0, 0, 255}, Lum, US, {258, 65280, 255}},
-      {"rgba 16", 1, 1, 16, 6, {0, 1, 2, 3, 4, 5, 6, 255, 254}, EPixelType::RGBA, US,
+      {"rgba 16", 1, 1, 16, 6, {0, 1, 2, 3, 4, 5, 6, 255, 254}, RGBA, US,
        {0x0102, 0x0304, 0x0506, 0xFFFE}},
       {"rgb 8", 2, 1, 8, 2, {0, 1, 2, 3, 250, 251, 252}, RGB, UB, {1, 2, 3, 250, 251, 252}},
       {"gray+alpha 8", 2, 2, 8, 4, {0, 10, 11, 12, 13, 0, 14, 15, 16, 17}, LumA, UB,
        {10, 11, 12, 13, 14, 15, 16, 17}},
-      {"1-bit gray", 10, 1, 1, 0, {0, 0xB0, 0xC0}, Lum, UB, {255, 0, 255, 255, 0, 0, 0, 0, 255, 255}},
+      {"1-bit gray", 10, 1, 1, 0, {0, 0xB0, 0xC0}, Lum, UB,
+       {255, 0, 255, 255, 0, 0, 0, 0, 255, 255}},
       {"2-bit gray", 4, 1, 2, 0, {0, 0x1B}, Lum, UB, {0, 85, 170, 255}},
       {"4-bit palette", 2, 1, 4, 3, {0, 0x10}, RGB, UB, {4, 5, 6, 1, 2, 3},
        {{"PLTE", {1, 2, 3, 4, 5, 6}}}},
       // Entry 0 red with alpha 0x80, 1 green with alpha 0, 2 blue (opaque).
-      {"palette with transparency", 3, 1, 8, 3, {0, 2, 0, 1}, EPixelType::RGBA, UB,
+      {"palette with transparency", 3, 1, 8, 3, {0, 2, 0, 1}, RGBA, UB,
        {0, 0, 255, 255, 255, 0, 0, 0x80, 0, 255, 0, 0},
        {{"PLTE", {255, 0, 0, 0, 255, 0, 0, 0, 255}}, {"tRNS", {0x80, 0x00}}}},
       {"gray transparency key", 3, 1, 8, 0, {0, 50, 51, 0}, LumA, UB, {50, 0, 51, 255, 0, 255},
        {{"tRNS", {0, 50}}}},
-      // clang-format on
   };
+  // clang-format on
   const std::string sPath = TempPath("read.png");
   for (const auto& c : aCases) {
     WriteFile(sPath, BuildPng(c.w, c.h, c.uDepth, c.uColorType, c.xRows, c.xChunks));
@@ -122,21 +108,17 @@ TEST(PngRead, HandMadeFilesGiveTheirSamplesInHostOrder) {
 }
 
 TEST(PngWrite, EveryWritableClassReadsBack) {
-  const struct {
-    int w, h;
-    EPixelType::ID ePixel, eRead;
-    EDataType::ID eData;
-    V xSamples, xRead;
-  } aCases[] = {
-      // clang-format off
-      {2, 2, EPixelType::RGB, EPixelType::RGB, EDataType::UByte, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 255}, {}},
-      {3, 2, EPixelType::Lum, EPixelType::Lum, EDataType::UShort, {0, 1, 256, 65535, 4660, 59999}, {}},
-      {2, 2, EPixelType::LumA, EPixelType::LumA, EDataType::UByte, {0, 255, 128, 0, 17, 34, 255, 1}, {}},
-      {2, 1, EPixelType::RGBA, EPixelType::RGBA, EDataType::UShort, {1, 2, 3, 4, 65535, 256, 255, 0}, {}},
-      {2, 1, EPixelType::BGR, EPixelType::RGB, EDataType::UByte, {1, 2, 3, 4, 5, 6}, {3, 2, 1, 6, 5, 4}},
-      {1, 1, EPixelType::BGRA, EPixelType::RGBA, EDataType::UByte, {1, 2, 3, 4}, {3, 2, 1, 4}},
-      // clang-format on
+  // clang-format off
+  const struct { int w, h; EPixelType::ID ePixel, eRead; EDataType::ID eData; V xSamples, xRead; }
+  aCases[] = {
+      {2, 2, RGB, RGB, UB, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 20, 255}, {}},
+      {3, 2, Lum, Lum, US, {0, 1, 256, 65535, 4660, 59999}, {}},
+      {2, 2, LumA, LumA, UB, {0, 255, 128, 0, 17, 34, 255, 1}, {}},
+      {2, 1, RGBA, RGBA, US, {1, 2, 3, 4, 65535, 256, 255, 0}, {}},
+      {2, 1, EPixelType::BGR, RGB, UB, {1, 2, 3, 4, 5, 6}, {3, 2, 1, 6, 5, 4}},
+      {1, 1, EPixelType::BGRA, RGBA, UB, {1, 2, 3, 4}, {3, 2, 1, 4}},
   };
+  // clang-format on
   const std::string sPath = TempPath("write.png");
   for (const auto& c : aCases) {
     CImage::WritePNG(QvTest::MakeImage(c.w, c.h, c.ePixel, c.eData, c.xSamples), sPath.c_str());
@@ -153,24 +135,20 @@ TEST(PngErrors, FailuresNameTheFileAndLeaveTheTargetAsItWas) {
   const Bytes xGood = BuildPng(4, 4, 8, 0, Bytes(20, 0));
   Bytes xBadCrc = xGood;
   xBadCrc[29] ^= 0xFF;
-  const struct {
-    const char* szRow;
-    Bytes xFile;
-    std::string sMessage;  // for a read error only its beginning: the rest is libpng's
-  } aCases[] = {
-      {"text",
-       {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd'},
-       "Not a PNG file " + sQuoted},
-      {"empty", {}, "Not a PNG file " + sQuoted},
-      {"short signature", {0x89, 'P', 'N', 'G'}, "Not a PNG file " + sQuoted},
-      {"cut in the data", Bytes(xGood.begin(), xGood.begin() + 50),
-       "Error reading PNG file " + sQuoted + ": "},
-      {"cut after the signature", Bytes(xGood.begin(), xGood.begin() + 8),
-       "Error reading PNG file " + sQuoted + ": "},
-      {"header checksum", xBadCrc, "Error reading PNG file " + sQuoted + ": "},
-      {"zero width", BuildPng(0, 4, 8, 0, Bytes(4, 0)), "Error reading PNG file " + sQuoted + ": "},
+  const std::string sNot = "Not a PNG file " + sQuoted, sBad = "Error reading PNG file " + sQuoted;
+  // For a read error only the beginning of the message: the rest is libpng's.
+  // clang-format off
+  const struct { const char* szRow; Bytes xFile; std::string sMessage; } aCases[] = {
+      {"text", {'h', 'e', 'l', 'l', 'o'}, sNot},
+      {"empty", {}, sNot},
+      {"short signature", {0x89, 'P', 'N', 'G'}, sNot},
+      {"cut in the data", Bytes(xGood.begin(), xGood.begin() + 50), sBad + ": "},
+      {"cut after the signature", Bytes(xGood.begin(), xGood.begin() + 8), sBad + ": "},
+      {"header checksum", xBadCrc, sBad + ": "},
+      {"zero width", BuildPng(0, 4, 8, 0, Bytes(4, 0)), sBad + ": "},
   };
-  CQvImage xImage = QvTest::MakeImage(1, 1, EPixelType::Lum, EDataType::UByte, {42});
+  // clang-format on
+  CQvImage xImage = QvTest::MakeImage(1, 1, Lum, UB, {42});
   for (const auto& c : aCases) {
     WriteFile(sPath, c.xFile);
     const std::string sMessage = Thrown([&] { CImage::Read(xImage, sPath.c_str()); });
@@ -179,7 +157,7 @@ TEST(PngErrors, FailuresNameTheFileAndLeaveTheTargetAsItWas) {
       EXPECT_GT(sMessage.size(), c.sMessage.size()) << c.szRow;
     else
       EXPECT_EQ(sMessage, c.sMessage) << c.szRow;
-    EXPECT_EQ(xImage.GetFormat(), CQvImageFormat(1, 1, EPixelType::Lum, EDataType::UByte));
+    EXPECT_EQ(xImage.GetFormat(), CQvImageFormat(1, 1, Lum, UB));
     EXPECT_EQ(Samples(xImage), V{42});
   }
   std::remove(sPath.c_str());
@@ -193,7 +171,7 @@ TEST(PngErrors, FailuresNameTheFileAndLeaveTheTargetAsItWas) {
     EXPECT_EQ(Thrown([&] { CImage::WritePNG(xView, sPath.c_str()); }),
               "Unsupported image for PNG file " + sQuoted + ": " + f.ToString().ToCString());
   }
-  EXPECT_TRUE(ReadFile(sPath).empty());  // nothing was created
+  EXPECT_FALSE(std::ifstream(sPath).good());  // nothing was created
   const std::string sNoDir = TempPath("no_such_dir/out.png");
   const CQvImageMoniker xGray(2, 2, EPixelType::Lum, EDataType::UByte, auPixels);
   EXPECT_EQ(Thrown([&] { CImage::WritePNG(xGray, sNoDir.c_str()); }),

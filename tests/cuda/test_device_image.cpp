@@ -1,10 +1,11 @@
 // Device images: the copies in every direction with every row kept in bounds, what Create
-// keeps, and what is refused.
+// keeps, what is refused; the allocator beneath them.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "QvDeviceImage2D.h"
+#include "QvDeviceMMU.h"
 #include "TestImages.h"
 
 using namespace Qv;
@@ -61,11 +62,9 @@ TEST(DeviceImage2D, RefusesWhatWouldReadOrWriteOutOfBounds) {
   CQvDeviceImage2D xEmpty, xImage(CQvImageFormat(9, 4, EPixelType::RGBA, EDataType::UByte));
   CQvImage xHost;
   std::vector<uint8_t> xBuffer(36 * 4);
-  const struct {
-    const char* szRow;
-    std::function<void()> fnCall;
-    const char* szMessage;
-  } aCases[] = {
+  // clang-format off
+  const struct { const char* szRow; std::function<void()> fnRun; const char* szMessage; }
+  aCases[] = {
       {"copy of empty", [&] { xEmpty.CopyTo(xHost); }, "Image is invalid"},
       {"device copy of empty", [&] { xEmpty.CopyTo(xImage); }, "Image is invalid"},
       {"zero of empty", [&] { xEmpty.SetZero(); }, "Image is invalid"},
@@ -85,7 +84,8 @@ TEST(DeviceImage2D, RefusesWhatWouldReadOrWriteOutOfBounds) {
        [&] { xEmpty.Create(CQvImageFormat(4, 4, EPixelType::None, EDataType::UByte)); },
        "Device image format has no pixel size: 4x4, None, UByte"},
   };
-  for (const auto& c : aCases) EXPECT_EQ(Thrown(c.fnCall), c.szMessage) << c.szRow;
+  // clang-format on
+  for (const auto& c : aCases) EXPECT_EQ(Thrown(c.fnRun), c.szMessage) << c.szRow;
   xEmpty.Release();
   EXPECT_FALSE(xEmpty.IsValid());
 }
@@ -104,38 +104,52 @@ TEST(DeviceImage2D, CreateWithTheSameFormatKeepsThePixelsAndSetZeroClearsThem) {
   EXPECT_EQ(QvTest::Download(xImage), std::vector<double>(6 * 3 * 4, 0.0));
 }
 
-TEST(DeviceImage2D, ClassAndChannelsFollowTheFormat) {
-  const struct {
-    EPixelType::ID ePixel;
-    EDataType::ID eData;
-    bool bLuc, bLucBayer, bLusBayer, bRgbaUc, bRgbaF;
-    int iBits, iChannels;
-  } aCases[] = {
-      {EPixelType::BayerRG, EDataType::UByte, false, true, false, false, false, 8, 1},
-      {EPixelType::BayerRG, EDataType::UShort, false, false, true, false, false, 16, 1},
-      {EPixelType::Lum, EDataType::UByte, true, true, false, false, false, 8, 1},
-      {EPixelType::BGRA, EDataType::UByte, false, false, false, false, false, 8, 4},
-      {EPixelType::RGBA, EDataType::UByte, false, false, false, true, false, 8, 4},
-      {EPixelType::RGBA, EDataType::Float, false, false, false, false, true, 32, 4},
-  };
-  for (const auto& c : aCases) {
-    const CQvDeviceImage2D x(CQvImageFormat(4, 2, c.ePixel, c.eData));
-    const std::string sRow = x.GetFormat().ToString().ToCString();
-    EXPECT_EQ(c.bLuc, x.IsOfType<L_uc>()) << sRow;
-    EXPECT_EQ(c.bLucBayer, x.IsOfType<L_uc>(true)) << sRow;
-    EXPECT_EQ(c.bLusBayer, x.IsOfType<L_us>(true)) << sRow;
-    EXPECT_EQ(c.bRgbaUc, x.IsOfType<RGBA_uc>(true)) << sRow;
-    EXPECT_EQ(c.bRgbaF, x.IsOfType<RGBA_f>(true)) << sRow;
-    const cudaChannelFormatDesc d = x.GetCudaChannelFormatDesc();
-    EXPECT_EQ(c.iBits, d.x) << sRow;
-    EXPECT_EQ(c.iChannels == 4 ? c.iBits : 0, d.w) << sRow;
-    EXPECT_EQ(
-        c.eData == EDataType::Float ? cudaChannelFormatKindFloat : cudaChannelFormatKindUnsigned,
-        d.f)
-        << sRow;
-    EXPECT_EQ(x.GetDesc().pData, x.GetDevicePointer());
-    EXPECT_EQ(x.GetDesc().uPitch, x.GetDevicePitch());
+// The caching allocator: a block is reused only for a request of the same shape, and the
+// allocation count shows when the device was asked for memory.
+uint64_t Count() {
+  return CQvDeviceMMU::GetAllocationCount();
+}
+
+TEST(DeviceMMU, OtherShapesAllocateAndReusedBlocksKeepTheirPitch) {
+  CQvDeviceMMU::Trim();
+  EXPECT_EQ(0u, CQvDeviceMMU::GetCachedBytes());
+  const uint64_t uBefore = Count();
+  size_t uPitch = 0;
+  void* p = nullptr;
+  {
+    CQvDeviceImage2D x(CQvImageFormat(1001, 3, EPixelType::Lum, EDataType::UByte));
+    p = x.GetDevicePointer();
+    uPitch = x.GetDevicePitch();
+    EXPECT_GE(uPitch, 1001u);
   }
+  EXPECT_EQ(uBefore + 1, Count());
+  EXPECT_EQ(uPitch * 3, CQvDeviceMMU::GetCachedBytes());
+  // Fewer rows, fewer bytes a row, the same bytes in another shape: none may take the block.
+  for (const CQvImageFormat& f : {CQvImageFormat(1001, 2, EPixelType::Lum, EDataType::UByte),
+                                  CQvImageFormat(1000, 3, EPixelType::Lum, EDataType::UByte),
+                                  CQvImageFormat(3, 1001, EPixelType::Lum, EDataType::UByte)}) {
+    CQvDeviceImage2D y(f);
+    EXPECT_NE(p, y.GetDevicePointer()) << f.ToString().ToCString();
+  }
+  EXPECT_EQ(uBefore + 4, Count());
+  CQvDeviceImage2D z(CQvImageFormat(1001, 3, EPixelType::Lum, EDataType::UByte));
+  EXPECT_EQ(p, z.GetDevicePointer());
+  EXPECT_EQ(uPitch, z.GetDevicePitch());
+  EXPECT_EQ(uBefore + 4, Count());
+}
+
+TEST(DeviceMMU, LinearBlocksAreCachedLikeImagesAndOverflowIsRefused) {
+  CQvDeviceMMU::QvCudaFree(CQvDeviceMMU::QvCudaMalloc(2, sizeof(float)));
+  const uint64_t uBefore = Count();
+  void* p = CQvDeviceMMU::QvCudaMalloc(2, sizeof(float));
+  EXPECT_EQ(uBefore, Count());
+  void* q = CQvDeviceMMU::QvCudaMalloc(3, sizeof(float));
+  EXPECT_EQ(uBefore + 1, Count());
+  CQvDeviceMMU::QvCudaFree(p);
+  CQvDeviceMMU::QvCudaFree(q);
+  CQvDeviceMMU::QvCudaFree(nullptr);
+  EXPECT_EQ(QvTest::Thrown([] { CQvDeviceMMU::QvCudaMalloc(SIZE_MAX / 2, 4); }),
+            "Device allocation size overflows");
 }
 
 }  // namespace

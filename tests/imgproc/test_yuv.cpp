@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
 #include <vector>
 
 #include "QvCudaCompYUV.h"
@@ -104,43 +103,6 @@ TEST(YuvPlanes, ThreePlanesGetLumaAndTopLeftChromaAndNothingElse) {
       }
     }
   }
-}
-
-TEST(YuvErrors, OnlyUnsignedRgbaSourcesAndPlanesThatHoldTheResult) {
-  const auto Lum8 = [](int w, int h) {
-    return CQvImageFormat(w, h, EPixelType::Lum, EDataType::UByte);
-  };
-  CQvDeviceImage2D xY(Lum8(8, 6)), xSmallU(Lum8(4, 2)), xV(Lum8(4, 3)), xEmpty;
-  CQvDeviceImage2D xWideV(CQvImageFormat(4, 3, EPixelType::Lum, EDataType::UShort));
-  const struct {
-    CQvImageFormat xSource;
-    std::function<void(CQvDeviceImage2D&)> fnConvert;
-    std::string sInner;
-  } aCases[] = {
-      {Lum8(4, 4), [&](auto& s) { CQvCudaCompYUV().Convert(xEmpty, s); },
-       "Source image has wrong format '4x4, Lum, UByte'. It has to be unsigned 8/16 bit rgba"},
-      {CQvImageFormat(4, 4, EPixelType::BGRA, EDataType::UByte),
-       [&](auto& s) { CQvCudaCompYUV().Convert(xY, xV, xV, s); },
-       "Source image has wrong format '4x4, BGRA, UByte'. It has to be unsigned 8/16 bit rgba"},
-      {CQvImageFormat(4, 4, EPixelType::RGBA, EDataType::Float),
-       [&](auto& s) { CQvCudaCompYUV().Convert(xEmpty, s); },
-       "Source image has wrong format '4x4, RGBA, Float'. It has to be unsigned 8/16 bit rgba"},
-      {CQvImageFormat(8, 6, EPixelType::RGBA, EDataType::UByte),
-       [&](auto& s) { CQvCudaCompYUV().Convert(xY, xSmallU, xV, s); },
-       "Plane U of 4x2 is smaller than 4x3"},
-      {CQvImageFormat(8, 6, EPixelType::RGBA, EDataType::UByte),
-       [&](auto& s) { CQvCudaCompYUV().Convert(xY, xV, xWideV, s); },
-       "Plane V has format '4x3, Lum, UShort'. It has to be Lum, UByte like the source"},
-      {CQvImageFormat(8, 6, EPixelType::RGBA, EDataType::UByte),
-       [&](auto& s) { CQvCudaCompYUV().Convert(xEmpty, xV, xV, s); },
-       "Plane Y has format '0x0, None, Void'. It has to be Lum, UByte like the source"},
-  };
-  for (const auto& c : aCases) {
-    CQvDeviceImage2D xSource(c.xSource);
-    EXPECT_EQ(QvTest::Thrown([&] { c.fnConvert(xSource); }),
-              "Error on YUV Conversion > " + c.sInner);
-  }
-  EXPECT_FALSE(xEmpty.IsValid());
 }
 
 }  // namespace
