@@ -1,13 +1,13 @@
+// The text, identity and exception types every failure of the system is reported with.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
 #include "QvException.h"
 
-using Qv::CGuid;
-using Qv::CQvException;
-using Qv::IException;
+using namespace Qv;
 
 namespace {
 
@@ -102,4 +102,44 @@ TEST(Exception, ToStringListsTheChain) {
   EXPECT_STREQ(CTestException("x").ToString(true).ToCString(), "Test.Exception: x (d.cpp:3, D)");
   EXPECT_STREQ(CQvException(nullptr, nullptr, nullptr, 0).ToString(true).ToCString(),
                "Qv.Exception:  (:0, )");
+}
+
+TEST(QvString, AppendsNumbersInDecimalAndNullTextAsNothing) {
+  CQvString sText(static_cast<const char*>(nullptr));
+  EXPECT_TRUE(sText.IsEmpty() && sText == "" && !(sText == "x") && CQvString("ab") != "abc");
+  sText << "a=" << 12 << " " << -3 << " " << 4000000000UL << " " << CQvString("x") << " " << 7u
+        << " " << -9000000000L << " " << static_cast<const char*>(nullptr) << "|"
+        << (-2147483647 - 1) << " " << 18446744073709551615UL << " " << 0.5 << " " << -2.0 << " "
+        << 0.1 << " " << 1e20;
+  EXPECT_STREQ(sText.ToCString(),
+               "a=12 -3 4000000000 x 7 -9000000000 |-2147483648 18446744073709551615 0.5 -2 0.1 "
+               "1e+20");
+  EXPECT_EQ(sText.GetLength(), 85u);
+  sText = sText.ToCString() + 80;  // a tail of itself
+  sText << sText;
+  EXPECT_STREQ(sText.ToCString(), "1e+201e+20");
+  EXPECT_STREQ((CQvString("frame") + -4).ToCString(), "frame-4");
+}
+
+TEST(Guid, ParsesBytesInTextOrderPrintsUpperCaseAndRefusesMalformedText) {
+  const CGuid xGuid("{00112233-4455-6677-8899-aabbccddeeff}");
+  const uint8_t auExpected[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
+                                  0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
+  EXPECT_EQ(std::memcmp(xGuid.GetBytes(), auExpected, 16), 0);
+  EXPECT_STREQ(xGuid.ToString().ToCString(), "{00112233-4455-6677-8899-AABBCCDDEEFF}");
+  EXPECT_EQ(CGuid("00112233-4455-6677-8899-AABBCCDDEEFF"), xGuid);  // braces are optional
+  EXPECT_TRUE(xGuid != CGuid("{00112233-4455-6677-8899-AABBCCDDEEFE}"));
+  for (const char* pText : {"", "{}", "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7}",  // short
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F0}",          // long
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7G}",           // not hex
+                            "{1D1A014-363EA-4BE4-AF72-6907ACCF1E7F}",      // separator misplaced
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F",       // one brace only
+                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F} "}) {  // trailing text
+    // From a heap block of exactly the text's size: a read past the end shows in the sanitizer.
+    std::unique_ptr<char[]> pCopy(new char[std::strlen(pText) + 1]);
+    std::strcpy(pCopy.get(), pText);
+    EXPECT_TRUE(CGuid(pCopy.get()).IsNull()) << pText;
+  }
+  EXPECT_TRUE(CGuid(nullptr).IsNull());
+  EXPECT_STREQ(CGuid().ToString().ToCString(), "{00000000-0000-0000-0000-000000000000}");
 }

@@ -35,4 +35,19 @@ inline std::vector<double> Download(const Qv::CQvDeviceImage2D& xImage) {
   return Samples(xHost);
 }
 
+// An image over plain bytes of any format, packed custom data included, which no image class of
+// the core library holds.
+struct SRawImage : public Qv::IImage {
+  Qv::CQvImageFormat f;
+  std::vector<uint8_t> xBytes;
+  SRawImage(const Qv::CQvImageFormat& xFormat, std::vector<uint8_t> x) : f(xFormat), xBytes(x) {}
+  int GetBytesPerPixel() const override { return 0; }
+  void GetSize(int& w, int& h) const override { w = f.iWidth, h = f.iHeight; }
+  void GetType(Qv::EPixelType::ID& p, Qv::EDataType::ID& d) const override {
+    p = f.ePixelType, d = f.eDataType;
+  }
+  void* GetDataPtr() override { return xBytes.data(); }
+  const void* GetDataPtr() const override { return xBytes.data(); }
+};
+
 }  // namespace QvTest

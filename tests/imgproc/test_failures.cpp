@@ -15,20 +15,6 @@ using namespace Qv;
 
 namespace {
 
-// Custom data in plain bytes; no image class of the core library holds packed pixels.
-struct SBytes : public IImage {
-  CQvImageFormat f;
-  uint8_t auBytes[64] = {};
-  explicit SBytes(const CQvImageFormat& xFormat) : f(xFormat) {}
-  int GetBytesPerPixel() const override { return 0; }
-  void GetSize(int& w, int& h) const override { w = f.iWidth, h = f.iHeight; }
-  void GetType(EPixelType::ID& p, EDataType::ID& d) const override {
-    p = f.ePixelType, d = f.eDataType;
-  }
-  void* GetDataPtr() override { return auBytes; }
-  const void* GetDataPtr() const override { return auBytes; }
-};
-
 TEST(Failures, EveryRefusalNamesItsCauseInsideTheOperationsMessage) {
   const EPixelType::ID Lum = EPixelType::Lum, RGBA = EPixelType::RGBA, GR = EPixelType::BayerGR;
   const EDataType::ID UB = EDataType::UByte, US = EDataType::UShort, F = EDataType::Float;
@@ -50,6 +36,7 @@ TEST(Failures, EveryRefusalNamesItsCauseInsideTheOperationsMessage) {
   const std::string sTargetType = "The given target data type must be UByte or UShort";
   const std::string sCustom = "Error converting custom data type > ";
   const EDataType::ID P10Msb = EDataType::Custom_10in16_MSB, P12Lsb = EDataType::Custom_12in16_LSB;
+  auto Raw = [](const CQvImageFormat& f) { return QvTest::SRawImage(f, std::vector<uint8_t>(32)); };
   CQvCudaCompConvolve C;
   CQvCudaCompNormalize N;
   CQvCudaCompYUV Y;
@@ -94,11 +81,11 @@ TEST(Failures, EveryRefusalNamesItsCauseInsideTheOperationsMessage) {
       {[&](auto& t) { N.Normalize(t, xLum, F); }, "Error normalizing raw image > " + sTargetType},
       {[&](auto& t) { N.Normalize(t, D(4, 4, GR, UB), xLum, US); },
        sNormalize + "Unsupported Pixel type", false},
-      {[&](auto& t) { N.ConvertCustomDataType(t, SBytes({2, 2, Lum, P10Msb})); },
+      {[&](auto& t) { N.ConvertCustomDataType(t, Raw({2, 2, Lum, P10Msb})); },
        sCustom + "The given image is not of a known custom data type"},
-      {[&](auto& t) { N.ConvertCustomDataType(t, SBytes({2, 2, Lum, US})); },
+      {[&](auto& t) { N.ConvertCustomDataType(t, Raw({2, 2, Lum, US})); },
        sCustom + "The given image is not of a known custom data type"},
-      {[&](auto& t) { N.ConvertCustomDataType(t, SBytes({2, 2, RGBA, P12Lsb})); },
+      {[&](auto& t) { N.ConvertCustomDataType(t, Raw({2, 2, RGBA, P12Lsb})); },
        sCustom + "Custom data type images must have one channel, not 'RGBA'"},
   };
   // clang-format on

@@ -78,21 +78,6 @@ TEST(Normalize, EveryChannelIsDividedByTheGrayImageAndStored) {
   }
 }
 
-// A host image of packed or 16-bit custom data: no image class of the core library holds
-// packed pixels, so the test brings its own.
-struct SCustomImage : public IImage {
-  CQvImageFormat f;
-  std::vector<uint8_t> xBytes;
-  SCustomImage(const CQvImageFormat& xFormat, std::vector<uint8_t> x) : f(xFormat), xBytes(x) {}
-  int GetBytesPerPixel() const override { return 0; }
-  void GetSize(int& w, int& h) const override { w = f.iWidth, h = f.iHeight; }
-  void GetType(EPixelType::ID& p, EDataType::ID& d) const override {
-    p = f.ePixelType, d = f.eDataType;
-  }
-  void* GetDataPtr() override { return xBytes.data(); }
-  const void* GetDataPtr() const override { return xBytes.data(); }
-};
-
 // Sample n over full scale as the layout of the custom type holds it: 10 or 12 significant bits
 // in 16, or 12 bits two pixels in three bytes, the first in the high bits.
 float CustomValue(EDataType::ID eData, const std::vector<uint8_t>& b, size_t n) {
@@ -127,7 +112,7 @@ TEST(CustomDataType, SamplesSpreadOverSixteenBits) {
       EXPECT_EQ(c.xBytes.size(), CQvCudaCompNormalize::GetPackedByteCount(c.f));
     }
     CQvDeviceImage2D xTarget;
-    CQvCudaCompNormalize().ConvertCustomDataType(xTarget, SCustomImage(c.f, c.xBytes));
+    CQvCudaCompNormalize().ConvertCustomDataType(xTarget, QvTest::SRawImage(c.f, c.xBytes));
     ASSERT_EQ(CQvImageFormat(c.f.iWidth, c.f.iHeight, c.f.ePixelType, US), xTarget.GetFormat());
     const V x = QvTest::Download(xTarget);
     for (size_t n = 0; n < x.size(); ++n)
