@@ -11,17 +11,21 @@
 
 namespace QvTest {
 
-// The messages of the CQvException the call throws, outermost first, joined by " > ";
-// "" if it throws none.
+// The messages of the exception and its inner ones, outermost first, joined by " > ".
+inline std::string Chain(const Qv::IException& e) {
+  std::string s = e.GetMessageText();
+  for (const Qv::IException* p = e.GetInnerException(); p; p = p->GetInnerException())
+    s = s + " > " + p->GetMessageText();
+  return s;
+}
+
+// The chain of the CQvException the call throws; "" if it throws none.
 template <class F>
 std::string Thrown(F&& fnCall) {
   try {
     fnCall();
   } catch (const Qv::CQvException& e) {
-    std::string s = e.GetMessageText();
-    for (const Qv::IException* p = e.GetInnerException(); p; p = p->GetInnerException())
-      s = s + " > " + p->GetMessageText();
-    return s;
+    return Chain(e);
   }
   return "";
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "QvException.h"
+#include "QvTestUtil.h"
 
 using namespace Qv;
 
@@ -41,19 +42,17 @@ TEST(Exception, ThrowRecordsWhereAndRethrowChainsTheInner) {
     } catch (const CQvException& xInner) {
       QV_RETHROW("rethrown", xInner);
     }
-    FAIL() << "no exception";
   } catch (const CQvException& e) {
-    EXPECT_STREQ(e.GetMessageText(), "rethrown");
+    EXPECT_EQ(QvTest::Chain(e), "rethrown > helper failed");
     EXPECT_STREQ(e.GetName(), "Qv.Exception");
     EXPECT_EQ(e.GetGUID(), kBaseGuid);
-    const IException* pInner = e.GetInnerException();
-    ASSERT_NE(pInner, nullptr);
-    EXPECT_STREQ(pInner->GetMessageText(), "helper failed");
-    EXPECT_STREQ(pInner->GetFunction(), "ThrowingHelper");
-    EXPECT_TRUE(std::string(pInner->GetFile()).find("test_exception.cpp") != std::string::npos);
-    EXPECT_EQ(pInner->GetLine(), g_iThrowLine);
-    EXPECT_EQ(pInner->GetInnerException(), nullptr);
+    const IException& x = *e.GetInnerException();
+    EXPECT_STREQ(x.GetFunction(), "ThrowingHelper");
+    EXPECT_NE(std::string(x.GetFile()).find("test_exception.cpp"), std::string::npos);
+    EXPECT_EQ(x.GetLine(), g_iThrowLine);
+    return;
   }
+  FAIL() << "no exception";
 }
 
 TEST(Exception, CopiesCloneTheWholeChainAndKeepTypes) {
@@ -73,15 +72,11 @@ TEST(Exception, CopiesCloneTheWholeChainAndKeepTypes) {
   pOriginal.reset();
   const IException* apCopies[] = {&xCopy, &xAssigned, pClone.get()};
   for (const IException* p : apCopies) {
-    EXPECT_STREQ(p->GetMessageText(), "outer");
-    ASSERT_NE(p->GetInnerException(), nullptr);
+    EXPECT_EQ(QvTest::Chain(*p), "outer > middle > derived");
     EXPECT_NE(p->GetInnerException(), pOriginalInner);
-    EXPECT_STREQ(p->GetInnerException()->GetMessageText(), "middle");
-    const IException* pBottom = p->GetInnerException()->GetInnerException();
-    ASSERT_NE(pBottom, nullptr);
-    EXPECT_NE(dynamic_cast<const CTestException*>(pBottom), nullptr);
-    EXPECT_TRUE(p->HasException(kDerivedGuid));  // found three deep
-    EXPECT_TRUE(p->HasException(kBaseGuid));
+    EXPECT_NE(dynamic_cast<const CTestException*>(p->GetInnerException()->GetInnerException()),
+              nullptr);
+    EXPECT_TRUE(p->HasException(kDerivedGuid) && p->HasException(kBaseGuid));  // three deep
     EXPECT_FALSE(p->HasException(CGuid()));
   }
   CTestException xDerived("derived");
@@ -114,11 +109,9 @@ TEST(QvString, AppendsNumbersInDecimalAndNullTextAsNothing) {
   EXPECT_STREQ(sText.ToCString(),
                "a=12 -3 4000000000 x 7 -9000000000 |-2147483648 18446744073709551615 0.5 -2 0.1 "
                "1e+20");
-  EXPECT_EQ(sText.GetLength(), 85u);
   sText = sText.ToCString() + 80;  // a tail of itself
   sText << sText;
-  EXPECT_STREQ(sText.ToCString(), "1e+201e+20");
-  EXPECT_STREQ((CQvString("frame") + -4).ToCString(), "frame-4");
+  EXPECT_STREQ((sText + -4).ToCString(), "1e+201e+20-4");
 }
 
 TEST(Guid, ParsesBytesInTextOrderPrintsUpperCaseAndRefusesMalformedText) {
