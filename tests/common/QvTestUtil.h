@@ -1,7 +1,13 @@
 #pragma once
 // What the unit tests share: the messages of a thrown exception's chain, and host images
-// written from and read back as plain numbers.
+// written from and read back as plain numbers; with the standard headers the tests use.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -1,9 +1,6 @@
 // The text, identity and exception types every failure of the system is reported with.
-#include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
-#include <string>
 
 #include "QvException.h"
 #include "QvTestUtil.h"

@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
 
 #include "QvImageFormat.h"
 #include "QvTestUtil.h"

@@ -1,8 +1,4 @@
-#include <gtest/gtest.h>
 
-#include <cmath>
-#include <string>
-#include <vector>
 
 #include "QvImage.h"
 #include "QvTestUtil.h"

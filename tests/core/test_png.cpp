@@ -1,12 +1,8 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
 #include <zlib.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "FileIO.h"
 #include "QvImage.h"

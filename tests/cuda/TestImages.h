@@ -1,11 +1,6 @@
 #pragma once
 // Test images on the device: seeded random images, and images uploaded from and read back as
 // plain numbers.
-#include <cmath>
-#include <cstdint>
-#include <cstring>
-#include <vector>
-
 #include "QvDeviceImage2D.h"
 #include "QvTestRandom.h"
 #include "QvTestUtil.h"

@@ -1,6 +1,5 @@
 // The device exception: identity, message form, and the one clear failure when CUDA is
 // forced on a machine without a GPU.
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,8 +1,5 @@
 // Device images: the copies in every direction with every row kept in bounds, what Create
 // keeps, what is refused; the allocator beneath them.
-#include <gtest/gtest.h>
-
-#include <cstring>
 
 #include "QvDeviceImage2D.h"
 #include "QvDeviceMMU.h"

@@ -1,8 +1,5 @@
 // Texture fetches against values worked out by hand (point and linear filter, at and between
 // pixel centres, past the edges, normalized coordinates, each read class), and the storing rule.
-#include <gtest/gtest.h>
-
-#include <cmath>
 
 #include "FetchProbe.h"
 #include "QvDevice.h"

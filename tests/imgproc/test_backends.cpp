@@ -1,13 +1,9 @@
 // On a GPU host: the CUDA backend against the host backend on random images. The host results
 // come from a child process of this test forced onto the host backend, which recomputes the
 // same seeded cases and writes them to a file.
-#include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "QvCudaCompConvolve.h"
 #include "QvCudaCompDemosaic.h"

@@ -1,10 +1,5 @@
 // Demosaic against a reference worked out in double precision from the colours of the
 // neighbouring sites, in every phase, with gains, at 8 and 16 bits.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <vector>
 
 #include "QvCudaCompDemosaic.h"
 #include "TestImages.h"

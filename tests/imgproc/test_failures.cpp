@@ -1,9 +1,4 @@
 // What each computation class refuses, and the messages, outermost first, that say why.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <functional>
-#include <string>
 
 #include "QvCudaCompConvolve.h"
 #include "QvCudaCompDemosaic.h"

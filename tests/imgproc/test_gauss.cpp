@@ -1,10 +1,6 @@
 // The Gauss filter: its refusals, and every pixel against the separable filter worked out here
 // in single precision with the storing rule after each pass. The filter reads whole pixels
 // (no blend of the texture unit), so the results are exact on either backend.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <vector>
 
 #include "QvCudaCompConvolve.h"
 #include "TestImages.h"

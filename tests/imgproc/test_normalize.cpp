@@ -1,10 +1,5 @@
 // Flat-field normalization and the custom data types: expected values are worked out here
 // from the division and the storing rule (scale, clamp, truncate; NaN stores full scale).
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-#include <vector>
 
 #include "QvCudaCompNormalize.h"
 #include "TestImages.h"

@@ -1,8 +1,5 @@
 // Shrink and Resize: where each target pixel samples, on float images whose values and blend
 // weights (multiples of 1/256) keep every sum exact; copies of every class; refusals.
-#include <gtest/gtest.h>
-
-#include <vector>
 
 #include "QvCudaCompConvolve.h"
 #include "QvDevice.h"

@@ -1,9 +1,5 @@
 // RGBA to planar YUV: every expected sample is worked out here from the colour formulas and
 // the plane layout, independently of the kernel.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <vector>
 
 #include "QvCudaCompYUV.h"
 #include "QvDevice.h"
