@@ -12,10 +12,6 @@ namespace {
 const EPixelType::ID Lum = EPixelType::Lum, RGBA = EPixelType::RGBA;
 const EDataType::ID UB = EDataType::UByte, US = EDataType::UShort;
 
-float ScaleOf(EDataType::ID eData) {
-  return eData == UB ? 255.0f : 65535.0f;
-}
-
 // Channel i of pixel (x, y) as a fetch of four channels gives it: one-channel images read as
 // (v, 0, 0, 1); the edge repeats outside the image.
 float Read4(const CQvImage& xImage, int x, int y, int i) {
@@ -25,13 +21,12 @@ float Read4(const CQvImage& xImage, int x, int y, int i) {
   const size_t k =
       (std::clamp(y, 0, f.iHeight - 1) * f.iWidth + std::clamp(x, 0, f.iWidth - 1)) * n;
   return static_cast<float>(QvTest::GetSample(xImage.GetDataPtr(), f.eDataType, k + i)) /
-         ScaleOf(f.eDataType);
+         (f.eDataType == UB ? 255.0f : 65535.0f);
 }
 
 TEST(Normalize, EveryChannelIsDividedByTheGrayImageAndStored) {
   const CQvImage xRandom = QvTest::RandomImage(CQvImageFormat(4, 3, Lum, UB), 5);
-  V xRamp(12);
-  for (size_t i = 0; i < xRamp.size(); ++i) xRamp[i] = 40 + 17 * i;
+  const V xRamp = {40, 57, 74, 91, 108, 125, 142, 159, 176, 193, 210, 227};
   const auto M = QvTest::MakeImage;
   // Without a gray image only the bit depth changes.
   // clang-format off
@@ -52,12 +47,9 @@ TEST(Normalize, EveryChannelIsDividedByTheGrayImageAndStored) {
   for (const auto& c : aCases) {
     for (const EDataType::ID eData : {UB, US}) {
       CQvDeviceImage2D xRaw(c.xRaw), xTarget;
-      if (c.xGray.IsValid()) {
-        CQvDeviceImage2D xGray(c.xGray);
-        CQvCudaCompNormalize().Normalize(xTarget, xRaw, xGray, eData);
-      } else {
-        CQvCudaCompNormalize().Normalize(xTarget, xRaw, eData);
-      }
+      const bool bGray = c.xGray.IsValid();
+      bGray ? CQvCudaCompNormalize().Normalize(xTarget, xRaw, CQvDeviceImage2D(c.xGray), eData)
+            : CQvCudaCompNormalize().Normalize(xTarget, xRaw, eData);
       const CQvImageFormat& f = c.xRaw.GetFormat();
       ASSERT_EQ(CQvImageFormat(f.iWidth, f.iHeight, f.ePixelType, eData), xTarget.GetFormat());
       const V xOut = QvTest::Download(xTarget);
@@ -65,8 +57,8 @@ TEST(Normalize, EveryChannelIsDividedByTheGrayImageAndStored) {
       for (size_t k = 0; k < xOut.size(); ++k) {
         const int x = static_cast<int>(k / n) % f.iWidth, y = static_cast<int>(k / n) / f.iWidth;
         const int i = static_cast<int>(k % n);
-        const float q = Read4(c.xRaw, x, y, i) / (c.xGray.IsValid() ? Read4(c.xGray, x, y, i) : 1);
-        EXPECT_EQ(QvTest::StoreRule(q, ScaleOf(eData)), xOut[k])
+        const float q = Read4(c.xRaw, x, y, i) / (bGray ? Read4(c.xGray, x, y, i) : 1);
+        EXPECT_EQ(QvTest::StoreRule(q, eData == UB ? 255.0f : 65535.0f), xOut[k])
             << c.szRow << " to " << CQvImageFormat::DataType2String(eData) << " [" << k << "]";
       }
     }
