@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -36,47 +35,39 @@ std::string Thrown(F&& fnCall) {
   return "";
 }
 
-// Sample i of UByte, UShort, Short or Float data.
+// Calls f with the samples of UByte, UShort, Short or Float data as a pointer of their type.
+template <class F>
+void WithSamples(Qv::EDataType::ID eData, void* p, F&& f) {
+  if (eData == Qv::EDataType::UByte) return f(static_cast<uint8_t*>(p));
+  if (eData == Qv::EDataType::Short) return f(static_cast<int16_t*>(p));
+  if (eData == Qv::EDataType::Float) return f(static_cast<float*>(p));
+  f(static_cast<uint16_t*>(p));
+}
+
 inline double GetSample(const void* p, Qv::EDataType::ID eData, size_t i) {
-  switch (eData) {
-    case Qv::EDataType::UByte:
-      return static_cast<const uint8_t*>(p)[i];
-    case Qv::EDataType::Short:
-      return static_cast<const int16_t*>(p)[i];
-    case Qv::EDataType::Float:
-      return static_cast<const float*>(p)[i];
-    default:
-      return static_cast<const uint16_t*>(p)[i];
-  }
+  double d = 0;
+  WithSamples(eData, const_cast<void*>(p), [&](auto* q) { d = q[i]; });
+  return d;
 }
 
 // Every sample of the image in memory order.
 inline std::vector<double> Samples(const Qv::IImage& xImage) {
   const Qv::CQvImageFormat f(xImage);
-  const size_t uCount = f.GetImageBytes() == 0 ? 0 : f.GetImageBytes() / f.GetBytesPerChannel();
-  std::vector<double> x(uCount);
-  for (size_t i = 0; i < uCount; ++i) x[i] = GetSample(xImage.GetDataPtr(), f.eDataType, i);
+  std::vector<double> x(f.GetImageBytes() == 0 ? 0 : f.GetImageBytes() / f.GetBytesPerChannel());
+  for (size_t i = 0; i < x.size(); ++i) x[i] = GetSample(xImage.GetDataPtr(), f.eDataType, i);
   return x;
 }
 
 // A host image holding the samples (cast to the data type) in memory order.
 inline Qv::CQvImage MakeImage(int w, int h, Qv::EPixelType::ID ePixel, Qv::EDataType::ID eData,
-                              const std::vector<double>& xSamples) {
-  Qv::CQvImage x(Qv::CQvImageFormat(w, h, ePixel, eData));
-  if (xSamples.size() * x.GetFormat().GetBytesPerChannel() != x.GetImageBytes())
-    throw std::invalid_argument("MakeImage: the sample count does not fit the format");
-  void* p = x.GetDataPtr();
-  for (size_t i = 0; i < xSamples.size(); ++i) {
-    if (eData == Qv::EDataType::UByte)
-      static_cast<uint8_t*>(p)[i] = static_cast<uint8_t>(xSamples[i]);
-    else if (eData == Qv::EDataType::Short)
-      static_cast<int16_t*>(p)[i] = static_cast<int16_t>(xSamples[i]);
-    else if (eData == Qv::EDataType::Float)
-      static_cast<float*>(p)[i] = static_cast<float>(xSamples[i]);
-    else
-      static_cast<uint16_t*>(p)[i] = static_cast<uint16_t>(xSamples[i]);
-  }
-  return x;
+                              const std::vector<double>& x) {
+  Qv::CQvImage xImage(Qv::CQvImageFormat(w, h, ePixel, eData));
+  EXPECT_EQ(x.size() * xImage.GetFormat().GetBytesPerChannel(), xImage.GetImageBytes());
+  WithSamples(eData, xImage.GetDataPtr(), [&](auto* q) {
+    for (size_t i = 0; i < x.size() && i * sizeof(*q) < xImage.GetImageBytes(); ++i)
+      q[i] = static_cast<std::remove_reference_t<decltype(*q)>>(x[i]);
+  });
+  return xImage;
 }
 
 }  // namespace QvTest

@@ -136,22 +136,21 @@ bool MachineHasGpu() {
 }
 
 TEST(CudaException, CarriesIdentityCodeAndMessageFormThroughCopies) {
-  const std::string sExpected =
-      "Error copying. 'cudaErrorInvalidValue: invalid argument (ID 1)', Device ID: " +
-      std::to_string(MachineHasGpu() ? 0 : -1);
   try {
     QV_CUDA_CHECK(cudaErrorInvalidValue, "Error copying");
-    FAIL() << "no exception";
   } catch (const CQvException& e) {  // caught as the base
     std::unique_ptr<IException> pClone(e.Clone());
     const auto* p = dynamic_cast<const CQvCudaException*>(pClone.get());
     ASSERT_NE(nullptr, p);
-    EXPECT_EQ(sExpected, p->GetMessageText());
+    EXPECT_EQ(p->GetMessageText(),
+              "Error copying. 'cudaErrorInvalidValue: invalid argument (ID 1)', Device ID: " +
+                  std::to_string(MachineHasGpu() ? 0 : -1));
     EXPECT_EQ(1, p->GetErrorCode());
-    EXPECT_STREQ("cudaErrorInvalidValue: invalid argument (ID 1)", p->GetErrorText().ToCString());
     EXPECT_STREQ("Qv.CudaException", p->GetName());
     EXPECT_TRUE(p->HasException(CGuid("{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F}")));
+    return;
   }
+  FAIL() << "no exception";
 }
 
 // Runs in a fresh child process, where the backend has not been chosen yet: chooses it with
@@ -168,12 +167,9 @@ TEST(DeviceBackend, AnUnknownChoiceOrCudaWithoutAGpuFailsWithOneClearError) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(ChooseBackendWith("fpga"), ::testing::ExitedWithCode(3),
               "QV_DEVICE must be 'cuda' or 'host', not 'fpga'");
-  EXPECT_EXIT(ChooseBackendWith("host"), ::testing::ExitedWithCode(0), "");
-  if (MachineHasGpu())
-    EXPECT_EXIT(ChooseBackendWith("cuda"), ::testing::ExitedWithCode(0), "");
-  else
-    EXPECT_EXIT(ChooseBackendWith("cuda"), ::testing::ExitedWithCode(3),
-                "QV_DEVICE=cuda was requested but no usable CUDA device");
+  const bool bGpu = MachineHasGpu();
+  EXPECT_EXIT(ChooseBackendWith("cuda"), ::testing::ExitedWithCode(bGpu ? 0 : 3),
+              bGpu ? "" : "QV_DEVICE=cuda was requested but no usable CUDA device");
 }
 
 }  // namespace

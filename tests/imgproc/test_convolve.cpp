@@ -80,13 +80,6 @@ TEST(Gauss, EveryPixelIsTheSeparableFilterStoredAfterEachPass) {
   }
 }
 
-TEST(Gauss, DivisorShrinksTheResultAsResizeWould) {
-  CQvDeviceImage2D xSource(CQvImageFormat(16, 10, EPixelType::Lum, EDataType::UByte)), xTarget;
-  xSource.SetZero();
-  CQvCudaCompConvolve().Apply_Gauss(xTarget, xSource, 1.5, 3, 3);
-  EXPECT_EQ(CQvImageFormat(5, 3, EPixelType::Lum, EDataType::UByte), xTarget.GetFormat());
-}
-
 // Runs Shrink to a x b with one sample ('s') or the box ('b'), or Resize with border a and
 // divisor b ('r').
 void Resample(char cOp, int a, int b, CQvDeviceImage2D& xTarget, const CQvDeviceImage2D& xSource) {
