@@ -12,7 +12,7 @@ namespace {
 const CGuid kBaseGuid("{6F1B2C4E-2B3A-4F7E-9C1D-5A8E3B7D9E01}");
 const CGuid kDerivedGuid("{0A1B2C3D-4E5F-4061-8273-8495A6B7C8D9}");
 
-// A derived exception with its own type that extends the message before each throw.
+// A derived exception with its own type.
 class CTestException : public CQvException {
  public:
   explicit CTestException(const char* pMessage) : CQvException(pMessage, "d.cpp", "D", 3) {
@@ -20,7 +20,6 @@ class CTestException : public CQvException {
     m_sName = "Test.Exception";
   }
   IException* Clone() const override { return new CTestException(*this); }
-  void SetExceptionData() override { AppendToMessage(" [extra]"); }
 };
 
 int g_iThrowLine = 0;
@@ -76,10 +75,7 @@ TEST(Exception, CopiesCloneTheWholeChainAndKeepTypes) {
     EXPECT_TRUE(p->HasException(kDerivedGuid) && p->HasException(kBaseGuid));  // three deep
     EXPECT_FALSE(p->HasException(CGuid()));
   }
-  CTestException xDerived("derived");
-  EXPECT_FALSE(xDerived.HasException(kBaseGuid));
-  xDerived.SetExceptionData();
-  EXPECT_STREQ(xDerived.GetMessageText(), "derived [extra]");
+  EXPECT_FALSE(CTestException("derived").HasException(kBaseGuid));
 }
 
 TEST(Exception, ToStringListsTheChain) {
@@ -119,12 +115,12 @@ TEST(Guid, ParsesBytesInTextOrderPrintsUpperCaseAndRefusesMalformedText) {
   EXPECT_STREQ(xGuid.ToString().ToCString(), "{00112233-4455-6677-8899-AABBCCDDEEFF}");
   EXPECT_EQ(CGuid("00112233-4455-6677-8899-AABBCCDDEEFF"), xGuid);  // braces are optional
   EXPECT_TRUE(xGuid != CGuid("{00112233-4455-6677-8899-AABBCCDDEEFE}"));
-  for (const char* pText : {"", "{}", "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7}",  // short
-                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F0}",          // long
-                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7G}",           // not hex
-                            "{1D1A014-363EA-4BE4-AF72-6907ACCF1E7F}",      // separator misplaced
-                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F",       // one brace only
-                            "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F} "}) {  // trailing text
+  // Empty, short, long, not hex, a separator misplaced, one brace only, trailing text.
+  for (const char* pText :
+       {"", "{}", "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7}",
+        "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F0}", "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7G}",
+        "{1D1A014-363EA-4BE4-AF72-6907ACCF1E7F}", "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F",
+        "{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F} "}) {
     // From a heap block of exactly the text's size: a read past the end shows in the sanitizer.
     std::unique_ptr<char[]> pCopy(new char[std::strlen(pText) + 1]);
     std::strcpy(pCopy.get(), pText);
