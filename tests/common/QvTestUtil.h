@@ -1,6 +1,5 @@
 #pragma once
-// What the unit tests share: the messages of a thrown exception's chain, and host images
-// written from and read back as plain numbers; with the standard headers the tests use.
+// What the unit tests share: thrown messages, host images from and to plain numbers.
 #include <gtest/gtest.h>
 
 #include <algorithm>

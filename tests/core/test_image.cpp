@@ -25,9 +25,9 @@ const EDataType::ID UB = EDataType::UByte, US = EDataType::UShort, F = EDataType
 TEST(ImageFormat, NamesAndSizesOfEveryKnownIdWrittenOutAsPlainNumbers) {
   // clang-format off
   const struct { int32_t iId; const char* pName; int iSize; } kPixels[] = {
-      {0, "None", 0},         {0x1907, "RGB", 3},     {0x1908, "RGBA", 4},    {0x1909, "Lum", 1},
-      {0x190A, "LumA", 2},    {0x2001, "BayerRG", 1}, {0x2002, "BayerBG", 1}, {0x2003, "BayerGR", 1},
-      {0x2004, "BayerGB", 1}, {0x80E0, "BGR", 3},     {0x80E1, "BGRA", 4},    {0x8757, "Unknown", 2},
+      {0, "None", 0}, {0x1907, "RGB", 3}, {0x1908, "RGBA", 4}, {0x1909, "Lum", 1},
+      {0x190A, "LumA", 2}, {0x2001, "BayerRG", 1}, {0x2002, "BayerBG", 1}, {0x2003, "BayerGR", 1},
+      {0x2004, "BayerGB", 1}, {0x80E0, "BGR", 3}, {0x80E1, "BGRA", 4}, {0x8757, "Unknown", 2},
   }, kData[] = {
       {0, "Void", 0},               {10, "Custom_10in16_LSB", 2}, {11, "Custom_10in16_MSB", 2},
       {12, "Custom_12in16_LSB", 2}, {13, "Custom_12in16_MSB", 2}, {0x1400, "Byte", 1},
@@ -99,16 +99,14 @@ TEST(ImageFormat, LayoutTextEqualityAndEmptiness) {
   EXPECT_STREQ(xFormat.ToString().ToCString(), "640x480, BGRA, UShort");
   EXPECT_STREQ(MakeFormat(7, 3, 0x4444, 0x5555).ToString().ToCString(), "7x3, Unknown, Unknown");
   EXPECT_STREQ(CQvImageFormat().ToString().ToCString(), "0x0, None, Void");
-  for (int i = 0; i < 4; ++i) {
-    int32_t aiOther[4] = {640, 480, 0x1403, 0x80E1};
-    aiOther[i] += 1;
-    const CQvImageFormat x = MakeFormat(aiOther[0], aiOther[1], aiOther[3], aiOther[2]);
-    EXPECT_TRUE(x != xFormat && !(x == xFormat)) << "field " << i;
-  }
+  for (const CQvImageFormat& x :
+       {MakeFormat(641, 480, 0x80E1, 0x1403), MakeFormat(640, 481, 0x80E1, 0x1403),
+        MakeFormat(640, 480, 0x1908, 0x1403), MakeFormat(640, 480, 0x80E1, 0x1401)})
+    EXPECT_TRUE(x != xFormat && !(x == xFormat)) << x.ToString().ToCString();
   EXPECT_FALSE(MakeFormat(1, 1, 0x1909, 0x1401).IsEmpty());
-  EXPECT_TRUE(MakeFormat(0, 1, 0x1909, 0x1401).IsEmpty() &&
-              MakeFormat(1, -1, 0x1909, 0x1401).IsEmpty());
-  EXPECT_TRUE(MakeFormat(5, 5, 0, 0x1401).IsEmpty());
+  for (const CQvImageFormat& x : {MakeFormat(0, 1, 0x1909, 0x1401),
+                                  MakeFormat(1, -1, 0x1909, 0x1401), MakeFormat(5, 5, 0, 0x1401)})
+    EXPECT_TRUE(x.IsEmpty()) << x.ToString().ToCString();
 }
 
 TEST(Image, CreateKeepsMemoryOfTheSameSizeCopiesAreDeepMovesTransfer) {
@@ -220,4 +218,3 @@ TEST(Convert, ChannelsAndDataTypesFollowTheScalingRulesOrAreRefused) {
       EXPECT_NEAR(xOut[i], c.xExpected[i], c.eToData == F ? 1e-7 : 0) << i;
   }
 }
-

@@ -1,6 +1,5 @@
 #pragma once
-// Runs one texture fetch at given coordinates through the launch helper on the active backend
-// and brings the result back, so that sampling can be checked against hand-worked values.
+// One texture fetch at given coordinates, run through the launch helper on the active backend.
 #include "QvCudaComp.h"
 #include "QvDeviceImage2D.h"
 

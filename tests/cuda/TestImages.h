@@ -1,6 +1,5 @@
 #pragma once
-// Test images on the device: seeded random images, and images uploaded from and read back as
-// plain numbers.
+// Test images: seeded random ones, and device images from and to plain numbers.
 #include "QvDeviceImage2D.h"
 #include "QvTestRandom.h"
 #include "QvTestUtil.h"
@@ -30,8 +29,7 @@ inline std::vector<double> Download(const Qv::CQvDeviceImage2D& xImage) {
   return Samples(xHost);
 }
 
-// An image over plain bytes of any format, packed custom data included, which no image class of
-// the core library holds.
+// An image over plain bytes of any format, packed custom data included.
 struct SRawImage : public Qv::IImage {
   Qv::CQvImageFormat f;
   std::vector<uint8_t> xBytes;

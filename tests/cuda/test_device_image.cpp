@@ -1,5 +1,4 @@
-// The device runtime: device images, the copies in every direction with every row kept in
-// bounds, what Create keeps and what is refused; the allocator beneath them; the device
+// The device runtime: device images, their copies and refusals, the allocator, the device
 // exception and the choice of the backend.
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +9,7 @@
 #include "QvDeviceImage2D.h"
 #include "QvDeviceMMU.h"
 #include "TestImages.h"
+#include "TextureBinding.h"
 
 using namespace Qv;
 using QvTest::Thrown;
@@ -66,6 +66,7 @@ TEST(DeviceImage2D, CopiesInEveryDirectionKeepEveryByteForOddSizesAndClasses) {
 
 TEST(DeviceImage2D, RefusesWhatWouldReadOrWriteOutOfBounds) {
   CQvDeviceImage2D xEmpty, xImage(CQvImageFormat(9, 4, EPixelType::RGBA, EDataType::UByte));
+  const CQvDeviceImage2D xRgb(CQvImageFormat(4, 4, EPixelType::RGB, EDataType::UByte));
   CQvImage xHost;
   std::vector<uint8_t> xBuffer(36 * 4);
   uint8_t* p = xBuffer.data();
@@ -77,6 +78,9 @@ TEST(DeviceImage2D, RefusesWhatWouldReadOrWriteOutOfBounds) {
       {"zero of empty", [&] { xEmpty.SetZero(); }, "Image is invalid"},
       {"upload to empty", [&] { xEmpty.Upload(p, 36, nullptr, false); }, "Image is invalid"},
       {"download of empty", [&] { xEmpty.Download(p, 36); }, "Image is invalid"},
+      {"texture of empty", [&] { CTextureBinding x(xEmpty, false); }, "Image is invalid"},
+      {"texture of rgb", [&] { CTextureBinding x(xRgb, false); }, "Error binding device image to "
+       "CUDA texture > Image format cannot be read through a texture: 4x4, RGB, UByte"},
       {"short source rows", [&] { xImage.Upload(p, 35, nullptr, false); },
        "Source rows are shorter than the image rows"},
       {"short target rows", [&] { xImage.Download(p, 35); },
@@ -127,7 +131,6 @@ TEST(DeviceMMU, OnlyTheSameShapeReusesACachedBlockAndItsPitch) {
             "Device allocation size overflows");
 }
 
-// The device exception and the choice of the backend.
 bool MachineHasGpu() {
   int iCount = 0;
   const bool bHas = cudaGetDeviceCount(&iCount) == cudaSuccess && iCount > 0;

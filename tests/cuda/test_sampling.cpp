@@ -1,11 +1,9 @@
-// Texture fetches against values worked out by hand (point and linear filter, at and between
-// pixel centres, past the edges, normalized coordinates, each read class), and the storing rule.
+// Texture fetches against values worked out by hand, and the storing rule.
 
 #include "FetchProbe.h"
 #include "QvDevice.h"
 #include "QvSampling.h"
 #include "TestImages.h"
-#include "TextureBinding.h"
 
 using namespace Qv;
 
@@ -95,14 +93,6 @@ TEST(Storing, ScalesByMClampsAndTruncatesAndNaNStoresM) {
     EXPECT_EQ(StoreChannel<RGBA_us>(c.v), c.iWord) << c.v;
   }
   EXPECT_EQ(StoreChannel<L_f>(-3.5f), -3.5f);  // float stores unscaled, unclamped
-}
-
-TEST(TextureBinding, RefusesInvalidAndThreeChannelImages) {
-  CQvDeviceImage2D xEmpty, xRgb(CQvImageFormat(4, 4, EPixelType::RGB, EDataType::UByte));
-  EXPECT_EQ(QvTest::Thrown([&] { CTextureBinding x(xEmpty, false); }), "Image is invalid");
-  EXPECT_EQ(QvTest::Thrown([&] { CTextureBinding x(xRgb, false); }),
-            "Error binding device image to CUDA texture > Image format cannot be read through a "
-            "texture: 4x4, RGB, UByte");
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
-// The convolution class: the Gauss filter against the separable filter worked out here in single
-// precision with the storing rule after each pass (it reads whole pixels, no blend of the
-// texture unit, so the results are exact on either backend); Shrink and Resize, where each
-// target pixel samples, on float images whose values and blend weights (multiples of 1/256)
-// keep every sum exact, and copies of every class.
+// The convolution class: Gauss against the separable filter worked out here, exact (it reads
+// whole pixels); Shrink and Resize on float images whose sums stay exact, and every class.
 #include "QvCudaCompConvolve.h"
 #include "QvDevice.h"
 #include "TestImages.h"

@@ -1,5 +1,5 @@
-// Flat-field normalization and the custom data types: expected values are worked out here
-// from the division and the storing rule (scale, clamp, truncate; NaN stores full scale).
+// Flat-field normalization and the custom data types, worked out here from the division, the
+// layouts and the storing rule.
 
 #include "QvCudaCompNormalize.h"
 #include "TestImages.h"
