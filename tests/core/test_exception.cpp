@@ -1,7 +1,5 @@
 // The text, identity and exception types every failure of the system is reported with.
 
-#include <memory>
-
 #include "QvException.h"
 #include "QvTestUtil.h"
 
@@ -40,8 +38,6 @@ TEST(Exception, ThrowRecordsWhereAndRethrowChainsTheInner) {
     }
   } catch (const CQvException& e) {
     EXPECT_EQ(QvTest::Chain(e), "rethrown > helper failed");
-    EXPECT_STREQ(e.GetName(), "Qv.Exception");
-    EXPECT_EQ(e.GetGUID(), kBaseGuid);
     const IException& x = *e.GetInnerException();
     EXPECT_STREQ(x.GetFunction(), "ThrowingHelper");
     EXPECT_NE(std::string(x.GetFile()).find("test_exception.cpp"), std::string::npos);

@@ -1,9 +1,6 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <cstdio>
-#include <fstream>
-
 #include "FileIO.h"
 #include "QvImage.h"
 #include "QvTestUtil.h"

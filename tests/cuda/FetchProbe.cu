@@ -1,7 +1,6 @@
 #include "FetchProbe.h"
 #include "QvDevice.h"
 #include "QvDeviceMMU.h"
-#include "QvException.h"
 #include "QvLaunch.cuh"
 #include "QvSampling.h"
 #include "TextureBinding.h"

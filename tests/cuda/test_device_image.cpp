@@ -1,8 +1,5 @@
 // The device runtime: device images, their copies and refusals, the allocator, the device
 // exception and the choice of the backend.
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 
 #include "QvCudaException.h"
 #include "QvDevice.h"
@@ -136,7 +133,6 @@ TEST(CudaException, CarriesIdentityCodeAndMessageFormThroughCopies) {
     EXPECT_EQ(p->GetMessageText(),
               "Error copying. 'cudaErrorInvalidValue: invalid argument (ID 1)', Device ID: " +
                   std::to_string(MachineHasGpu() ? 0 : -1));
-    EXPECT_EQ(1, p->GetErrorCode());
     EXPECT_STREQ("Qv.CudaException", p->GetName());
     EXPECT_TRUE(p->HasException(CGuid("{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F}")));
     return;

@@ -2,9 +2,6 @@
 // come from a child process of this test forced onto the host backend, which recomputes the
 // same seeded cases and writes them to a file.
 
-#include <cstdlib>
-#include <fstream>
-
 #include "QvCudaCompConvolve.h"
 #include "QvCudaCompDemosaic.h"
 #include "QvDevice.h"
@@ -17,12 +14,10 @@ namespace {
 std::string g_sSelf;
 
 std::vector<double> RunOperation(const std::string& sOp, const CQvImageFormat& f, uint32_t uSeed) {
+  const bool bFloat = f.eDataType == EDataType::Float;  // random bits would be NaNs: bytes / 255
   std::vector<double> x = QvTest::Samples(QvTest::RandomImage(
-      CQvImageFormat(f.iWidth, f.iHeight, f.ePixelType,
-                     f.eDataType == EDataType::Float ? EDataType::UByte : f.eDataType),
-      uSeed));
-  if (f.eDataType == EDataType::Float)  // random bits would be NaNs and huge values
-    for (double& v : x) v /= 255;
+      {f.iWidth, f.iHeight, f.ePixelType, bFloat ? EDataType::UByte : f.eDataType}, uSeed));
+  for (double& v : x) v /= bFloat ? 255 : 1;
   CQvDeviceImage2D xSource = QvTest::Upload(f.iWidth, f.iHeight, f.ePixelType, f.eDataType, x);
   CQvDeviceImage2D xTarget;
   if (sOp == "debayer") CQvCudaCompDemosaic().Debayer(xTarget, xSource, 1.4285715f, 1, 1.1363636f);
@@ -35,18 +30,14 @@ std::vector<double> RunOperation(const std::string& sOp, const CQvImageFormat& f
   return QvTest::Download(xTarget);
 }
 
-struct SOpCase {
-  std::string sOp;
-  CQvImageFormat xFormat;
-  uint32_t uSeed;
-};
+// clang-format off
+struct SOpCase { std::string sOp; CQvImageFormat xFormat; uint32_t uSeed; };
 
 std::vector<SOpCase> Cases() {
   const EPixelType::ID GR = EPixelType::BayerGR, RG = EPixelType::BayerRG, Lum = EPixelType::Lum;
   const EPixelType::ID BG = EPixelType::BayerBG, GB = EPixelType::BayerGB, RGBA = EPixelType::RGBA;
   const EDataType::ID UB = EDataType::UByte, US = EDataType::UShort, F = EDataType::Float;
   // Sizes on and beside the CUDA kernel's 64 x 16 tiles, odd ones, and one pixel wide or high.
-  // clang-format off
   return {{"debayer", {64, 48, GR, UB}, 11},  {"debayer", {128, 32, GR, US}, 11},
           {"debayer", {65, 17, BG, UB}, 11},  {"debayer", {113, 13, RG, UB}, 11},
           {"debayer", {37, 29, GB, US}, 11},  {"debayer", {1, 7, GR, UB}, 11},
@@ -60,8 +51,8 @@ std::vector<SOpCase> Cases() {
           {"shrink", {61, 47, Lum, US}, 14},   {"shrink", {61, 47, Lum, F}, 14},
           {"resize", {113, 13, RGBA, UB}, 15}, {"resize", {61, 47, Lum, UB}, 15},
           {"resize", {61, 47, Lum, US}, 15},   {"resize", {61, 47, Lum, F}, 15}};
-  // clang-format on
 }
+// clang-format on
 
 int WriteHostResults(const char* szPath) {
   setenv("QV_DEVICE", "host", 1);
