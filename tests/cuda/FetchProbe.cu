@@ -1,88 +1,49 @@
 #include "FetchProbe.h"
-#include "QvCudaComp.h"
 #include "QvDevice.h"
 #include "QvDeviceMMU.h"
-#include "QvException.h"
 #include "QvLaunch.cuh"
 #include "QvSampling.h"
 #include "TextureBinding.h"
 
 namespace QvTest {
+using namespace Qv;
 namespace {
 
 template <class T>
 struct FFetch {
-  Qv::STexture2D xTex;
-  const SCoord* pCoords;
+  STexture2D xTex;
+  float x, y;
   float4* pOut;
-  QV_HD void operator()(int x, int) const {
-    pOut[x] = Qv::Fetch<T>(xTex, pCoords[x].x, pCoords[x].y);
-  }
+  QV_HD void operator()(int, int) const { *pOut = Fetch<T>(xTex, x, y); }
 };
-
-struct FIndex {
-  Qv::SDeviceImageDesc2D xDesc;
-  QV_HD void operator()(int x, int y) const {
-    *Qv::PixelPtr<Qv::L_f>(xDesc, x, y) = static_cast<float>(x + y * 1000);
-  }
-};
-
-template <class T>
-void Run(Qv::CQvCudaComp& xComp, const Qv::STexture2D& xTex, const SCoord* pCoords, float4* pOut,
-         int iCount) {
-  Qv::LaunchPerPixel(xComp, "Probe --> Kernel::Fetch", iCount, 1, FFetch<T>{xTex, pCoords, pOut});
-}
 
 }  // namespace
 
-std::vector<float4> ProbeFetches(const Qv::CQvDeviceImage2D& xImage, bool bLinear,
-                                 bool bNormalizedCoordinates, const std::vector<SCoord>& xCoords) {
-  const int iCount = static_cast<int>(xCoords.size());
-  auto* pCoords =
-      static_cast<SCoord*>(Qv::CQvDeviceMMU::QvCudaMalloc(xCoords.size(), sizeof(SCoord)));
-  auto* pOut = static_cast<float4*>(Qv::CQvDeviceMMU::QvCudaMalloc(xCoords.size(), sizeof(float4)));
-  const size_t uCoordBytes = xCoords.size() * sizeof(SCoord);
-  Qv::Device::Copy2D(pCoords, uCoordBytes, xCoords.data(), uCoordBytes, uCoordBytes, 1,
-                     Qv::Device::ECopyKind::HostToDevice, nullptr, false);
-  Qv::CTextureBinding xBinding(xImage, bLinear, bNormalizedCoordinates);
-  Qv::CQvCudaComp xComp;
-  xComp.EvalKernelDim_2D_1D(
-      Qv::CQvImageFormat(iCount, 1, Qv::EPixelType::Lum, Qv::EDataType::Float), 32, 8);
-  const Qv::STexture2D& xTex = xBinding.Get();
-  if (xImage.IsOfType<Qv::L_uc>(true))
-    Run<Qv::L_uc>(xComp, xTex, pCoords, pOut, iCount);
-  else if (xImage.IsOfType<Qv::L_us>(true))
-    Run<Qv::L_us>(xComp, xTex, pCoords, pOut, iCount);
-  else if (xImage.IsOfType<Qv::L_f>(true))
-    Run<Qv::L_f>(xComp, xTex, pCoords, pOut, iCount);
-  else if (xImage.IsOfType<Qv::RGBA_uc>())
-    Run<Qv::RGBA_uc>(xComp, xTex, pCoords, pOut, iCount);
-  else if (xImage.IsOfType<Qv::RGBA_us>())
-    Run<Qv::RGBA_us>(xComp, xTex, pCoords, pOut, iCount);
-  else if (xImage.IsOfType<Qv::RGBA_f>())
-    Run<Qv::RGBA_f>(xComp, xTex, pCoords, pOut, iCount);
+float4 ProbeFetch(const CQvDeviceImage2D& xImage, bool bLinear, bool bNormalized, float x,
+                  float y) {
+  auto* pOut = static_cast<float4*>(CQvDeviceMMU::QvCudaMalloc(1, sizeof(float4)));
+  const CTextureBinding xBinding(xImage, bLinear, bNormalized);
+  CQvCudaComp xComp;
+  xComp.EvalKernelDim_2D_1D(CQvImageFormat(1, 1, EPixelType::Lum, EDataType::Float), 32, 8);
+  const char* szName = "Probe --> Kernel::Fetch";
+  const STexture2D& t = xBinding.Get();
+  if (xImage.IsOfType<L_uc>(true))
+    LaunchPerPixel(xComp, szName, 1, 1, FFetch<L_uc>{t, x, y, pOut});
+  else if (xImage.IsOfType<L_us>(true))
+    LaunchPerPixel(xComp, szName, 1, 1, FFetch<L_us>{t, x, y, pOut});
+  else if (xImage.IsOfType<L_f>())
+    LaunchPerPixel(xComp, szName, 1, 1, FFetch<L_f>{t, x, y, pOut});
+  else if (xImage.IsOfType<RGBA_uc>())
+    LaunchPerPixel(xComp, szName, 1, 1, FFetch<RGBA_uc>{t, x, y, pOut});
+  else if (xImage.IsOfType<RGBA_us>())
+    LaunchPerPixel(xComp, szName, 1, 1, FFetch<RGBA_us>{t, x, y, pOut});
   else
-    QV_THROW("no pixel class for probe image");
-  std::vector<float4> xResult(xCoords.size());
-  const size_t uOutBytes = xCoords.size() * sizeof(float4);
-  Qv::Device::Copy2D(xResult.data(), uOutBytes, pOut, uOutBytes, uOutBytes, 1,
-                     Qv::Device::ECopyKind::DeviceToHost, nullptr, false);
-  Qv::CQvDeviceMMU::QvCudaFree(pCoords);
-  Qv::CQvDeviceMMU::QvCudaFree(pOut);
+    LaunchPerPixel(xComp, szName, 1, 1, FFetch<RGBA_f>{t, x, y, pOut});
+  float4 xResult;
+  Device::Copy2D(&xResult, sizeof(xResult), pOut, sizeof(xResult), sizeof(xResult), 1,
+                 Device::ECopyKind::DeviceToHost, nullptr, false);
+  CQvDeviceMMU::QvCudaFree(pOut);
   return xResult;
-}
-
-void FillIndexImage(Qv::CQvDeviceImage2D& xImage, int iBlockX, int iBlockY) {
-  Qv::CQvCudaComp xComp;
-  FillIndexImage(xComp, xImage, iBlockX, iBlockY);
-}
-
-void FillIndexImage(Qv::CQvCudaComp& xComp, Qv::CQvDeviceImage2D& xImage, int iBlockX,
-                    int iBlockY) {
-  if (!xImage.IsOfType<Qv::L_f>()) QV_THROW("index image must be Lum Float");
-  xComp.EvalKernelDim_2D_1D(xImage.GetFormat(), iBlockX, iBlockY);
-  Qv::LaunchPerPixel(xComp, "Probe --> Kernel::Index", xImage.GetFormat().iWidth,
-                     xImage.GetFormat().iHeight, FIndex{xImage.GetDesc()});
 }
 
 }  // namespace QvTest

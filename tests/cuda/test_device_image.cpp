@@ -1,161 +1,162 @@
-// Device images: creation, the copies in every direction, and what Create keeps.
-#include <gtest/gtest.h>
+// The device runtime: device images, their copies and refusals, the allocator, the device
+// exception and the choice of the backend.
 
-#include <cstring>
-
+#include "QvCudaException.h"
+#include "QvDevice.h"
 #include "QvDeviceImage2D.h"
-#include "QvException.h"
+#include "QvDeviceMMU.h"
 #include "TestImages.h"
+#include "TextureBinding.h"
 
 using namespace Qv;
+using QvTest::Thrown;
 
 namespace {
 
-struct SCase {
-  int iWidth, iHeight;
-  EPixelType::ID ePixel;
-  EDataType::ID eData;
-};
-
-class DeviceImage2DTest : public ::testing::TestWithParam<SCase> {};
-
-TEST_P(DeviceImage2DTest, UploadDownloadRoundTripKeepsEveryByte) {
-  const SCase& c = GetParam();
-  const CQvImageFormat xFormat(c.iWidth, c.iHeight, c.ePixel, c.eData);
-  const CQvImage xSource =
-      QvTest::RandomImage(xFormat, static_cast<uint32_t>(c.iWidth * 31 + c.iHeight));
-
-  CQvDeviceImage2D xDevice(xSource);
-  ASSERT_TRUE(xDevice.IsValid());
-  EXPECT_EQ(xDevice.GetFormat(), xFormat);
-  EXPECT_GE(xDevice.GetDevicePitch(), xFormat.GetRowBytes());
-
-  CQvImage xBack;
-  xDevice.CopyTo(xBack);
-  EXPECT_TRUE(QvTest::BytesEqual(xSource, xBack))
-      << xFormat.ToString().ToCString() << " on " << QvTest::BackendName();
-
-  // Device to device, then back again.
-  CQvDeviceImage2D xSecond;
-  xDevice.CopyTo(xSecond);
-  CQvImage xBack2;
-  xSecond.CopyTo(xBack2);
-  EXPECT_TRUE(QvTest::BytesEqual(xSource, xBack2));
-
-  // Rows into a padded host buffer land at the padded positions.
-  const size_t uRow = xFormat.GetRowBytes(), uPitch = uRow + 7;
-  std::vector<uint8_t> xPadded(uPitch * c.iHeight, 0xEE);
-  xDevice.Download(xPadded.data(), uPitch);
-  for (int y = 0; y < c.iHeight; ++y) {
-    ASSERT_EQ(0, std::memcmp(xPadded.data() + y * uPitch,
-                             static_cast<const uint8_t*>(xSource.GetDataPtr()) + y * uRow, uRow));
-    EXPECT_EQ(0xEE, xPadded[y * uPitch + uRow]);
+TEST(DeviceImage2D, CopiesInEveryDirectionKeepEveryByteForOddSizesAndClasses) {
+  const EDataType::ID UB = EDataType::UByte, US = EDataType::UShort, F = EDataType::Float;
+  const CQvImageFormat aFormats[] = {
+      {1, 1, EPixelType::Lum, UB},  {3, 5, EPixelType::BayerGR, UB}, {113, 13, EPixelType::Lum, UB},
+      {7, 3, EPixelType::Lum, US},  {13, 7, EPixelType::RGBA, UB},   {5, 9, EPixelType::RGBA, US},
+      {17, 4, EPixelType::RGBA, F}, {11, 2, EPixelType::RGB, UB},    {1, 64, EPixelType::Lum, F},
+      {64, 1, EPixelType::LumA, UB}};
+  uint32_t uSeed = 0;
+  for (const CQvImageFormat& f : aFormats) {
+    SCOPED_TRACE(f.ToString().ToCString());
+    const CQvImage xSource = QvTest::RandomImage(f, ++uSeed);
+    const size_t uRow = f.GetRowBytes(), uPitch = uRow + 7;
+    auto Same = [&](const CQvDeviceImage2D& x) {
+      CQvImage xBack;
+      x.CopyTo(xBack);
+      return std::memcmp(xSource.GetDataPtr(), xBack.GetDataPtr(), uRow * f.iHeight) == 0;
+    };
+    CQvDeviceImage2D xDevice(xSource), xSecond;
+    EXPECT_GE(xDevice.GetDevicePitch(), uRow);
+    xDevice.CopyTo(xSecond);  // device to device
+    EXPECT_TRUE(Same(xSecond));
+    // Rows into a padded host buffer land at the padded positions; the padding stays.
+    std::vector<uint8_t> xPadded(uPitch * f.iHeight, 0xEE);
+    xDevice.Download(xPadded.data(), uPitch);
+    for (int y = 0; y < f.iHeight; ++y) {
+      ASSERT_EQ(0, std::memcmp(xPadded.data() + y * uPitch,
+                               static_cast<const uint8_t*>(xSource.GetDataPtr()) + y * uRow, uRow));
+      ASSERT_EQ(0xEE, xPadded[y * uPitch + uRow]);
+    }
+    // And back from it into a cleared image whose Create with the same format kept its memory.
+    CQvDeviceImage2D xThird(f);
+    void* pBefore = xThird.GetDevicePointer();
+    xThird.SetZero();
+    xThird.Create(f);
+    xThird.Upload(xPadded.data(), uPitch, nullptr, false);
+    EXPECT_TRUE(Same(xThird) && pBefore == xThird.GetDevicePointer());
   }
 }
 
-TEST_P(DeviceImage2DTest, CreateFromDeviceDataCopiesPackedRows) {
-  const SCase& c = GetParam();
-  const CQvImageFormat xFormat(c.iWidth, c.iHeight, c.ePixel, c.eData);
-  const CQvImage xSource = QvTest::RandomImage(xFormat, 7);
-  CQvDeviceImage1D xPacked;
-  xPacked.Create(xSource);
-  ASSERT_EQ(xPacked.GetByteCount(), xFormat.GetImageBytes());
-
-  CQvDeviceImage2D xImage;
-  xImage.Create(xFormat, xPacked.GetDevicePointer(), true);
-  CQvImage xBack;
-  xImage.CopyTo(xBack);
-  EXPECT_TRUE(QvTest::BytesEqual(xSource, xBack));
-}
-
-INSTANTIATE_TEST_SUITE_P(OddSizesAndClasses, DeviceImage2DTest,
-                         ::testing::Values(SCase{1, 1, EPixelType::Lum, EDataType::UByte},
-                                           SCase{3, 5, EPixelType::BayerGR, EDataType::UByte},
-                                           SCase{113, 13, EPixelType::Lum, EDataType::UByte},
-                                           SCase{7, 3, EPixelType::Lum, EDataType::UShort},
-                                           SCase{13, 7, EPixelType::RGBA, EDataType::UByte},
-                                           SCase{5, 9, EPixelType::RGBA, EDataType::UShort},
-                                           SCase{17, 4, EPixelType::RGBA, EDataType::Float},
-                                           SCase{11, 2, EPixelType::RGB, EDataType::UByte},
-                                           SCase{1, 64, EPixelType::Lum, EDataType::Float}));
-
-TEST(DeviceImage2D, CreateWithSameFormatLeavesImageUntouched) {
-  const CQvImageFormat xFormat(9, 4, EPixelType::Lum, EDataType::UByte);
-  const CQvImage xSource = QvTest::RandomImage(xFormat, 3);
-  CQvDeviceImage2D xImage(xSource);
-  void* pBefore = xImage.GetDevicePointer();
-
-  xImage.Create(xFormat);
-  EXPECT_EQ(pBefore, xImage.GetDevicePointer());
-  CQvImage xBack;
-  xImage.CopyTo(xBack);
-  EXPECT_TRUE(QvTest::BytesEqual(xSource, xBack));
-
-  xImage.Create(CQvImageFormat(9, 5, EPixelType::Lum, EDataType::UByte));
-  EXPECT_EQ(5, xImage.GetFormat().iHeight);
-}
-
-TEST(DeviceImage2D, EmptyImageIsInvalidAndRefusesCopies) {
-  CQvDeviceImage2D xImage;
-  EXPECT_FALSE(xImage.IsValid());
-  EXPECT_EQ(nullptr, xImage.GetDevicePointer());
+TEST(DeviceImage2D, RefusesWhatWouldReadOrWriteOutOfBounds) {
+  CQvDeviceImage2D xEmpty, xImage(CQvImageFormat(9, 4, EPixelType::RGBA, EDataType::UByte));
+  const CQvDeviceImage2D xRgb(CQvImageFormat(4, 4, EPixelType::RGB, EDataType::UByte));
   CQvImage xHost;
-  EXPECT_THROW(xImage.CopyTo(xHost), CQvException);
-  EXPECT_THROW(xImage.SetZero(), CQvException);
+  std::vector<uint8_t> xBuffer(36 * 4);
+  uint8_t* p = xBuffer.data();
+  // clang-format off
+  const struct { const char* szRow; std::function<void()> fnRun; const char* szMessage; }
+  aCases[] = {
+      {"copy of empty", [&] { xEmpty.CopyTo(xHost); }, "Image is invalid"},
+      {"device copy of empty", [&] { xEmpty.CopyTo(xImage); }, "Image is invalid"},
+      {"zero of empty", [&] { xEmpty.SetZero(); }, "Image is invalid"},
+      {"upload to empty", [&] { xEmpty.Upload(p, 36, nullptr, false); }, "Image is invalid"},
+      {"download of empty", [&] { xEmpty.Download(p, 36); }, "Image is invalid"},
+      {"texture of empty", [&] { CTextureBinding x(xEmpty, false); }, "Image is invalid"},
+      {"texture of rgb", [&] { CTextureBinding x(xRgb, false); }, "Error binding device image to "
+       "CUDA texture > Image format cannot be read through a texture: 4x4, RGB, UByte"},
+      {"short source rows", [&] { xImage.Upload(p, 35, nullptr, false); },
+       "Source rows are shorter than the image rows"},
+      {"short target rows", [&] { xImage.Download(p, 35); },
+       "Target rows are shorter than the image rows"},
+      {"no source", [&] { xEmpty.Create(xImage.GetFormat(), nullptr, false); },
+       "No source data for device image"},
+      {"zero width", [&] { xEmpty.Create({0, 5, EPixelType::Lum, EDataType::UByte}); },
+       "Invalid device image size 0x5"},
+      {"no pixel type", [&] { xEmpty.Create({4, 4, EPixelType::None, EDataType::UByte}); },
+       "Device image format has no pixel size: 4x4, None, UByte"},
+  };
+  // clang-format on
+  for (const auto& c : aCases) EXPECT_EQ(Thrown(c.fnRun), c.szMessage) << c.szRow;
 }
 
-TEST(DeviceImage2D, RefusesFormatsWithoutSize) {
-  CQvDeviceImage2D xImage;
-  try {
-    xImage.Create(CQvImageFormat(0, 5, EPixelType::Lum, EDataType::UByte));
-    FAIL() << "a zero width was accepted";
-  } catch (const CQvException& e) {
-    EXPECT_STREQ("Invalid device image size 0x5", e.GetMessageText());
+// The caching allocator: a block is reused only for a request of the same shape, and the
+// allocation count shows when the device was asked for memory.
+TEST(DeviceMMU, OnlyTheSameShapeReusesACachedBlockAndItsPitch) {
+  auto Count = [] { return CQvDeviceMMU::GetAllocationCount(); };
+  CQvDeviceMMU::Trim();
+  EXPECT_EQ(0u, CQvDeviceMMU::GetCachedBytes());
+  const uint64_t uBefore = Count();
+  const CQvImageFormat xFormat(1001, 3, EPixelType::Lum, EDataType::UByte);
+  size_t uPitch = 0;
+  void* p = nullptr;
+  {
+    CQvDeviceImage2D x(xFormat);
+    p = x.GetDevicePointer(), uPitch = x.GetDevicePitch();
   }
-  EXPECT_THROW(xImage.Create(CQvImageFormat(4, 4, EPixelType::Lum, EDataType::Integral_10)),
-               CQvException);
-  EXPECT_THROW(xImage.Create(CQvImageFormat(4, 4, EPixelType::None, EDataType::UByte)),
-               CQvException);
-  EXPECT_FALSE(xImage.IsValid());
+  EXPECT_EQ(uBefore + 1, Count());
+  EXPECT_EQ(uPitch * 3, CQvDeviceMMU::GetCachedBytes());
+  // Fewer rows, fewer bytes a row, the same bytes in another shape: none may take the block.
+  for (const CQvImageFormat& f : {CQvImageFormat(1001, 2, EPixelType::Lum, EDataType::UByte),
+                                  CQvImageFormat(1000, 3, EPixelType::Lum, EDataType::UByte),
+                                  CQvImageFormat(3, 1001, EPixelType::Lum, EDataType::UByte)})
+    EXPECT_NE(p, CQvDeviceImage2D(f).GetDevicePointer()) << f.ToString().ToCString();
+  const CQvDeviceImage2D z(xFormat);
+  EXPECT_TRUE(p == z.GetDevicePointer() && uPitch == z.GetDevicePitch());
+  EXPECT_EQ(uBefore + 4, Count());
+  // Linear blocks alike.
+  CQvDeviceMMU::QvCudaFree(CQvDeviceMMU::QvCudaMalloc(2, sizeof(float)));
+  CQvDeviceMMU::QvCudaFree(CQvDeviceMMU::QvCudaMalloc(2, sizeof(float)));
+  EXPECT_EQ(uBefore + 5, Count());
+  EXPECT_EQ(Thrown([] { CQvDeviceMMU::QvCudaMalloc(SIZE_MAX / 2, 4); }),
+            "Device allocation size overflows");
 }
 
-TEST(DeviceImage2D, SetZeroClearsEveryPixel) {
-  const CQvImageFormat xFormat(6, 3, EPixelType::RGBA, EDataType::UShort);
-  CQvDeviceImage2D xImage(QvTest::RandomImage(xFormat, 11));
-  xImage.SetZero();
-  CQvImage xBack;
-  xImage.CopyTo(xBack);
-  const auto* p = static_cast<const uint8_t*>(xBack.GetDataPtr());
-  for (size_t i = 0; i < xFormat.GetImageBytes(); ++i) ASSERT_EQ(0, p[i]) << "byte " << i;
+bool MachineHasGpu() {
+  int iCount = 0;
+  const bool bHas = cudaGetDeviceCount(&iCount) == cudaSuccess && iCount > 0;
+  cudaGetLastError();
+  return bHas;
 }
 
-TEST(DeviceImage2D, DescriptorAndChannelDescriptionFollowTheFormat) {
-  CQvDeviceImage2D xImage(CQvImageFormat(10, 2, EPixelType::RGBA, EDataType::UShort));
-  const SDeviceImageDesc2D xDesc = xImage.GetDesc();
-  EXPECT_EQ(xImage.GetDevicePointer(), xDesc.pData);
-  EXPECT_EQ(xImage.GetDevicePitch(), xDesc.uPitch);
-  EXPECT_EQ(10, xDesc.xFormat.iWidth);
-  const cudaChannelFormatDesc xChannels = xImage.GetCudaChannelFormatDesc();
-  EXPECT_EQ(16, xChannels.x);
-  EXPECT_EQ(16, xChannels.w);
-  EXPECT_EQ(cudaChannelFormatKindUnsigned, xChannels.f);
-  static_assert(sizeof(SDeviceImageDesc2D) == 32, "descriptor layout is shared with kernels");
+TEST(CudaException, CarriesIdentityCodeAndMessageFormThroughCopies) {
+  try {
+    QV_CUDA_CHECK(cudaErrorInvalidValue, "Error copying");
+  } catch (const CQvException& e) {  // caught as the base
+    std::unique_ptr<IException> pClone(e.Clone());
+    const auto* p = dynamic_cast<const CQvCudaException*>(pClone.get());
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(p->GetMessageText(),
+              "Error copying. 'cudaErrorInvalidValue: invalid argument (ID 1)', Device ID: " +
+                  std::to_string(MachineHasGpu() ? 0 : -1));
+    EXPECT_STREQ("Qv.CudaException", p->GetName());
+    EXPECT_TRUE(p->HasException(CGuid("{1D1A0143-63EA-4BE4-AF72-6907ACCF1E7F}")));
+    return;
+  }
+  FAIL() << "no exception";
 }
 
-TEST(DeviceImage2D, IsOfTypeTreatsBayerAsLumOnlyWhenAsked) {
-  CQvDeviceImage2D xBayer8(CQvImageFormat(4, 4, EPixelType::BayerRG, EDataType::UByte));
-  EXPECT_FALSE(xBayer8.IsOfType<L_uc>(false));
-  EXPECT_TRUE(xBayer8.IsOfType<L_uc>(true));
-  CQvDeviceImage2D xBayer16(CQvImageFormat(4, 4, EPixelType::BayerRG, EDataType::UShort));
-  EXPECT_FALSE(xBayer16.IsOfType<L_uc>(false));
-  EXPECT_FALSE(xBayer16.IsOfType<L_uc>(true));
-  EXPECT_TRUE(xBayer16.IsOfType<L_us>(true));
-  CQvDeviceImage2D xBgra(CQvImageFormat(4, 4, EPixelType::BGRA, EDataType::UByte));
-  EXPECT_FALSE(xBgra.IsOfType<RGBA_uc>(false));
-  EXPECT_FALSE(xBgra.IsOfType<RGBA_uc>(true));
-  CQvDeviceImage2D xRgba(CQvImageFormat(4, 4, EPixelType::RGBA, EDataType::Float));
-  EXPECT_TRUE(xRgba.IsOfType<RGBA_f>(true));
-  EXPECT_FALSE(xRgba.IsOfType<L_f>(true));
+// Runs in a fresh child process, where the backend has not been chosen yet: chooses it with
+// QV_DEVICE set to the value, prints the failure text and exits with 3 if it fails, else 0.
+[[noreturn]] void ChooseBackendWith(const char* szChoice) {
+  setenv("QV_DEVICE", szChoice, 1);
+  const std::string sThrown = QvTest::Thrown([] { Device::GetBackend(); });
+  std::fprintf(stderr, "%s\n", sThrown.c_str());
+  std::exit(sThrown.empty() ? 0 : 3);
+}
+
+// No skip here: CTest would show the whole executable as skipped.
+TEST(DeviceBackend, AnUnknownChoiceOrCudaWithoutAGpuFailsWithOneClearError) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(ChooseBackendWith("fpga"), ::testing::ExitedWithCode(3),
+              "QV_DEVICE must be 'cuda' or 'host', not 'fpga'");
+  const bool bGpu = MachineHasGpu();
+  EXPECT_EXIT(ChooseBackendWith("cuda"), ::testing::ExitedWithCode(bGpu ? 0 : 3),
+              bGpu ? "" : "QV_DEVICE=cuda was requested but no usable CUDA device");
 }
 
 }  // namespace
