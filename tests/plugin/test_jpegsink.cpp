@@ -246,28 +246,4 @@ TEST_F(JpegSinkTest, PipelineFileMatchesTheYPlaneOfTheSameFrame) {
 
 // Plane 0 of a buffer's file: rows land a pitch apart, and nothing is written where the pitch
 // or the file cannot take the image.
-TEST(JpegBuffer, CopyYUVToNvBufferKeepsToPitchAndFile) {
-  CQvImage xPlane(CQvImageFormat(6, 3, EPixelType::Lum, EDataType::UByte));
-  for (int i = 0; i < 18; ++i) static_cast<uint8_t*>(xPlane.GetDataPtr())[i] = uint8_t(i + 1);
-  CQvDeviceImage2D xImage(xPlane);
-  std::FILE* pxFile = std::tmpfile();
-  const int fd = fileno(pxFile);
-  _NvBufferParams xParams{};
-  xParams.num_planes = 1;
-  // {pitch, file size}: rows 8 apart fill 22 bytes; 21 are too few, a pitch of 5 too short.
-  for (const auto& r : {std::make_pair(8, 22), std::make_pair(8, 21), std::make_pair(5, 64)}) {
-    const cudaError_t eResult = r == std::make_pair(8, 22) ? cudaSuccess : cudaErrorInvalidValue;
-    ASSERT_TRUE(ftruncate(fd, 0) == 0 && ftruncate(fd, r.second) == 0);
-    xParams.pitch[0] = uint32_t(r.first);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(eResult, CopyYUVToNvBuffer(&xImage, fd, xParams)) << r.second;
-    EXPECT_EQ(eResult ? "" : "memcpy Y18 bytes \n", testing::internal::GetCapturedStdout());
-    std::vector<uint8_t> xBytes(r.second), xExpected(r.second, 0);
-    ASSERT_EQ(r.second, pread(fd, xBytes.data(), xBytes.size(), 0));
-    for (int i = 0; i < 18 && !eResult; ++i) xExpected[(i / 6) * 8 + i % 6] = uint8_t(i + 1);
-    EXPECT_EQ(xExpected, xBytes) << r.second;
-  }
-  std::fclose(pxFile);
-}
-
 }  // namespace

@@ -101,21 +101,11 @@ TEST(Upload, CarriesTimestampsAndCameraMeta) {
   GstHarness* pxHarness = gst_harness_new("qvcudaupload");
   gst_harness_set_src_caps_str(pxHarness,
                                "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
-  GstBuffer* pxIn = QvTest::BufferFromBytes(QvTest::FrameBytes(8, 3));
-  GST_BUFFER_PTS(pxIn) = 40 * GST_MSECOND;
-  GST_BUFFER_DURATION(pxIn) = 33 * GST_MSECOND;
-  auto* pxMeta = reinterpret_cast<MyMetaInfo*>(gst_buffer_add_meta(pxIn, my_meta_get_info(), NULL));
-  pxMeta->exposure = 0.0125f;
-  pxMeta->gain = 3.0f;
+  GstBuffer* pxIn = QvTest::WithMeta(QvTest::BufferFromBytes(QvTest::FrameBytes(8, 3)),
+                                     40 * GST_MSECOND, 0.0125f, 3.0f);
   GstBuffer* pxOut = gst_harness_push_and_pull(pxHarness, pxIn);
   ASSERT_NE(nullptr, pxOut);
-  EXPECT_EQ(40 * GST_MSECOND, GST_BUFFER_PTS(pxOut));
-  EXPECT_EQ(33 * GST_MSECOND, GST_BUFFER_DURATION(pxOut));
-  auto* pxOutMeta =
-      reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut, MY_META_INFO_API_TYPE));
-  ASSERT_NE(nullptr, pxOutMeta);
-  EXPECT_EQ(0.0125f, pxOutMeta->exposure);
-  EXPECT_EQ(3.0f, pxOutMeta->gain);
+  QvTest::ExpectMeta(pxOut, 40 * GST_MSECOND, 0.0125f, 3.0f);
   gst_buffer_unref(pxOut);
   gst_harness_teardown(pxHarness);
 }
