@@ -74,7 +74,9 @@ void* AlignedHostAlloc(size_t uBytes) {
   return p;
 }
 
-cudaMemcpyKind ToCuda(ECopyKind eKind) {
+}  // namespace
+
+cudaMemcpyKind ToCudaKind(ECopyKind eKind) {
   switch (eKind) {
     case ECopyKind::HostToDevice:
       return cudaMemcpyHostToDevice;
@@ -87,8 +89,6 @@ cudaMemcpyKind ToCuda(ECopyKind eKind) {
   }
   return cudaMemcpyDefault;
 }
-
-}  // namespace
 
 EBackend GetBackend() {
   const SBackendChoice& x = Choice();
@@ -180,14 +180,14 @@ void Copy2D(void* pDst, size_t uDstPitch, const void* pSrc, size_t uSrcPitch, si
   if (IsCuda()) {
     if (bAsync) {
       QV_CUDA_CHECK(cudaMemcpy2DAsync(pDst, uDstPitch, pSrc, uSrcPitch, uWidthBytes, uHeight,
-                                      ToCuda(eKind), hStream),
+                                      ToCudaKind(eKind), hStream),
                     "Error queueing a 2D copy");
     } else {
       // cudaMemcpy2D may return before the copy is done (device to device, and pageable host
       // to device), and work on the non-blocking streams does not wait for the default
       // stream: wait for it here, so that a copy that is not asynchronous is complete.
       QV_CUDA_CHECK(
-          cudaMemcpy2D(pDst, uDstPitch, pSrc, uSrcPitch, uWidthBytes, uHeight, ToCuda(eKind)),
+          cudaMemcpy2D(pDst, uDstPitch, pSrc, uSrcPitch, uWidthBytes, uHeight, ToCudaKind(eKind)),
           "Error copying 2D memory");
       QV_CUDA_CHECK(cudaStreamSynchronize(nullptr), "Error copying 2D memory");
     }

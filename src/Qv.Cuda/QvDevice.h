@@ -14,6 +14,9 @@ namespace Device {
 enum class EBackend { Cuda, Host };
 enum class ECopyKind { HostToDevice, DeviceToHost, DeviceToDevice, HostToHost };
 
+// The CUDA runtime's name for a copy direction.
+cudaMemcpyKind ToCudaKind(ECopyKind eKind);
+
 // Throws CQvCudaException when QV_DEVICE=cuda is forced on a machine without a usable GPU,
 // and CQvException for an unknown QV_DEVICE value. The answer is fixed for the process.
 EBackend GetBackend();

@@ -23,20 +23,6 @@ void RequireInterop() {
   if (!IsCuda()) QV_THROW("CUDA-GL interop needs the CUDA backend");
 }
 
-cudaMemcpyKind ToCudaKind(ECopyKind eKind) {
-  switch (eKind) {
-    case ECopyKind::HostToDevice:
-      return cudaMemcpyHostToDevice;
-    case ECopyKind::DeviceToHost:
-      return cudaMemcpyDeviceToHost;
-    case ECopyKind::DeviceToDevice:
-      return cudaMemcpyDeviceToDevice;
-    case ECopyKind::HostToHost:
-      return cudaMemcpyHostToHost;
-  }
-  return cudaMemcpyDefault;
-}
-
 }  // namespace
 
 bool HasGraphicsInterop() {
