@@ -545,7 +545,7 @@ TEST(MixQos, LateReportDropsUntilTwiceTheLatenessAndOneFramePastIt) {
 
 TEST(MixQos, NothingIsDroppedWithoutALateReport) {
   // No report; a report without timestamp; an early report reaching back before 0 (its
-  // earliest time is 0, not a wrapped one far in the future).
+  // earliest time is 0; nothing may be dropped).
   for (int iCase : {0, 1, 2}) {
     CMixerRig xRig;
     SQosRun xRun;
