@@ -233,7 +233,7 @@ static void gst_auto_adapt_class_init(GstQvAutoAdaptClass* klass) {
     const char *szName, *szNick, *szBlurb;
     float fMin, fMax, fDefault;
   };
-  // "adaption" says 0.0 in its specification while a new element starts at 0.5.
+  // "adaption" declares 0.0 as its default, while a new element starts at 0.5 (set at init).
   static const SFloatProperty axFloats[] = {
       {PROP_ROIX1, "roix1", "ROIX1", "Region of interest Start-X", 0.0f, 1.0f, 0.0f},
       {PROP_ROIX2, "roix2", "ROIX2", "Region of interest End-X", 0.0f, 1.0f, 1.0f},
