@@ -186,14 +186,9 @@ double MsSince(Clock::time_point t0) {
   return std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
 }
 
-// appsrc ! qvcudadownload ! fakesink with one stacked I420 device image pushed again and again.
-double DownloadPipelineMs(GstBuffer* pxDeviceFrame, int iWidth, int iHeight, int iFrames) {
-  char szCaps[160];
-  std::snprintf(szCaps, sizeof(szCaps), "video/x-raw,format=I420,width=%d,height=%d,framerate=30/1",
-                iWidth, iHeight);
-  const std::string sPipeline =
-      std::string("appsrc name=src format=time block=true max-buffers=4 caps=\"") + szCaps +
-      "\" ! qvcudadownload ! fakesink sync=false";
+// Wall time per frame of a pipeline whose appsrc "src" gets the same frame again and again:
+// iWarm frames first (and a pause for them to pass), then iFrames timed up to end of stream.
+double PushedFrameMs(const std::string& sPipeline, GstBuffer* pxFrame, int iWarm, int iFrames) {
   GError* pxError = NULL;
   GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
   if (!pxPipeline || pxError) {
@@ -202,12 +197,12 @@ double DownloadPipelineMs(GstBuffer* pxDeviceFrame, int iWidth, int iHeight, int
   }
   GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
   gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
-  for (int i = 0; i < 5; ++i)
-    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxDeviceFrame));
-  g_usleep(200000);
+  for (int i = 0; i < iWarm; ++i)
+    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
+  if (iWarm > 0) g_usleep(200000);
   const auto t0 = Clock::now();
   for (int i = 0; i < iFrames; ++i)
-    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxDeviceFrame));
+    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
   gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
   GstBus* pxBus = gst_element_get_bus(pxPipeline);
   GstMessage* pxMsg = gst_bus_timed_pop_filtered(
@@ -219,6 +214,17 @@ double DownloadPipelineMs(GstBuffer* pxDeviceFrame, int iWidth, int iHeight, int
   gst_object_unref(pxSrc);
   gst_object_unref(pxPipeline);
   return dMs;
+}
+
+// appsrc ! qvcudadownload ! fakesink with one stacked I420 device image pushed again and again.
+double DownloadPipelineMs(GstBuffer* pxDeviceFrame, int iWidth, int iHeight, int iFrames) {
+  char szCaps[160];
+  std::snprintf(szCaps, sizeof(szCaps), "video/x-raw,format=I420,width=%d,height=%d,framerate=30/1",
+                iWidth, iHeight);
+  const std::string sPipeline =
+      std::string("appsrc name=src format=time block=true max-buffers=4 caps=\"") + szCaps +
+      "\" ! qvcudadownload ! fakesink sync=false";
+  return PushedFrameMs(sPipeline, pxDeviceFrame, 5, iFrames);
 }
 
 // The download of a stacked I420 frame (made on the device by Convert) against a bare
@@ -756,23 +762,8 @@ void JpegBench(int iWidth, int iHeight, bool bCuda) {
   const std::string sPipeline = std::string("appsrc name=src block=true max-buffers=4 caps=\"") +
                                 szCaps +
                                 "\" ! qvcudajpegsink sync=false location=/dev/shm/qvbench%05d.jpg";
-  GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), NULL);
-  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
   const int iFrames = bCuda ? 200 : 10;
-  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
-  const auto t0 = Clock::now();
-  for (int i = 0; i < iFrames; ++i)
-    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
-  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
-  GstBus* pxBus = gst_element_get_bus(pxPipeline);
-  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
-      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  const double dMs = MsSince(t0) / iFrames;
-  if (pxMsg) gst_message_unref(pxMsg);
-  gst_element_set_state(pxPipeline, GST_STATE_NULL);
-  gst_object_unref(pxBus);
-  gst_object_unref(pxSrc);
-  gst_object_unref(pxPipeline);
+  const double dMs = PushedFrameMs(sPipeline, pxFrame, 0, iFrames);
   gst_buffer_unref(pxFrame);
   for (int i = 1; i <= iFrames; ++i) {
     char szName[64];
