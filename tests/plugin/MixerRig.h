@@ -1,157 +1,302 @@
 #pragma once
-// A mixer between test pads: each input branch is a source pad with a thread of its own, since
-// GstCollectPads holds a push until the mixer takes the buffer, and the output is a sink pad
-// that records buffers and events. All hand-overs go through std::mutex, so that
+// A mixer between test pads. Every input is a source pad of the test, fed from threads of its
+// own (GstCollectPads holds a push until the mixer takes the buffer), one item after the other;
+// the output is a sink pad that records what arrives. Hand-overs go through std::mutex, so that
 // ThreadSanitizer sees them.
 #include <gst/gst.h>
+#include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
-#include <cstdint>
-#include <deque>
-#include <memory>
+#include <functional>
+#include <future>
+#include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "gstqvCudaMemory.h"
 
 namespace QvTest {
 
 constexpr GstClockTime kMs = GST_MSECOND;
+inline constexpr const char* kGray25 = "video/x-raw,format=GRAY8,width=16,height=8,framerate=25/1";
 
 // A small system-memory buffer with the times set.
-GstBuffer* TimedBuffer(GstClockTime uPts, GstClockTime uDuration, size_t uBytes = 16);
+inline GstBuffer* TimedBuffer(GstClockTime uPts, GstClockTime uDuration) {
+  GstBuffer* pxBuffer = gst_buffer_new_allocate(NULL, 16, NULL);
+  gst_buffer_memset(pxBuffer, 0, 0x11, 16);
+  GST_BUFFER_PTS(pxBuffer) = uPts;
+  GST_BUFFER_DURATION(pxBuffer) = uDuration;
+  return pxBuffer;
+}
 
-// A buffer of the device image allocator holding a BayerGR image of the bytes (packed rows).
-GstBuffer* DeviceImageBuffer(int iWidth, int iHeight, const std::vector<uint8_t>& xBytes,
-                             GstClockTime uPts, GstClockTime uDuration);
+inline GstEvent* SegmentFromZero() {
+  GstSegment xSegment;
+  gst_segment_init(&xSegment, GST_FORMAT_TIME);
+  return gst_event_new_segment(&xSegment);
+}
 
-class CMixInput {
- public:
-  // Requests a sink pad of the mixer (by name, or the next free one) and links a source pad.
-  CMixInput(GstElement* pxMixer, const char* szPadName);
-  ~CMixInput();
-  CMixInput(const CMixInput&) = delete;
-  CMixInput& operator=(const CMixInput&) = delete;
-
-  GstPad* MixerPad() const { return m_pxMixerPad; }
-  GstPad* SourcePad() const { return m_pxSrc; }
-
-  // Each call queues one item for the branch's thread and returns its ticket.
-  // Caps, then (unless told not to) a time segment from 0; the ticket is that of the caps.
-  size_t Caps(const char* szCaps, bool bSegment = true);
-  size_t Segment();
-  size_t Event(GstEvent* pxEvent);
-  size_t Eos() { return Event(gst_event_new_eos()); }
-  // Takes the buffer; the branch keeps a reference until it dies, so a test may compare
-  // output buffers with it.
-  size_t Push(GstBuffer* pxBuffer);
-  GstBuffer* Last() const { return m_xKept.empty() ? nullptr : m_xKept.back(); }
-
-  // The result of an item: the flow of a buffer push, OK or ERROR for an event. Returns
-  // GST_FLOW_CUSTOM_ERROR if the item was not through within the time (a kept buffer).
-  GstFlowReturn Wait(size_t uTicket, int iMilliseconds = 10000);
-
-  // What the mixer sent upstream to this branch.
-  std::vector<GstEventType> UpstreamEventTypes();
-
-  // Stops the thread; items not yet pushed are dropped. The mixer must not hold a push.
-  void Stop();
-
- private:
-  void Run();
-  size_t Queue(GstMiniObject* pxItem);
-  static gboolean OnEvent(GstPad* pad, GstObject* parent, GstEvent* event);
-
-  GstElement* m_pxMixer;
-  GstPad* m_pxSrc = nullptr;
-  GstPad* m_pxMixerPad = nullptr;
-  std::vector<GstBuffer*> m_xKept;
-
-  std::mutex m_xMutex;
-  std::condition_variable m_xCond;
-  std::deque<std::pair<size_t, GstMiniObject*>> m_xQueue;
-  std::vector<int> m_xResults;  // -1000 while pending
-  std::vector<GstEvent*> m_xUpstream;
-  bool m_bStop = false;
-  std::thread m_xThread;
-};
-
-// One buffer as it left the mixer.
+// One buffer as it left the mixer: labelled by the name the test gave the input buffer, "pool"
+// for an unwritten selector pool buffer (handed back at once) or "wall" for a wall frame.
 struct SOutBuffer {
-  const GstBuffer* pxIdentity;  // for comparison only; may be gone
-  GstBuffer* pxBuffer;          // a reference, or null for an unwritten selector pool buffer
-  GstClockTime uPts;
-  GstClockTime uDuration;
+  std::string sLabel;
+  GstBuffer* pxBuffer;  // a reference; null for "pool"
+  GstClockTime uPts, uDuration;
   gsize uSize;
-  const GstBufferPool* pxPool;  // for comparison only
-  bool bFromPool;
-  bool bDeviceImage;
   bool bSysMem;
-};
-
-class CMixOutput {
- public:
-  CMixOutput(GstElement* pxMixer, const char* szAllowedCaps);
-  ~CMixOutput();
-  CMixOutput(const CMixOutput&) = delete;
-  CMixOutput& operator=(const CMixOutput&) = delete;
-
-  bool WaitForEos(int iMilliseconds = 10000);
-  bool WaitForBuffers(size_t uCount, int iMilliseconds = 10000);
-  std::vector<SOutBuffer> Buffers();
-  std::vector<GstEvent*> Events();  // borrowed
-  std::vector<GstEventType> EventTypes();
-  // Sends an event upstream into the mixer's source pad.
-  gboolean SendUpstream(GstEvent* pxEvent) { return gst_pad_push_event(m_pxSink, pxEvent); }
-  GstPad* Pad() const { return m_pxSink; }
-  void Release();
-
- private:
-  static GstFlowReturn OnChain(GstPad* pad, GstObject* parent, GstBuffer* buffer);
-  static gboolean OnEvent(GstPad* pad, GstObject* parent, GstEvent* event);
-  static gboolean OnQuery(GstPad* pad, GstObject* parent, GstQuery* query);
-
-  GstPad* m_pxSink = nullptr;
-  GstCaps* m_pxAllowed = nullptr;
-  std::mutex m_xMutex;
-  std::condition_variable m_xCond;
-  std::vector<SOutBuffer> m_xBuffers;
-  std::vector<GstEvent*> m_xEvents;
 };
 
 class CMixerRig {
  public:
-  // szType: the mixer's "type", or null for the default. szAllowedCaps: what downstream
-  // accepts, or null for anything.
-  explicit CMixerRig(const char* szType = nullptr, const char* szAllowedCaps = nullptr);
-  ~CMixerRig();
+  // A mixer of the type (null: the default) in PLAYING with a pad per caps text, each past its
+  // stream start, caps and time segment from 0.
+  CMixerRig(const char* szType, const std::vector<const char*>& xCaps) {
+    m_pxMixer = GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("qvcudamix", NULL)));
+    if (szType) g_object_set(m_pxMixer, "type", szType, NULL);
+    m_pxBus = gst_bus_new();
+    gst_element_set_bus(m_pxMixer, m_pxBus);
+    m_pxSink = NewPad("sink", GST_PAD_SINK);
+    gst_pad_set_chain_function(m_pxSink, OnChain);
+    GstPad* pxSrc = gst_element_get_static_pad(m_pxMixer, "src");
+    EXPECT_EQ(GST_PAD_LINK_OK, gst_pad_link(pxSrc, m_pxSink));
+    gst_object_unref(pxSrc);
+    for (size_t i = 0; i < xCaps.size(); ++i) {
+      m_xPads.push_back({NewPad("src", GST_PAD_SRC),
+                         gst_element_request_pad_simple(m_pxMixer, "sink_%u"),
+                         {},
+                         {}});
+      EXPECT_EQ(GST_PAD_LINK_OK, gst_pad_link(m_xPads[i].pxSrc, m_xPads[i].pxMixerPad));
+    }
+    EXPECT_EQ(GST_STATE_CHANGE_SUCCESS, gst_element_set_state(m_pxMixer, GST_STATE_PLAYING));
+    for (size_t i = 0; i < xCaps.size(); ++i) {
+      const std::string sStream = "camera-" + std::to_string(i);
+      gst_pad_push_event(m_xPads[i].pxSrc, gst_event_new_stream_start(sStream.c_str()));
+      gst_pad_push_event(m_xPads[i].pxSrc, gst_event_new_caps(gst_caps_from_string(xCaps[i])));
+      gst_pad_push_event(m_xPads[i].pxSrc, SegmentFromZero());
+    }
+  }
+  ~CMixerRig() {
+    gst_element_set_state(m_pxMixer, GST_STATE_NULL);  // a push still held returns now
+    Settle();
+    for (SPad& x : m_xPads) {
+      gst_object_unref(x.pxSrc);
+      gst_object_unref(x.pxMixerPad);
+    }
+    for (auto& x : m_xNames) gst_buffer_unref(const_cast<GstBuffer*>(x.first));
+    for (SOutBuffer& x : m_xOut)
+      if (x.pxBuffer) gst_buffer_unref(x.pxBuffer);
+    for (GstEvent* pxEvent : m_xEvents) gst_event_unref(pxEvent);
+    gst_element_set_bus(m_pxMixer, NULL);
+    gst_object_unref(m_pxMixer);
+    gst_object_unref(m_pxSink);
+    for (GstMessage* pxMessage : m_xMessages) gst_message_unref(pxMessage);
+    gst_bus_set_flushing(m_pxBus, TRUE);
+    gst_object_unref(m_pxBus);
+  }
   CMixerRig(const CMixerRig&) = delete;
   CMixerRig& operator=(const CMixerRig&) = delete;
 
-  CMixInput& AddInput(const char* szPadName = nullptr);
-  // All pads of a test come before its first buffer: a pass only waits for pads that exist.
-  std::vector<CMixInput*> AddInputs(size_t uCount);
-  CMixInput& Input(size_t i) { return *m_xInputs.at(i); }
-  void Play();
   GstElement* Mixer() const { return m_pxMixer; }
-  CMixOutput& Out() { return *m_pxOut; }
+  GstPad* MixerPad(size_t i) const { return m_xPads.at(i).pxMixerPad; }
 
-  // The camera selection as the display sends it; the result of the mixer's event handler.
-  gboolean SelectCamera(int iCamera);
-  // Messages the mixer posted so far of the types, oldest first; borrowed.
-  std::vector<GstMessage*> Messages(GstMessageType eTypes);
+  // Pushes on pad i from the test's thread; the name labels the buffer where it comes out.
+  GstFlowReturn PushNow(size_t i, GstBuffer* pxBuffer, const std::string& sName = "") {
+    Name(pxBuffer, sName);
+    return gst_pad_push(m_xPads.at(i).pxSrc, pxBuffer);
+  }
+  // Queues a push or an event on pad i, after what is queued there; Settle waits for all.
+  void Push(size_t i, GstBuffer* pxBuffer, const std::string& sName = "") {
+    Name(pxBuffer, sName);
+    Later(i, [px = m_xPads.at(i).pxSrc, pxBuffer] { gst_pad_push(px, pxBuffer); });
+  }
+  void Event(size_t i, GstEvent* pxEvent) {
+    Later(i, [px = m_xPads.at(i).pxSrc, pxEvent] { gst_pad_push_event(px, pxEvent); });
+  }
+  void Eos(size_t i) { Event(i, gst_event_new_eos()); }
+  // Queues a time line written as "a0@0+40 b50@50 a.": a buffer named a0 on pad a at 0 ms for
+  // 40 ms, one named b50 on pad b at 50 ms without duration, the end of pad a's stream.
+  void Feed(const std::string& sSteps) {
+    std::istringstream xSteps(sSteps);
+    for (std::string s; xSteps >> s;) {
+      const size_t i = s[0] - 'a', uAt = s.find('@'), uPlus = s.find('+');
+      if (uAt == std::string::npos) {
+        Eos(i);
+        continue;
+      }
+      const GstClockTime uPts = std::stoi(s.substr(uAt + 1)) * kMs;
+      Push(i,
+           TimedBuffer(uPts, uPlus == std::string::npos ? GST_CLOCK_TIME_NONE
+                                                        : std::stoi(s.substr(uPlus + 1)) * kMs),
+           s.substr(0, uAt));
+    }
+  }
+  void Settle() {
+    for (SPad& x : m_xPads)
+      if (x.xLast.valid()) x.xLast.wait();
+  }
+
+  // The output: its buffers, events (borrowed) and the waits for them.
+  std::vector<SOutBuffer> Out() {
+    std::lock_guard<std::mutex> xGuard(m_xMutex);
+    return m_xOut;
+  }
+  // The labels of the output buffers, separated by spaces.
+  std::string Labels() {
+    std::string s;
+    for (const SOutBuffer& x : Out()) s += (s.empty() ? "" : " ") + x.sLabel;
+    return s;
+  }
+  std::vector<GstEvent*> Events(GstEventType eType) {
+    std::lock_guard<std::mutex> xGuard(m_xMutex);
+    std::vector<GstEvent*> x;
+    for (GstEvent* px : m_xEvents)
+      if (GST_EVENT_TYPE(px) == eType) x.push_back(px);
+    return x;
+  }
+  GstEventType LastEventType() {
+    std::lock_guard<std::mutex> xGuard(m_xMutex);
+    return GST_EVENT_TYPE(m_xEvents.back());
+  }
+  bool WaitForBuffers(size_t uCount, int iSeconds = 10) {
+    return Wait(iSeconds, [&] { return m_xOut.size() >= uCount; });
+  }
+  bool WaitForEos(int iSeconds = 10) {
+    return Wait(iSeconds, [&] {
+      for (GstEvent* px : m_xEvents)
+        if (GST_EVENT_TYPE(px) == GST_EVENT_EOS) return true;
+      return false;
+    });
+  }
+
+  // Sends an event into the mixer's source pad, as downstream would.
+  gboolean Upstream(GstEvent* pxEvent) { return gst_pad_push_event(m_pxSink, pxEvent); }
+  // The camera selection as the display sends it.
+  gboolean SelectCamera(int iCamera) {
+    return Upstream(
+        gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM,
+                             gst_structure_new("eventStruct", "camID", G_TYPE_INT, iCamera, NULL)));
+  }
+  // What the mixer sent upstream to pad i.
+  std::vector<GstEventType> UpstreamTypes(size_t i) {
+    std::lock_guard<std::mutex> xGuard(m_xMutex);
+    return m_xPads.at(i).xUpstream;
+  }
+  gint64 Position() {
+    gint64 iPosition = -2;
+    GstPad* pxSrc = gst_element_get_static_pad(m_pxMixer, "src");
+    gst_pad_query_position(pxSrc, GST_FORMAT_TIME, &iPosition);
+    gst_object_unref(pxSrc);
+    return iPosition;
+  }
+  // The messages of the type the mixer posted so far, oldest first (borrowed), and the texts of
+  // its errors or warnings.
+  std::vector<GstMessage*> RawMessages(GstMessageType eType) {
+    while (GstMessage* pxMessage = gst_bus_pop(m_pxBus)) m_xMessages.push_back(pxMessage);
+    std::vector<GstMessage*> x;
+    for (GstMessage* pxMessage : m_xMessages)
+      if (GST_MESSAGE_TYPE(pxMessage) == eType) x.push_back(pxMessage);
+    return x;
+  }
+  std::vector<std::string> Messages(GstMessageType eType) {
+    std::vector<std::string> xTexts;
+    for (GstMessage* pxMessage : RawMessages(eType)) {
+      GError* pxError = NULL;
+      eType == GST_MESSAGE_ERROR ? gst_message_parse_error(pxMessage, &pxError, NULL)
+                                 : gst_message_parse_warning(pxMessage, &pxError, NULL);
+      xTexts.push_back(pxError->message);
+      g_error_free(pxError);
+    }
+    return xTexts;
+  }
 
  private:
+  struct SPad {
+    GstPad* pxSrc;
+    GstPad* pxMixerPad;
+    std::shared_future<void> xLast;
+    std::vector<GstEventType> xUpstream;
+  };
+
+  // Pads of ANY caps: a pad without a template answers a caps query with its current caps.
+  GstPad* NewPad(const char* szName, GstPadDirection eDirection) {
+    GstPad* pxPad = gst_pad_new_from_template(
+        gst_pad_template_new(szName, eDirection, GST_PAD_ALWAYS, GST_CAPS_ANY), szName);
+    gst_pad_set_element_private(pxPad, this);
+    gst_pad_set_event_function(pxPad, OnEvent);
+    gst_pad_set_active(pxPad, TRUE);
+    return pxPad;
+  }
+  void Name(GstBuffer* pxBuffer, const std::string& sName) {
+    std::lock_guard<std::mutex> xGuard(m_xMutex);
+    if (!sName.empty()) m_xNames[gst_buffer_ref(pxBuffer)] = sName;
+  }
+  void Later(size_t i, std::function<void()> fnItem) {
+    std::shared_future<void> xBefore = m_xPads.at(i).xLast;
+    m_xPads[i].xLast = std::async(std::launch::async, [xBefore, fnItem] {
+                         if (xBefore.valid()) xBefore.wait();
+                         fnItem();
+                       }).share();
+  }
+  template <class F>
+  bool Wait(int iSeconds, F fnDone) {
+    std::unique_lock<std::mutex> xLock(m_xMutex);
+    return m_xCond.wait_for(xLock, std::chrono::seconds(iSeconds), fnDone);
+  }
+
+  static GstFlowReturn OnChain(GstPad* pad, GstObject*, GstBuffer* buffer) {
+    auto* self = static_cast<CMixerRig*>(gst_pad_get_element_private(pad));
+    GstMemory* pxMemory = gst_buffer_n_memory(buffer) ? gst_buffer_peek_memory(buffer, 0) : NULL;
+    SOutBuffer x{"?",
+                 buffer,
+                 GST_BUFFER_PTS(buffer),
+                 GST_BUFFER_DURATION(buffer),
+                 gst_buffer_get_size(buffer),
+                 pxMemory && gst_memory_is_type(pxMemory, "MySysMem")};
+    const bool bWall = pxMemory && gst_memory_is_type(pxMemory, QV_CUDA_MEMORY_NAME);
+    std::lock_guard<std::mutex> xGuard(self->m_xMutex);
+    auto it = self->m_xNames.find(buffer);
+    if (it != self->m_xNames.end()) {
+      x.sLabel = it->second;
+    } else if (bWall) {
+      x.sLabel = "wall";
+    } else if (buffer->pool) {
+      // Unwritten selector pool buffers go back at once, so that long runs never exhaust the pool.
+      x.sLabel = "pool";
+      x.pxBuffer = nullptr;
+      gst_buffer_unref(buffer);
+    }
+    self->m_xOut.push_back(x);
+    self->m_xCond.notify_all();
+    return GST_FLOW_OK;
+  }
+  static gboolean OnEvent(GstPad* pad, GstObject*, GstEvent* event) {
+    auto* self = static_cast<CMixerRig*>(gst_pad_get_element_private(pad));
+    std::lock_guard<std::mutex> xGuard(self->m_xMutex);
+    if (GST_PAD_IS_SINK(pad)) {
+      self->m_xEvents.push_back(event);
+      self->m_xCond.notify_all();
+      return TRUE;
+    }
+    // Linking sends a reconfigure event of its own; it says nothing about the mixer.
+    if (GST_EVENT_TYPE(event) != GST_EVENT_RECONFIGURE)
+      for (SPad& x : self->m_xPads)
+        if (x.pxSrc == pad) x.xUpstream.push_back(GST_EVENT_TYPE(event));
+    gst_event_unref(event);
+    return TRUE;
+  }
+
   GstElement* m_pxMixer;
   GstBus* m_pxBus;
-  std::unique_ptr<CMixOutput> m_pxOut;
-  std::vector<std::unique_ptr<CMixInput>> m_xInputs;
+  GstPad* m_pxSink;
+  std::vector<SPad> m_xPads;
+  std::mutex m_xMutex;
+  std::condition_variable m_xCond;
+  std::map<const GstBuffer*, std::string> m_xNames;  // each holds a reference
+  std::vector<SOutBuffer> m_xOut;
+  std::vector<GstEvent*> m_xEvents;
   std::vector<GstMessage*> m_xMessages;
 };
-
-// Fields of the first structure of some caps.
-int CapsInt(GstCaps* pxCaps, const char* szField);
-std::string CapsString(GstCaps* pxCaps, const char* szField);
-std::pair<int, int> CapsFraction(GstCaps* pxCaps, const char* szField);
 
 }  // namespace QvTest

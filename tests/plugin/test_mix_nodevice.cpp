@@ -21,14 +21,11 @@ TEST(MixWithoutDevice, EachModeFailsTheFrameWithAnElementError) {
        {std::tuple{"selector", "Cannot get an output buffer.", ""},
         {"videowall", "Cannot make the video wall frame.", "QV_DEVICE=cuda was requested"}}) {
     testing::internal::CaptureStdout();
-    CMixerRig xRig(szType);
-    xRig.Play();
-    CMixInput& xIn = xRig.AddInput();
-    xIn.Caps("video/x-raw,format=GRAY8,width=16,height=8,framerate=25/1");
-    EXPECT_EQ(GST_FLOW_ERROR, xIn.Wait(xIn.Push(TimedBuffer(0, 40 * kMs)))) << szType;
+    CMixerRig x(szType, {kGray25});
+    EXPECT_EQ(GST_FLOW_ERROR, x.PushNow(0, TimedBuffer(0, 40 * kMs))) << szType;
     testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(xRig.Out().Buffers().empty());
-    std::vector<GstMessage*> xErrors = xRig.Messages(GST_MESSAGE_ERROR);
+    EXPECT_TRUE(x.Out().empty());
+    std::vector<GstMessage*> xErrors = x.RawMessages(GST_MESSAGE_ERROR);
     ASSERT_EQ(1u, xErrors.size()) << szType;
     GError* pxError = NULL;
     gchar* szText = NULL;
