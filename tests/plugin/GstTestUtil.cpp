@@ -35,6 +35,50 @@ std::vector<uint8_t> Bytes(const Qv::CQvImage& x) {
   return std::vector<uint8_t>(p, p + x.GetImageBytes());
 }
 
+CPipeline::CPipeline(const std::string& sLaunch, GstState eState)
+    : m_pxPipeline(gst_parse_launch(sLaunch.c_str(), NULL)) {
+  EXPECT_NE(nullptr, m_pxPipeline) << sLaunch;
+  if (m_pxPipeline) gst_element_set_state(m_pxPipeline, eState);
+}
+
+CPipeline::~CPipeline() {
+  if (!m_pxPipeline) return;
+  gst_element_set_state(m_pxPipeline, GST_STATE_NULL);
+  for (GstElement* px : m_xElements) gst_object_unref(px);
+  gst_object_unref(m_pxPipeline);
+}
+
+GstElement* CPipeline::Element(const char* szName) {
+  m_xElements.push_back(gst_bin_get_by_name(GST_BIN(m_pxPipeline), szName));
+  return m_xElements.back();
+}
+
+std::vector<std::string> CPipeline::RunToEnd(GstClockTime uTimeout) {
+  std::vector<std::string> xTexts;
+  GstBus* pxBus = gst_element_get_bus(m_pxPipeline);
+  for (;;) {
+    GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+        pxBus, uTimeout, GstMessageType(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_WARNING));
+    if (!pxMsg) {
+      xTexts.push_back("no end");
+      break;
+    }
+    const GstMessageType eType = GST_MESSAGE_TYPE(pxMsg);
+    GError* pxError = NULL;
+    if (eType != GST_MESSAGE_EOS) {
+      eType == GST_MESSAGE_ERROR ? gst_message_parse_error(pxMsg, &pxError, NULL)
+                                 : gst_message_parse_warning(pxMsg, &pxError, NULL);
+      xTexts.push_back((eType == GST_MESSAGE_ERROR ? "error: " : "warning: ") +
+                       std::string(pxError->message));
+      g_error_free(pxError);
+    }
+    gst_message_unref(pxMsg);
+    if (eType != GST_MESSAGE_WARNING) break;
+  }
+  gst_object_unref(pxBus);
+  return xTexts;
+}
+
 bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected) {
   return CapsAre(pxCaps ? gst_caps_ref(const_cast<GstCaps*>(pxCaps)) : NULL, szExpected);
 }

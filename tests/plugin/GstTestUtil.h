@@ -39,6 +39,25 @@ GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const 
 using CHarness = std::unique_ptr<GstHarness, decltype(&gst_harness_teardown)>;
 CHarness Harness(const char* szElements, const char* szCaps);
 
+// A pipeline from a launch line, set to the state; stopped and freed with the object.
+class CPipeline {
+ public:
+  explicit CPipeline(const std::string& sLaunch, GstState eState = GST_STATE_PLAYING);
+  ~CPipeline();
+  CPipeline(const CPipeline&) = delete;
+  CPipeline& operator=(const CPipeline&) = delete;
+  GstElement* Get() const { return m_pxPipeline; }
+  // An element by name; it lives as long as the pipeline.
+  GstElement* Element(const char* szName);
+  // The texts of the warnings and errors on the bus up to EOS or an error, as "warning: text"
+  // and "error: text"; "no end" where neither came within the time.
+  std::vector<std::string> RunToEnd(GstClockTime uTimeout = 10 * GST_SECOND);
+
+ private:
+  GstElement* m_pxPipeline;
+  std::vector<GstElement*> m_xElements;
+};
+
 // A buffer of one device image memory ("QvCudaDevImage"), as an upload would hand it on.
 GstBuffer* DeviceImageBuffer(const Qv::IImage& xImage);
 // Pushes one buffer, expecting the flow, and returns what the elements printed meanwhile.

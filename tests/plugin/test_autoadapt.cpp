@@ -276,10 +276,8 @@ TEST_F(AutoAdaptTest, PipelineMeasuresEveryUpdateFramesAndPassesTheBytesWithTheM
     const std::string sLaunch = std::string("appsrc name=src format=time caps=\"" CAPS
                                             "\" ! qvautoadapt device=/dev/video2 ") +
                                 r.szProperties + " ! appsink name=sink sync=false";
-    GstElement* pxPipeline = gst_parse_launch(sLaunch.c_str(), NULL);
-    GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
-    GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
-    gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+    QvTest::CPipeline xPipeline(sLaunch);
+    GstElement *pxSrc = xPipeline.Element("src"), *pxSink = xPipeline.Element("sink");
     for (int i = 1; i <= r.iFrames; ++i) {
       const std::vector<uint8_t> xBytes = QvTest::FrameBytes(64, i);
       const SFakeCam x = g_axCams[2];
@@ -296,8 +294,6 @@ TEST_F(AutoAdaptTest, PipelineMeasuresEveryUpdateFramesAndPassesTheBytesWithTheM
     }
     for (const SWrite& w : g_xWrites)  // without flags, what was read goes back
       EXPECT_TRUE(r.iUpdate != 2 || w.iValue == (w.uId == kExposureId ? 100 : 104));
-    gst_element_set_state(pxPipeline, GST_STATE_NULL);
-    for (GstElement* px : {pxSrc, pxSink, pxPipeline}) gst_object_unref(px);
   }
 }
 

@@ -338,11 +338,9 @@ int CountEntries(const char* szDir) {
 // Runs a camera pipeline into the sink; with bClose, the window manager's close button is
 // pressed once the window is up. The bus's error text, empty at a clean end.
 std::string RunPipeline(int iFrames, bool bClose) {
-  const std::string s = "videotestsrc num-buffers=" + std::to_string(iFrames) +
-                        " ! video/x-raw,format=GRAY8,width=64,height=48,framerate=30/1 ! "
-                        "qvcudaupload ! qvcudadebayer ! qvcudasink sync=false";
-  GstElement* pxPipeline = gst_parse_launch(s.c_str(), NULL);
-  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  QvTest::CPipeline xPipeline("videotestsrc num-buffers=" + std::to_string(iFrames) +
+                              " ! video/x-raw,format=GRAY8,width=64,height=48,framerate=30/1 ! "
+                              "qvcudaupload ! qvcudadebayer ! qvcudasink sync=false");
   if (bClose && WaitFor([] { return FindSinkWindows() != 0; })) {
     XEvent x = {};
     x.xclient.type = ClientMessage;
@@ -353,23 +351,14 @@ std::string RunPipeline(int iFrames, bool bClose) {
     XSendEvent(g_pxX, x.xclient.window, False, NoEventMask, &x);
     XSync(g_pxX, False);
   }
-  GstBus* pxBus = gst_element_get_bus(pxPipeline);
-  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
-      pxBus, 20 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  std::string sError = pxMsg ? "" : "no end";
-  GError* pxErr = NULL;
-  if (pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_ERROR)
-    gst_message_parse_error(pxMsg, &pxErr, NULL), sError = pxErr->message, g_error_free(pxErr);
-  if (pxMsg) gst_message_unref(pxMsg);
-  gst_object_unref(pxBus);
-  gst_element_set_state(pxPipeline, GST_STATE_NULL);
-  gst_object_unref(pxPipeline);
-  return sError;
+  std::string sTexts;
+  for (const std::string& s : xPipeline.RunToEnd(20 * GST_SECOND)) sTexts += s;
+  return sTexts;
 }
 
 TEST(DisplayPipeline, EndsCleanlyAndLeavesNoThreadWindowOrConnection) {
   if (!g_pxX) GTEST_SKIP() << "Xvfb is not installed: the display tests need it";
-  EXPECT_EQ("Output window was closed", RunPipeline(100000, true));
+  EXPECT_EQ("error: Output window was closed", RunPipeline(100000, true));
   const int iThreads = CountEntries("/proc/self/task"), iFds = CountEntries("/proc/self/fd");
   testing::internal::CaptureStdout();
   for (int i = 0; i < 10; ++i) ASSERT_EQ("", RunPipeline(i ? 10 : 50, false)) << "run " << i;

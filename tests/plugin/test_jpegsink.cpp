@@ -224,10 +224,8 @@ TEST_F(JpegSinkTest, PipelineFileMatchesTheYPlaneOfTheSameFrame) {
       m_sDir +
       "/p%d.jpg t. ! qvcudayuv ! qvcudadownload ! appsink name=out "
       "sync=false async=false";
-  GstElement* pxPipeline = gst_parse_launch(sLaunch.c_str(), NULL);
-  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "src");
-  GstElement* pxOut = gst_bin_get_by_name(GST_BIN(pxPipeline), "out");
-  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+  QvTest::CPipeline xPipeline(sLaunch);
+  GstElement *pxSrc = xPipeline.Element("src"), *pxOut = xPipeline.Element("out");
   std::vector<uint8_t> xMosaic(64 * 48);
   for (size_t i = 0; i < xMosaic.size(); ++i) xMosaic[i] = uint8_t(20 + (i % 64) * 2 + i / 64);
   GstFlowReturn eFlow = GST_FLOW_ERROR;
@@ -240,8 +238,6 @@ TEST_F(JpegSinkTest, PipelineFileMatchesTheYPlaneOfTheSameFrame) {
   gst_buffer_extract(gst_sample_get_buffer(pxSample), 0, xY.data(), xY.size());
   ExpectJpegClose(DecodedLuma(m_sDir + "/p1.jpg", 64, 48), xY, "pipeline");
   gst_sample_unref(pxSample);
-  gst_element_set_state(pxPipeline, GST_STATE_NULL);
-  for (GstElement* px : {pxSrc, pxOut, pxPipeline}) gst_object_unref(px);
 }
 
 // Plane 0 of a buffer's file: rows land a pitch apart, and nothing is written where the pitch

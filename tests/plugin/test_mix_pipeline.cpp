@@ -18,67 +18,16 @@
 
 namespace {
 
-struct SPipeline {
-  GstElement* pxPipeline = nullptr;
-  GstElement* pxSink = nullptr;
-  std::vector<GstElement*> xSources;
-
-  // iCameras appsrc branches of GRAY8 1280x1338 at 25/1 through the upload into the mixer.
-  SPipeline(const char* szType, int iCameras, const char* szSink = "appsink name=out sync=false") {
-    std::string s = std::string("qvcudamix name=m type=") + szType + " ! " + szSink;
-    for (int i = 0; i < iCameras; ++i)
-      s += " appsrc name=cam" + std::to_string(i) +
-           " format=time caps=video/x-raw,format=GRAY8,width=1280,height=1338,framerate=25/1 ! "
-           "qvcudaupload ! m.sink_" +
-           std::to_string(i);
-    pxPipeline = gst_parse_launch(s.c_str(), NULL);
-    pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "out");
-    for (int i = 0; i < iCameras; ++i)
-      xSources.push_back(
-          gst_bin_get_by_name(GST_BIN(pxPipeline), ("cam" + std::to_string(i)).c_str()));
-    gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
-  }
-  ~SPipeline() {
-    gst_element_set_state(pxPipeline, GST_STATE_NULL);
-    for (GstElement* px : xSources) gst_object_unref(px);
-    if (pxSink) gst_object_unref(pxSink);
-    gst_object_unref(pxPipeline);
-  }
-  // Frame f of camera i: the whole frame holds one value.
-  void Push(size_t i, int iFrame, uint8_t uValue) {
-    GstBuffer* px = QvTest::BufferFromBytes(std::vector<uint8_t>(1280 * 1338, uValue));
-    GST_BUFFER_PTS(px) = iFrame * 40 * GST_MSECOND;
-    GST_BUFFER_DURATION(px) = 40 * GST_MSECOND;
-    gst_app_src_push_buffer(GST_APP_SRC(xSources[i]), px);
-  }
-  void EndAll() {
-    for (GstElement* px : xSources) gst_app_src_end_of_stream(GST_APP_SRC(px));
-  }
-  // Warnings and errors on the bus up to EOS.
-  std::vector<std::string> Messages(GstMessageType eType) {
-    std::vector<std::string> xTexts;
-    GstBus* pxBus = gst_element_get_bus(pxPipeline);
-    while (GstMessage* pxMsg = gst_bus_timed_pop_filtered(
-               pxBus, 10 * GST_SECOND,
-               static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR |
-                                           GST_MESSAGE_WARNING))) {
-      const GstMessageType e = GST_MESSAGE_TYPE(pxMsg);
-      if (e == eType) {
-        GError* pxError = NULL;
-        if (e == GST_MESSAGE_WARNING)
-          gst_message_parse_warning(pxMsg, &pxError, NULL);
-        else
-          gst_message_parse_error(pxMsg, &pxError, NULL);
-        xTexts.push_back(pxError->message);
-        g_error_free(pxError);
-      }
-      gst_message_unref(pxMsg);
-      if (e != GST_MESSAGE_WARNING) break;
-    }
-    gst_object_unref(pxBus);
-    return xTexts;
-  }
-};
+// iCameras appsrc branches of GRAY8 1280x1338 at 25/1 through the upload into the mixer.
+std::string RigLaunch(const char* szType, int iCameras) {
+  std::string s = std::string("qvcudamix name=m type=") + szType + " ! appsink name=out sync=false";
+  for (int i = 0; i < iCameras; ++i)
+    s += " appsrc name=cam" + std::to_string(i) +
+         " format=time caps=video/x-raw,format=GRAY8,width=1280,height=1338,framerate=25/1 ! "
+         "qvcudaupload ! m.sink_" +
+         std::to_string(i);
+  return s;
+}
 
 const uint8_t kValues[] = {20, 60, 100, 140, 180, 220, 250};
 
@@ -99,24 +48,27 @@ TEST(MixPipeline, WallHoldsEveryCamerasTileInEveryFrame) {
   for (int iCameras : {6, 7}) {
     SCOPED_TRACE(std::to_string(iCameras) + " cameras");
     testing::internal::CaptureStdout();
-    SPipeline x("videowall", iCameras);
-    for (int f = 0; f < 3; ++f)
-      for (int i = 0; i < iCameras; ++i) x.Push(i, f, kValues[i]);
-    x.EndAll();
+    QvTest::CPipeline x(RigLaunch("videowall", iCameras));
+    for (int i = 0; i < iCameras; ++i) {
+      GstAppSrc* pxSrc = GST_APP_SRC(x.Element(("cam" + std::to_string(i)).c_str()));
+      for (int f = 0; f < 3; ++f) {
+        GstBuffer* px = QvTest::BufferFromBytes(std::vector<uint8_t>(1280 * 1338, kValues[i]));
+        GST_BUFFER_PTS(px) = f * 40 * GST_MSECOND;
+        GST_BUFFER_DURATION(px) = 40 * GST_MSECOND;
+        gst_app_src_push_buffer(pxSrc, px);
+      }
+      gst_app_src_end_of_stream(pxSrc);
+    }
+    GstAppSink* pxSink = GST_APP_SINK(x.Element("out"));
     for (int f = 0; f < 3; ++f) {
-      GstSample* pxSample = gst_app_sink_try_pull_sample(GST_APP_SINK(x.pxSink), 10 * GST_SECOND);
+      GstSample* pxSample = gst_app_sink_try_pull_sample(pxSink, 10 * GST_SECOND);
       ASSERT_NE(nullptr, pxSample) << "frame " << f;
       EXPECT_EQ(0u, WrongWallPixels(pxSample, iCameras)) << "frame " << f;
       gst_sample_unref(pxSample);
     }
-    const std::vector<std::string> xWarnings = x.Messages(GST_MESSAGE_WARNING);
-    if (iCameras == 7) {
-      EXPECT_EQ(std::vector<std::string>{"The video wall has six tiles; the images of sink_6 and "
-                                         "later pads are left out."},
-                xWarnings);
-    } else {
-      EXPECT_TRUE(xWarnings.empty());
-    }
+    const std::vector<std::string> xSeventh = {
+        "warning: The video wall has six tiles; the images of sink_6 and later pads are left out."};
+    EXPECT_EQ(iCameras == 7 ? xSeventh : std::vector<std::string>{}, x.RunToEnd());
     testing::internal::GetCapturedStdout();
   }
 }
@@ -133,8 +85,8 @@ TEST(MixPipeline, FlushingSeeksNeverStall) {
            " ! video/x-raw,format=GRAY8,width=1280,height=1338,framerate=25/1 ! qvcudaupload ! "
            "m.sink_" +
            std::to_string(i);
-    GstElement* pxPipeline = gst_parse_launch(s.c_str(), NULL);
-    gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+    QvTest::CPipeline x(s);
+    GstElement* pxPipeline = x.Get();
     ASSERT_EQ(GST_STATE_CHANGE_SUCCESS,
               gst_element_get_state(pxPipeline, NULL, NULL, 10 * GST_SECOND));
     int iDone = 0;
@@ -149,8 +101,6 @@ TEST(MixPipeline, FlushingSeeksNeverStall) {
       EXPECT_TRUE(xSeek.get());
     }
     EXPECT_EQ(200, iDone);
-    gst_element_set_state(pxPipeline, GST_STATE_NULL);
-    gst_object_unref(pxPipeline);
     testing::internal::GetCapturedStdout();
   }
 }
@@ -170,19 +120,13 @@ TEST(MixPipeline, PoolsOfSizesNoMixerUsesAreReleased) {
     const std::string s =
         "videotestsrc num-buffers=2 ! video/x-raw,format=RGBA,width=" + std::to_string(1920 + i) +
         ",height=1080,framerate=25/1 ! qvcudamix name=m ! fakesink";
-    GstElement* pxPipeline = gst_parse_launch(s.c_str(), NULL);
-    GstElement* pxMixer = gst_bin_get_by_name(GST_BIN(pxPipeline), "m");
-    gst_element_send_event(pxMixer, gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM,
-                                                         gst_structure_new("eventStruct", "camID",
-                                                                           G_TYPE_INT, 5, NULL)));
-    gst_object_unref(pxMixer);
-    gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
-    GstBus* pxBus = gst_element_get_bus(pxPipeline);
-    gst_message_unref(gst_bus_timed_pop_filtered(
-        pxBus, 10 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
-    gst_object_unref(pxBus);
-    gst_element_set_state(pxPipeline, GST_STATE_NULL);
-    gst_object_unref(pxPipeline);
+    QvTest::CPipeline x(s, GST_STATE_READY);
+    gst_element_send_event(
+        x.Element("m"),
+        gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM,
+                             gst_structure_new("eventStruct", "camID", G_TYPE_INT, 5, NULL)));
+    gst_element_set_state(x.Get(), GST_STATE_PLAYING);
+    EXPECT_EQ(std::vector<std::string>{}, x.RunToEnd());
   }
   testing::internal::GetCapturedStdout();
   // Each pool of 8 MB frames that stayed would hold 16 MB.

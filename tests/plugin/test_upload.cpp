@@ -75,14 +75,11 @@ TEST(Upload, EveryRowLayoutBecomesPackedBayerGR) {
 }
 
 TEST(Upload, OddWidthFromARealSourceKeepsAFlatFrameFlat) {
-  GstElement* pxPipeline = gst_parse_launch(
+  QvTest::CPipeline x(
       "videotestsrc pattern=white num-buffers=1 ! video/x-raw,format=GRAY8,width=641,height=481 ! "
-      "qvcudaupload ! appsink name=out sync=false",
-      NULL);
-  ASSERT_NE(nullptr, pxPipeline);
-  GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "out");
-  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
-  GstSample* pxSample = gst_app_sink_try_pull_sample(GST_APP_SINK(pxSink), 10 * GST_SECOND);
+      "qvcudaupload ! appsink name=out sync=false");
+  GstSample* pxSample =
+      gst_app_sink_try_pull_sample(GST_APP_SINK(x.Element("out")), 10 * GST_SECOND);
   ASSERT_NE(nullptr, pxSample);
   const CQvImage xImage = QvTest::DownloadBufferImage(gst_sample_get_buffer(pxSample));
   ASSERT_EQ(641u * 481u, xImage.GetFormat().GetImageBytes());
@@ -92,9 +89,6 @@ TEST(Upload, OddWidthFromARealSourceKeepsAFlatFrameFlat) {
   EXPECT_GT(p[0], 200);  // white, in videotestsrc's range
   EXPECT_EQ(0u, uOff) << "pixels unlike the first";
   gst_sample_unref(pxSample);
-  gst_element_set_state(pxPipeline, GST_STATE_NULL);
-  gst_object_unref(pxSink);
-  gst_object_unref(pxPipeline);
 }
 
 TEST(Upload, CarriesTimestampsAndCameraMeta) {
@@ -141,57 +135,29 @@ TEST(Upload, ShortBuffersFailTheFrameWithTheirSizes) {
 }
 
 TEST(Upload, AnotherBayerOrderIsReadAsGrbgWithOneWarning) {
-  GstElement* pxPipeline = gst_parse_launch(
+  QvTest::CPipeline x(
       "appsrc name=in caps=video/x-bayer,format=rggb,width=4,height=2,framerate=30/1 ! "
-      "qvcudaupload ! fakesink",
-      NULL);
-  GstElement* pxSrc = gst_bin_get_by_name(GST_BIN(pxPipeline), "in");
-  gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
+      "qvcudaupload ! fakesink");
+  GstAppSrc* pxSrc = GST_APP_SRC(x.Element("in"));
   for (int i = 0; i < 3; ++i)
-    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), QvTest::BufferFromBytes(QvTest::FrameBytes(8, i)));
-  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
-  GstBus* pxBus = gst_element_get_bus(pxPipeline);
-  int iWarnings = 0;
-  while (
-      GstMessage* pxMsg = gst_bus_timed_pop_filtered(
-          pxBus, 10 * GST_SECOND,
-          static_cast<GstMessageType>(GST_MESSAGE_WARNING | GST_MESSAGE_EOS | GST_MESSAGE_ERROR))) {
-    const GstMessageType eType = GST_MESSAGE_TYPE(pxMsg);
-    if (eType == GST_MESSAGE_WARNING) {
-      GError* pxError = NULL;
-      gst_message_parse_warning(pxMsg, &pxError, NULL);
-      EXPECT_STREQ("the mosaic is read as GRBG; the caps say rggb", pxError->message);
-      g_error_free(pxError);
-      ++iWarnings;
-    }
-    gst_message_unref(pxMsg);
-    if (eType != GST_MESSAGE_WARNING) break;
-  }
-  EXPECT_EQ(1, iWarnings);
-  gst_object_unref(pxBus);
-  gst_element_set_state(pxPipeline, GST_STATE_NULL);
-  gst_object_unref(pxSrc);
-  gst_object_unref(pxPipeline);
+    gst_app_src_push_buffer(pxSrc, QvTest::BufferFromBytes(QvTest::FrameBytes(8, i)));
+  gst_app_src_end_of_stream(pxSrc);
+  EXPECT_EQ(std::vector<std::string>{"warning: the mosaic is read as GRBG; the caps say rggb"},
+            x.RunToEnd());
 }
 
 // Runs in a fresh child process: a pipeline forced onto CUDA fails to start with one clear
 // error message on the bus, and nothing crashes.
 [[noreturn]] void StartPipelineForcedOntoCuda() {
   setenv("QV_DEVICE", "cuda", 1);
-  GstElement* pxPipeline = gst_parse_launch(
+  QvTest::CPipeline x(
       "videotestsrc num-buffers=1 ! video/x-raw,format=GRAY8,width=8,height=8 ! qvcudaupload ! "
       "fakesink",
-      NULL);
-  const GstStateChangeReturn eResult = gst_element_set_state(pxPipeline, GST_STATE_PAUSED);
-  GstBus* pxBus = gst_element_get_bus(pxPipeline);
-  GstMessage* pxMsg = gst_bus_timed_pop_filtered(pxBus, GST_SECOND, GST_MESSAGE_ERROR);
-  if (pxMsg) {
-    GError* pxError = NULL;
-    gst_message_parse_error(pxMsg, &pxError, NULL);
-    std::fprintf(stderr, "%s\n", pxError->message);
-    g_error_free(pxError);
-  }
-  std::exit(eResult == GST_STATE_CHANGE_FAILURE && pxMsg ? 3 : 0);
+      GST_STATE_NULL);
+  const bool bFailed = gst_element_set_state(x.Get(), GST_STATE_PAUSED) == GST_STATE_CHANGE_FAILURE;
+  const std::vector<std::string> xTexts = x.RunToEnd(GST_SECOND);
+  for (const std::string& s : xTexts) std::fprintf(stderr, "%s\n", s.c_str());
+  std::exit(bFailed && xTexts.size() == 1 && xTexts[0].rfind("error: ", 0) == 0 ? 3 : 0);
 }
 
 TEST(UploadBackend, ForcingCudaWithoutGpuFailsToStartWithOneClearError) {
