@@ -31,24 +31,32 @@ std::string RigLaunch(const char* szType, int iCameras) {
 
 const uint8_t kValues[] = {20, 60, 100, 140, 180, 220, 250};
 
-// Counts wall pixels unlike the value of their camera's tile.
-size_t WrongWallPixels(GstSample* pxSample, int iTiles) {
-  const Qv::CQvImage xWall = QvTest::DownloadBufferImage(gst_sample_get_buffer(pxSample));
-  if (xWall.GetFormat().GetImageBytes() != 3840u * 2676u) return SIZE_MAX;
-  const auto* p = static_cast<const uint8_t*>(xWall.GetDataPtr());
+// Counts output pixels unlike the value of their camera: in every wall tile, or in the whole
+// frame of camera 2, the selector's choice.
+size_t WrongPixels(GstSample* pxSample, bool bWall, int iCameras) {
+  const Qv::CQvImage xOut = QvTest::DownloadBufferImage(gst_sample_get_buffer(pxSample));
+  const size_t uW = bWall ? 3840 : 1280, uH = bWall ? 2676 : 1338;
+  if (xOut.GetFormat().GetImageBytes() != uW * uH) return SIZE_MAX;
+  const auto* p = static_cast<const uint8_t*>(xOut.GetDataPtr());
   size_t uWrong = 0;
-  for (int t = 0; t < iTiles && t < 6; ++t)
-    for (size_t y = 0; y < 1338; ++y)
-      for (size_t x = 0; x < 1280; ++x)
-        uWrong += p[((t / 3) * 1338 + y) * 3840 + (t % 3) * 1280 + x] != kValues[t];
+  for (size_t y = 0; y < uH; ++y)
+    for (size_t x = 0; x < uW; ++x) {
+      const size_t t = bWall ? y / 1338 * 3 + x / 1280 : 2;
+      uWrong += t < size_t(iCameras) && p[y * uW + x] != kValues[t];
+    }
   return uWrong;
 }
 
-TEST(MixPipeline, WallHoldsEveryCamerasTileInEveryFrame) {
-  for (int iCameras : {6, 7}) {
-    SCOPED_TRACE(std::to_string(iCameras) + " cameras");
+TEST(MixPipeline, WallHoldsEveryCamerasTileAndTheSelectorItsCameraInEveryFrame) {
+  for (auto [szType, iCameras] : {std::pair{"videowall", 6}, {"videowall", 7}, {"selector", 3}}) {
+    SCOPED_TRACE(std::string(szType) + ", " + std::to_string(iCameras) + " cameras");
+    const bool bWall = szType[0] == 'v';
     testing::internal::CaptureStdout();
-    QvTest::CPipeline x(RigLaunch("videowall", iCameras));
+    QvTest::CPipeline x(RigLaunch(szType, iCameras));
+    gst_element_send_event(
+        x.Element("m"),
+        gst_event_new_custom(GST_EVENT_CUSTOM_UPSTREAM,
+                             gst_structure_new("eventStruct", "camID", G_TYPE_INT, 2, NULL)));
     for (int i = 0; i < iCameras; ++i) {
       GstAppSrc* pxSrc = GST_APP_SRC(x.Element(("cam" + std::to_string(i)).c_str()));
       for (int f = 0; f < 3; ++f) {
@@ -63,7 +71,7 @@ TEST(MixPipeline, WallHoldsEveryCamerasTileInEveryFrame) {
     for (int f = 0; f < 3; ++f) {
       GstSample* pxSample = gst_app_sink_try_pull_sample(pxSink, 10 * GST_SECOND);
       ASSERT_NE(nullptr, pxSample) << "frame " << f;
-      EXPECT_EQ(0u, WrongWallPixels(pxSample, iCameras)) << "frame " << f;
+      EXPECT_EQ(0u, WrongPixels(pxSample, bWall, iCameras)) << "frame " << f;
       gst_sample_unref(pxSample);
     }
     const std::vector<std::string> xSeventh = {
