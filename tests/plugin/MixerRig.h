@@ -32,6 +32,13 @@ inline GstBuffer* TimedBuffer(GstClockTime uPts, GstClockTime uDuration) {
   return pxBuffer;
 }
 
+inline GstEvent* CapsEvent(const char* szCaps) {
+  GstCaps* pxCaps = gst_caps_from_string(szCaps);
+  GstEvent* pxEvent = gst_event_new_caps(pxCaps);
+  gst_caps_unref(pxCaps);
+  return pxEvent;
+}
+
 inline GstEvent* SegmentFromZero() {
   GstSegment xSegment;
   gst_segment_init(&xSegment, GST_FORMAT_TIME);
@@ -73,7 +80,7 @@ class CMixerRig {
     for (size_t i = 0; i < xCaps.size(); ++i) {
       const std::string sStream = "camera-" + std::to_string(i);
       gst_pad_push_event(m_xPads[i].pxSrc, gst_event_new_stream_start(sStream.c_str()));
-      gst_pad_push_event(m_xPads[i].pxSrc, gst_event_new_caps(gst_caps_from_string(xCaps[i])));
+      gst_pad_push_event(m_xPads[i].pxSrc, CapsEvent(xCaps[i]));
       gst_pad_push_event(m_xPads[i].pxSrc, SegmentFromZero());
     }
   }
@@ -97,9 +104,6 @@ class CMixerRig {
   }
   CMixerRig(const CMixerRig&) = delete;
   CMixerRig& operator=(const CMixerRig&) = delete;
-
-  GstElement* Mixer() const { return m_pxMixer; }
-  GstPad* MixerPad(size_t i) const { return m_xPads.at(i).pxMixerPad; }
 
   // Pushes on pad i from the test's thread; the name labels the buffer where it comes out.
   GstFlowReturn PushNow(size_t i, GstBuffer* pxBuffer, const std::string& sName = "") {

@@ -111,8 +111,7 @@ TEST(MixTimeline, IntervalsEndOnTheRoundedNanosecondAndARateChangeGoesOnWithoutA
   for (int i = 0; i < 3; ++i) x.PushNow(0, TimedBuffer(i * 40 * kMs, 40 * kMs));
   EXPECT_EQ(static_cast<gint64>(120 * kMs), x.Position());
   // At 50/1 the next interval ends one 20 ms frame after 120 ms, not at 4 x 20 ms.
-  x.Event(0, gst_event_new_caps(gst_caps_from_string(
-                 "video/x-raw,format=GRAY8,width=16,height=8,framerate=50/1")));
+  x.Event(0, CapsEvent("video/x-raw,format=GRAY8,width=16,height=8,framerate=50/1"));
   x.Push(0, TimedBuffer(120 * kMs, 20 * kMs));
   x.Settle();
   EXPECT_EQ(static_cast<gint64>(140 * kMs), x.Position());
