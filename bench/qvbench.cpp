@@ -130,18 +130,9 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
   gst_app_src_push_buffer(GST_APP_SRC(pxSrc), pxFirst);
 
   GstCaps* pxCaps = gst_caps_from_string(szCaps);
-  GstBuffer* pxFrame = NULL;
-  const bool bUpload = g_str_has_prefix(szChain, "qvcudaupload");
-  for (int iTry = 0; bUpload && iTry < 100 && !pxFrame; ++iTry) {
-    GstBufferPool* pxPool = QvTools::ProposedPool(pxFirstElement, pxCaps);
-    if (pxPool) {
-      if (gst_buffer_pool_acquire_buffer(pxPool, &pxFrame, NULL) != GST_FLOW_OK) pxFrame = NULL;
-      gst_buffer_pool_set_active(pxPool, FALSE);
-      gst_object_unref(pxPool);
-    } else {
-      g_usleep(10000);  // not negotiated yet
-    }
-  }
+  GstBuffer* pxFrame = g_str_has_prefix(szChain, "qvcudaupload")
+                           ? QvTools::BufferOfProposedPool(pxFirstElement, pxCaps, 100)
+                           : NULL;
   xResult.bPinned = pxFrame != NULL;
   if (!pxFrame) pxFrame = gst_buffer_new_allocate(NULL, xScene.size(), NULL);
   gst_buffer_fill(pxFrame, 0, xScene.data(), xScene.size());
@@ -541,17 +532,7 @@ SRigResult RunRig(bool bWall, int iWidth, int iHeight, int iSets) {
   GstCaps* pxCaps = gst_caps_from_string(szCaps);
   int iPinned = 0;
   for (int i = 0; i < kRigCameras; ++i) {
-    GstBuffer* pxFrame = NULL;
-    for (int iTry = 0; iTry < 500 && !pxFrame; ++iTry) {
-      GstBufferPool* pxPool = QvTools::ProposedPool(xUploads[i], pxCaps);
-      if (pxPool) {
-        if (gst_buffer_pool_acquire_buffer(pxPool, &pxFrame, NULL) != GST_FLOW_OK) pxFrame = NULL;
-        gst_buffer_pool_set_active(pxPool, FALSE);
-        gst_object_unref(pxPool);
-      } else {
-        g_usleep(10000);  // not negotiated yet
-      }
-    }
+    GstBuffer* pxFrame = QvTools::BufferOfProposedPool(xUploads[i], pxCaps, 500);
     if (!pxFrame) continue;
     const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, i);
     gst_buffer_fill(pxFrame, 0, xScene.data(), xScene.size());

@@ -84,4 +84,20 @@ GstBufferPool* ProposedPool(GstElement* pxElement, GstCaps* pxCaps) {
   return pxPool;
 }
 
+GstBuffer* BufferOfProposedPool(GstElement* pxElement, GstCaps* pxCaps, int iTries) {
+  for (int iTry = 0; iTry < iTries; ++iTry) {
+    GstBufferPool* pxPool = ProposedPool(pxElement, pxCaps);
+    if (!pxPool) {
+      g_usleep(10000);  // not negotiated yet
+      continue;
+    }
+    GstBuffer* pxBuffer = NULL;
+    if (gst_buffer_pool_acquire_buffer(pxPool, &pxBuffer, NULL) != GST_FLOW_OK) pxBuffer = NULL;
+    gst_buffer_pool_set_active(pxPool, FALSE);
+    gst_object_unref(pxPool);
+    if (pxBuffer) return pxBuffer;
+  }
+  return NULL;
+}
+
 }  // namespace QvTools

@@ -17,4 +17,8 @@ std::vector<uint8_t> MakeGrbgScene(int iWidth, int iHeight, int iFrame, int iSce
 // pool it proposes (a pinned "MySysMem" pool for the upload element), or null.
 GstBufferPool* ProposedPool(GstElement* pxElement, GstCaps* pxCaps);
 
+// One buffer of the pool the element proposes for the caps, asked for every 10 ms up to iTries
+// times while the element is not negotiated yet; null if none came. The pool itself goes.
+GstBuffer* BufferOfProposedPool(GstElement* pxElement, GstCaps* pxCaps, int iTries);
+
 }  // namespace QvTools
