@@ -64,14 +64,8 @@ std::vector<std::string> CPipeline::RunToEnd(GstClockTime uTimeout) {
       break;
     }
     const GstMessageType eType = GST_MESSAGE_TYPE(pxMsg);
-    GError* pxError = NULL;
-    if (eType != GST_MESSAGE_EOS) {
-      eType == GST_MESSAGE_ERROR ? gst_message_parse_error(pxMsg, &pxError, NULL)
-                                 : gst_message_parse_warning(pxMsg, &pxError, NULL);
-      xTexts.push_back((eType == GST_MESSAGE_ERROR ? "error: " : "warning: ") +
-                       std::string(pxError->message));
-      g_error_free(pxError);
-    }
+    if (eType != GST_MESSAGE_EOS)
+      xTexts.push_back((eType == GST_MESSAGE_ERROR ? "error: " : "warning: ") + MessageText(pxMsg));
     gst_message_unref(pxMsg);
     if (eType != GST_MESSAGE_WARNING) break;
   }

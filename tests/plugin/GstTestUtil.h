@@ -39,6 +39,12 @@ GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const 
 using CHarness = std::unique_ptr<GstHarness, decltype(&gst_harness_teardown)>;
 CHarness Harness(const char* szElements, const char* szCaps);
 
+// The text of an error or warning message: its GError's message.
+inline std::string MessageText(GstMessage* pxMessage) {
+  const GValue* pxError = gst_structure_get_value(gst_message_get_structure(pxMessage), "gerror");
+  return static_cast<const GError*>(g_value_get_boxed(pxError))->message;
+}
+
 // A pipeline from a launch line, set to the state; stopped and freed with the object.
 class CPipeline {
  public:

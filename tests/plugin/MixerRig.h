@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "GstTestUtil.h"
 #include "gstqvCudaMemory.h"
 
 namespace QvTest {
@@ -205,13 +206,7 @@ class CMixerRig {
   }
   std::vector<std::string> Messages(GstMessageType eType) {
     std::vector<std::string> xTexts;
-    for (GstMessage* pxMessage : RawMessages(eType)) {
-      GError* pxError = NULL;
-      eType == GST_MESSAGE_ERROR ? gst_message_parse_error(pxMessage, &pxError, NULL)
-                                 : gst_message_parse_warning(pxMessage, &pxError, NULL);
-      xTexts.push_back(pxError->message);
-      g_error_free(pxError);
-    }
+    for (GstMessage* pxMessage : RawMessages(eType)) xTexts.push_back(MessageText(pxMessage));
     return xTexts;
   }
 

@@ -114,8 +114,7 @@ class JpegSinkTest : public ::testing::Test {
     std::string s;
     while (GstMessage* pxMsg = gst_bus_pop_filtered(
                m_pxBus, GstMessageType(GST_MESSAGE_WARNING | GST_MESSAGE_ERROR))) {
-      const GValue* pxError = gst_structure_get_value(gst_message_get_structure(pxMsg), "gerror");
-      s += std::string(static_cast<GError*>(g_value_get_boxed(pxError))->message) + "\n";
+      s += QvTest::MessageText(pxMsg) + "\n";
       gst_message_unref(pxMsg);
     }
     return s;
