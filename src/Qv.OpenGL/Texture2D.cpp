@@ -1,5 +1,7 @@
 #include "Texture2D.h"
 
+#include "QvMessage.h"
+
 // GLEW before any other GL header.
 #include <GL/glew.h>
 
@@ -235,7 +237,7 @@ void CTexture2D::BuildStorage(const CQvImageFormat& format, bool mipmap, bool no
       // A GL that isn't on the CUDA device (Mesa under Xvfb), or a format CUDA can't share
       // (three channels): the picture still comes, through host memory.
       if (!bToldHostUpload)
-        std::printf("texture: frames go through host memory: %s\n", e.GetMessageText());
+        Qv::OperatorMessage("texture: frames go through host memory: %s\n", e.GetMessageText());
       bToldHostUpload = true;
     }
   }

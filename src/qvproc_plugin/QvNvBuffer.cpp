@@ -4,11 +4,11 @@
 #include <sys/stat.h>
 
 #include <cstring>
-#include <iostream>
 
 #include "QvDevice.h"
 #include "QvException.h"
 #include "QvImageFormat.h"
+#include "QvMessage.h"
 
 namespace {
 
@@ -126,7 +126,7 @@ cudaError_t CopyYUVToNvBuffer(Qv::CQvDeviceImage2D* image, int fd, _NvBufferPara
     return cudaErrorInvalidValue;
   void* pMapped = mmap(nullptr, uExtent, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (pMapped == MAP_FAILED) return cudaErrorInvalidValue;
-  std::cout << "memcpy Y" << uRow * uRows << " bytes " << std::endl;
+  Qv::OperatorMessage("memcpy Y%zu bytes \n", static_cast<size_t>(uRow * uRows));
   cudaError_t eResult = cudaSuccess;
   if (Qv::Device::IsCuda()) {
     eResult = cudaMemcpy2D(pMapped, uPitch, image->GetDevicePointer(), image->GetDevicePitch(),

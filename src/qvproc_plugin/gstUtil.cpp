@@ -5,6 +5,7 @@
 #include <opencv2/core/cuda.hpp>
 
 #include "QvDevice.h"
+#include "QvMessage.h"
 #include "QvPixel.h"
 #include "gstqvCudaMemory.h"
 #include "plugin.h"
@@ -63,15 +64,14 @@ void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf) {
 }
 
 void HandleException(const Qv::IException& exception, GstElement* element) {
-  std::fputs("exception catched: \n", stdout);
-  std::fflush(stdout);
+  Qv::OperatorMessage("exception catched: \n");
   GString* pxText = g_string_new(NULL);
   GString* pxDebug = g_string_new(NULL);
   for (const Qv::IException* pxEx = &exception; pxEx; pxEx = pxEx->GetInnerException()) {
     const char* szFile = pxEx->GetFile();
     const char* szText = pxEx->GetMessageText();
-    std::printf("%s : %d  :   %s\n", szFile ? szFile : "", pxEx->GetLine(), szText ? szText : "");
-    std::fflush(stdout);
+    Qv::OperatorMessage("%s : %d  :   %s\n", szFile ? szFile : "", pxEx->GetLine(),
+                        szText ? szText : "");
     if (szText && *szText) g_string_append_printf(pxText, "%s%s", pxText->len ? ": " : "", szText);
     g_string_append_printf(pxDebug, "%s%s:%d: %s", pxDebug->len ? "\n" : "", szFile ? szFile : "",
                            pxEx->GetLine(), szText ? szText : "");

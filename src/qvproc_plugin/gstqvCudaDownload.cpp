@@ -20,6 +20,7 @@
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
 #include "QvImage.h"
+#include "QvMessage.h"
 #include "gstBufferMap.h"
 #include "gstUtil.h"
 #include "gstqvSysMemAlloc.h"
@@ -343,8 +344,7 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
   GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(trans);
   GstVideoFrame xFrame;
   if (!gst_video_frame_map(&xFrame, &self->videoInfo, outbuf, GST_MAP_WRITE)) {
-    std::printf("MAPPING FAILED !!!\n");
-    std::fflush(stdout);
+    Qv::OperatorMessage("MAPPING FAILED !!!\n");
     GST_ELEMENT_WARNING(trans, STREAM, FAILED, ("Cannot map the output frame."),
                         ("the frame goes on unwritten"));
     return GST_FLOW_OK;
@@ -355,8 +355,7 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
     Qv::CQvDeviceImage2D* pxImage = DeviceImageOfBuffer(inbuf, xIn.Data());
     if (!pxImage) QV_THROW("No device image in meta found");
     if (pxImage->GetFormat().ePixelType != Qv::EPixelType::Lum) {
-      std::printf("download format: %s\n", pxImage->GetFormat().ToString().ToCString());
-      std::fflush(stdout);
+      Qv::OperatorMessage("download format: %s\n", pxImage->GetFormat().ToString().ToCString());
       Qv::CQvImage xHost;
       pxImage->CopyTo(xHost);
       copyQvImageToGSTFrame(xHost, &xFrame);

@@ -20,7 +20,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <string>
 
 #include "QvCudaCompYUV.h"
@@ -28,6 +27,7 @@
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
 #include "QvJpegEncoder.h"
+#include "QvMessage.h"
 #include "gstBufferMap.h"
 #include "gstUtil.h"
 
@@ -140,7 +140,7 @@ static void gst_cuda_jpeg_sink_finalize(GObject* object) {
   self->xBufferShim.Destroy();
   delete[] self->pJpegData;
   self->pJpegData = nullptr;
-  std::cout << " sink finalize " << std::endl;
+  Qv::OperatorMessage(" sink finalize \n");
   delete self->pxEncoder;
   delete self->pxYuvComp;
   if (self->pxStream) {
@@ -288,7 +288,8 @@ static void gst_cuda_jpeg_sink_count_frame(GstQvCudaJpegSink* self) {
   if (self->uFrames % FPS_EVERY == 0) {
     const float fFps = 1000.0f / (static_cast<float>(xTimes.back() - xTimes.front()) /
                                   (static_cast<float>(xTimes.size()) - 1.0f));
-    std::cout << "FPS: " << fFps << std::endl;
+    // %g is the default stream format of a float.
+    Qv::OperatorMessage("FPS: %g\n", static_cast<double>(fFps));
   }
   if (xTimes.size() > FPS_EVERY) xTimes.pop_front();
 }
@@ -351,7 +352,7 @@ static GstFlowReturn gst_cuda_jpeg_sink_render(GstBaseSink* sink, GstBuffer* buf
     self->uJpegSize = self->uJpegCapacity;
   } catch (const Qv::CQvException& e) {
     self->uJpegSize = self->uJpegCapacity;
-    std::cout << e.ToString(true).ToCString() << std::endl;
+    Qv::OperatorMessage("%s\n", e.ToString(true).ToCString());
     GST_ELEMENT_WARNING(self, STREAM, FAILED,
                         ("frame %u is lost: %s", self->uFrames, e.GetMessageText()), (NULL));
   }

@@ -22,6 +22,7 @@
 
 #include "QvDevice.h"
 #include "QvException.h"
+#include "QvMessage.h"
 #include "gstqvCudaMixPriv.h"
 #include "gstqvSysMemAlloc.h"
 
@@ -185,11 +186,11 @@ static void gst_cudamixer2_set_property(GObject* object, guint prop_id, const GV
   switch (prop_id) {
     case PROP_TYPE: {
       const gchar* szType = g_value_get_string(value);
-      std::printf("Setting Mixer Type to: %s\n", szType ? szType : "(null)");
+      Qv::OperatorMessage("Setting Mixer Type to: %s\n", szType ? szType : "(null)");
       if (g_strcmp0(szType, "selector") == 0) {
         g_atomic_int_set(&self->mix_type, MixType_Selector);
       } else if (g_strcmp0(szType, "videowall") == 0) {
-        std::printf("Setting Mixer Type to: MixType_VideoWall \n");
+        Qv::OperatorMessage("Setting Mixer Type to: MixType_VideoWall \n");
         g_atomic_int_set(&self->mix_type, MixType_VideoWall);
       } else {
         g_warning(
@@ -198,7 +199,6 @@ static void gst_cudamixer2_set_property(GObject* object, guint prop_id, const GV
             GST_OBJECT_NAME(self), szType ? szType : "(null)",
             g_atomic_int_get(&self->mix_type) == MixType_Selector ? "selector" : "videowall");
       }
-      std::fflush(stdout);
       break;
     }
     default:
@@ -997,8 +997,7 @@ static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer
 
   GST_CUDA_MIXER2_LOCK(self);
   if (self->newseg_pending) {
-    std::printf("Sending NEWSEGMENT even\n");
-    std::fflush(stdout);
+    Qv::OperatorMessage("Sending NEWSEGMENT even\n");
     GST_DEBUG_OBJECT(self, "Sending NEWSEGMENT event");
     GstEvent* pxSegment = gst_event_new_segment(&self->segment);
     GST_CUDA_MIXER2_UNLOCK(self);
@@ -1056,8 +1055,7 @@ static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer
   GstFlowReturn eResult = GST_FLOW_OK;
   const GstClockTimeDiff iJitter = gst_cudamixer2_do_qos(self, uStart);
   if (iJitter > 0) {
-    std::printf("Have jitter, dropping frames!\n");
-    std::fflush(stdout);
+    Qv::OperatorMessage("Have jitter, dropping frames!\n");
     GST_CUDA_MIXER2_OBJECT_LOCK(self);
     const guint64 uDropped = ++self->qos_dropped;
     const guint64 uProcessed = self->qos_processed;

@@ -23,6 +23,7 @@
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
 #include "QvImage.h"
+#include "QvMessage.h"
 #include "gstBufferMap.h"
 #include "gstUtil.h"
 
@@ -89,8 +90,7 @@ static void gst_cuda_normalize_load_reference(GstQvCudaNormalize* self) {
     Qv::CQvImage::ConvertType(xRgba, xFile, Qv::EPixelType::RGBA, Qv::EDataType::UByte, true);
     self->grayImage = new Qv::CQvDeviceImage2D(xRgba);
   } catch (const Qv::CQvException& e) {
-    std::printf("%s\n", e.ToString(true).ToCString());
-    std::fflush(stdout);
+    Qv::OperatorMessage("%s\n", e.ToString(true).ToCString());
     // No bus yet at instance init: the element's log says it, and every frame fails with it.
     GST_WARNING_OBJECT(self, "no gray reference image from '%s': %s", self->grayPath,
                        e.GetMessageText());

@@ -17,9 +17,9 @@
 
 #include <chrono>
 #include <cstdio>
-#include <iostream>
 
 #include "QvException.h"
+#include "QvMessage.h"
 #include "gstBufferMap.h"
 #include "gstUtil.h"
 #include "nativewindow_glx.h"
@@ -153,7 +153,8 @@ static void gst_cuda_sink_count_frame(GstQvCudaSink* self) {
   if (self->uFrames % FPS_EVERY == 0) {
     const float fSpan = static_cast<float>(xTimes.back() - xTimes.front());
     const float fFps = 1000.0f / (fSpan / (static_cast<float>(xTimes.size()) - 1.0f));
-    std::cout << "FPS: " << fFps << std::endl;
+    // %g is the default stream format of a float.
+    Qv::OperatorMessage("FPS: %g\n", static_cast<double>(fFps));
   }
   if (xTimes.size() > MAX_TIMES) xTimes.pop_front();
 }
@@ -181,14 +182,12 @@ static GstFlowReturn gst_cuda_sink_render(GstBaseSink* sink, GstBuffer* buffer) 
     // Memory of any other allocator is refused rather than taken for an image.
     Qv::CQvDeviceImage2D* pxImage = DeviceImageOfBuffer(buffer, xMap.Data());
     if (!pxImage) {
-      std::printf("No device image embedded\n");
-      std::fflush(stdout);
+      Qv::OperatorMessage("No device image embedded\n");
     } else {
       self->pxWindow->UpdateTextureThreaded(pxImage);
     }
   } catch (const Qv::CQvException& e) {
-    std::printf("%s\n", e.ToString(true).ToCString());
-    std::fflush(stdout);
+    Qv::OperatorMessage("%s\n", e.ToString(true).ToCString());
   }
   return GST_FLOW_OK;
 }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "QvMessage.h"
 #include "nativewindow_glx.h"
 
 // clang-format off
@@ -19,20 +20,17 @@ const int aiVideoDevice[6] = {0, 4, 1, 3, 2, 5};
 }  // namespace
 
 std::string execCommand(std::string command) {
-  std::printf(" execute command: %s\n", command.c_str());
-  std::fflush(stdout);
+  Qv::OperatorMessage(" execute command: %s\n", command.c_str());
   FILE* pxPipe = popen(command.c_str(), "r");
   if (!pxPipe) {
-    std::printf("Failed to run command\n");
-    std::fflush(stdout);
+    Qv::OperatorMessage("Failed to run command\n");
     return std::string();
   }
   std::string sResult;
   char szLine[1024];
   while (std::fgets(szLine, 1023, pxPipe)) sResult = szLine;
   pclose(pxPipe);
-  std::printf(" got result %s\n", sResult.c_str());
-  std::fflush(stdout);
+  Qv::OperatorMessage(" got result %s\n", sResult.c_str());
   return sResult;
 }
 
@@ -43,9 +41,8 @@ void CNativeWindowX11GLX::IncreaseIOCTL_Value(int camera, int delta, std::string
   // A missing tool or camera answers with nothing, or with something else than the control.
   const std::string sPrefix = control + ": ";
   if (sAnswer.compare(0, sPrefix.size(), sPrefix) != 0) {
-    std::printf(" %s of %s left as it is: the answer holds no \"%s\"\n", control.c_str(),
-                sDevice.c_str(), sPrefix.c_str());
-    std::fflush(stdout);
+    Qv::OperatorMessage(" %s of %s left as it is: the answer holds no \"%s\"\n", control.c_str(),
+                        sDevice.c_str(), sPrefix.c_str());
     return;
   }
   const int iValue =

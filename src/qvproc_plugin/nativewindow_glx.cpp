@@ -5,6 +5,7 @@
 
 #include "QvDevice.h"
 #include "QvException.h"
+#include "QvMessage.h"
 #include "Texture2D.h"
 
 // clang-format off
@@ -62,9 +63,8 @@ GLuint CompileShader(GLenum eKind, const char* szSource, const char* szFailure) 
   if (!iStatus) {
     char szLog[2048] = {};
     glGetShaderInfoLog(uShader, sizeof(szLog), nullptr, szLog);
-    std::printf("%s", szFailure);
-    std::printf("%s\n", szLog);
-    std::fflush(stdout);
+    Qv::OperatorMessage("%s", szFailure);
+    Qv::OperatorMessage("%s\n", szLog);
     std::exit(1);
   }
   return uShader;
@@ -107,22 +107,19 @@ int CNativeWindowX11GLX::CreateContext() {
   XInitThreads();
   Display* pxDpy = XOpenDisplay(nullptr);
   if (!pxDpy) {
-    std::printf("\n\tcannot connect to X server\n\n");
-    std::fflush(stdout);
+    Qv::OperatorMessage("\n\tcannot connect to X server\n\n");
     std::exit(0);
   }
   pxDisplay = reinterpret_cast<_XDisplay*>(pxDpy);
-  std::printf("XOpenDisplay success: \n");
+  Qv::OperatorMessage("XOpenDisplay success: \n");
   GLint aiAttributes[] = {GLX_RGBA, None};
   XVisualInfo* pxVi = glXChooseVisual(pxDpy, DefaultScreen(pxDpy), aiAttributes);
   if (!pxVi) {
-    std::printf("\n\tno appropriate visual found\n\n");
-    std::fflush(stdout);
+    Qv::OperatorMessage("\n\tno appropriate visual found\n\n");
     std::exit(0);
   }
   pxVisual = pxVi;
-  std::printf("\n\tvisual %p selected\n", reinterpret_cast<void*>(pxVi->visualid));
-  std::fflush(stdout);
+  Qv::OperatorMessage("\n\tvisual %p selected\n", reinterpret_cast<void*>(pxVi->visualid));
   const Window xRoot = RootWindow(pxDpy, pxVi->screen);
   xColormap = XCreateColormap(pxDpy, xRoot, pxVi->visual, AllocNone);
   XSetWindowAttributes xAttributes = {};
@@ -138,7 +135,7 @@ int CNativeWindowX11GLX::CreateContext() {
   XStoreName(pxDpy, xWindow, "QvCudaSink");
   xContext = reinterpret_cast<__GLXcontextRec*>(glXCreateContext(pxDpy, pxVi, nullptr, True));
   if (!glXMakeCurrent(pxDpy, xWindow, AsContext(xContext)))
-    std::printf("Cannot make context current on create context");
+    Qv::OperatorMessage("Cannot make context current on create context");
   ReshapeWindow(kWindowWidth, kWindowHeight);
   XSelectInput(pxDpy, xWindow,
                KeyPressMask | EnterWindowMask | LeaveWindowMask | PointerMotionMask |
@@ -152,17 +149,15 @@ int CNativeWindowX11GLX::CreateNativeWindow(int /*x*/, int /*y*/, int width, int
   const GLenum eGlew = glewInit();
   if (eGlew != GLEW_OK)
     std::fprintf(stderr, "Error: %s\n", reinterpret_cast<const char*>(glewGetErrorString(eGlew)));
-  std::printf("Status: Using GLEW %s\n",
-              reinterpret_cast<const char*>(glewGetString(GLEW_VERSION)));
-  std::fflush(stdout);
+  Qv::OperatorMessage("Status: Using GLEW %s\n",
+                      reinterpret_cast<const char*>(glewGetString(GLEW_VERSION)));
   CreateShaders();
   ReshapeWindow(width, height);
   pxTexture = new Qv::OpenGL::CTexture2D();
   try {
     pxStream = Qv::Device::CreateStream();
   } catch (const Qv::CQvException& e) {
-    std::printf("%s\n", e.ToString(true).ToCString());
-    std::fflush(stdout);
+    Qv::OperatorMessage("%s\n", e.ToString(true).ToCString());
     return -1;
   }
   return 0;
@@ -182,8 +177,7 @@ void CNativeWindowX11GLX::CreateShaders() {
   if (!iStatus) {
     char szLog[1000] = {};
     glGetProgramInfoLog(uProgram, sizeof(szLog), nullptr, szLog);
-    std::printf("Error: linking:\n%s\n", szLog);
-    std::fflush(stdout);
+    Qv::OperatorMessage("Error: linking:\n%s\n", szLog);
     std::exit(1);
   }
   // They go with the program.
@@ -214,8 +208,7 @@ void CNativeWindowX11GLX::UpdateTextureThreaded(Qv::CQvDeviceImage2D* image) {
     return;
   }
   ++uSkipped;
-  std::printf("skip update \n");
-  std::fflush(stdout);
+  Qv::OperatorMessage("skip update \n");
 }
 
 void CNativeWindowX11GLX::UpdateTexture(Qv::CQvDeviceImage2D* image) {
@@ -228,8 +221,7 @@ void CNativeWindowX11GLX::UpdateTexture(Qv::CQvDeviceImage2D* image) {
     ++uShown;
     Process(pxTexture->GetId());
   } catch (const Qv::CQvException& e) {
-    std::printf("%s\n", e.ToString(true).ToCString());
-    std::fflush(stdout);
+    Qv::OperatorMessage("%s\n", e.ToString(true).ToCString());
   }
 }
 

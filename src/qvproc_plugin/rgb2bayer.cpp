@@ -14,6 +14,7 @@
 
 #include <cstdio>
 
+#include "QvMessage.h"
 #include "gstqvCapsFilter.h"
 
 GST_DEBUG_CATEGORY_STATIC(gst_rgb2bayer_debug);
@@ -41,8 +42,7 @@ static void gst_rgb2bayer_init(GstRgb2Bayer* self) {
 // seen so far is an RGB height and is multiplied by three; a larger one is taken as done.
 static gint gst_rgb2bayer_height(gint iHeight) {
   static gint iMaxHeight = 99999;
-  std::printf("Height before transform %d\n", iHeight);
-  std::fflush(stdout);
+  Qv::OperatorMessage("Height before transform %d\n", iHeight);
   if (iHeight <= 0 || iHeight > iMaxHeight) return iHeight;
   iMaxHeight = iHeight;
   return 3 * iHeight;

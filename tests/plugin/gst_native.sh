@@ -34,6 +34,13 @@ for v in 250 50; do
   for c in $rgb; do [ $((c - v)) -le 2 ] && [ $((v - c)) -le 2 ] || fail "$v came back as $rgb"; done
 done
 
+# Operator texts follow QV_MESSAGES, so that video written to standard output stays video.
+QV_MESSAGES=stderr timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=3 \
+  ! video/x-raw,format=GRAY8,width=64,height=48 ! qvcudaupload ! qvcudadebayer ! qvcudadownload \
+  ! fdsink fd=1 >"$P/out.raw" 2>"$P/log"
+[ "$(wc -c <"$P/out.raw")" -eq 36864 ] && grep -q "^download format: " "$P/log" \
+  || fail "QV_MESSAGES=stderr: $(wc -c <"$P/out.raw") bytes on standard output"
+
 export PKG_CONFIG_PATH="$(dirname "$(find "$P" -name qvvideoproc.pc)")"
 printf '#include "gstqvHostElements.h"\n#include "QvDeviceImage2D.h"\nint main(int c, char** v) {
   gst_init(&c, &v);\n  return !qv_register_host_elements();\n}\n' >"$P/app.cpp"
