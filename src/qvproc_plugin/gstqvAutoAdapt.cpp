@@ -17,10 +17,8 @@
 #include "gstqvAutoAdapt.h"
 
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "H5Camera.h"
 #include "QvException.h"
@@ -120,16 +118,6 @@ class CReportBus {
 std::map<std::string, float>& MessageMap() {
   static std::map<std::string, float> xMap;
   return xMap;
-}
-
-// Camera objects live until the process ends: the files stay open, as the driver expects of
-// a rig that streams all the time.
-CH5Camera* KeepCamera(CH5Camera* pxCamera) {
-  static std::mutex xLock;
-  static std::vector<std::unique_ptr<CH5Camera>> xCameras;
-  std::lock_guard<std::mutex> xGuard(xLock);
-  xCameras.emplace_back(pxCamera);
-  return pxCamera;
 }
 
 GstMessage* CreateMessage(const SAutoAdaptStatus& status) {
@@ -280,6 +268,8 @@ static void gst_auto_adapt_init(GstQvAutoAdapt* self) {
 
 static void gst_auto_adapt_finalize(GObject* object) {
   GstQvAutoAdapt* self = GST_AUTO_ADAPT(object);
+  delete self->pxCamera;  // closes its file
+  self->pxCamera = nullptr;
   g_free(self->sDevice);
   self->sDevice = nullptr;
   G_OBJECT_CLASS(gst_auto_adapt_parent_class)->finalize(object);
@@ -402,7 +392,9 @@ static GstFlowReturn gst_auto_adapt_transform_frame_ip(GstBaseTransform* trans, 
     const SAutoAdaptSettings xSettings = self->xSettingsElement;
     sDevice = self->sDevice ? self->sDevice : "";
     GST_OBJECT_UNLOCK(self);
-    if (!self->pxCamera) self->pxCamera = KeepCamera(new CH5Camera(sDevice));
+    // The camera follows "device", closing the file of the device before.
+    if (self->pxCamera && self->pxCamera->sDevice != sDevice) self->pxCamera->SetDevice(sDevice);
+    if (!self->pxCamera) self->pxCamera = new CH5Camera(sDevice);
     CH5Camera& xCamera = *self->pxCamera;
 
     // The moniker reads the mapped bytes in place: they must hold the whole frame.

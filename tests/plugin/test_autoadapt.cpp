@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <thread>
 
@@ -21,6 +22,7 @@
 #include "plugin.h"
 
 using namespace Qv;
+using std::filesystem::directory_iterator;
 
 namespace {
 
@@ -165,7 +167,7 @@ GstFlowReturn Push(GstHarness* h, uint8_t uValue, MyMetaInfo* pxMeta = nullptr,
   return eFlow;
 }
 
-TEST_F(AutoAdaptTest, CameraConvertsControlsAndFailsOnAClosedFileOnEveryFrame) {
+TEST_F(AutoAdaptTest, CameraConvertsControlsFailsOnEveryFrameAndClosesItsFile) {
   g_axCams[1] = {0, 10, 0, 103, 52, 1040};
   CH5Camera xCam("/dev/video1");
   float a = 0, b = 0, c = 0, d = 0;
@@ -187,16 +189,23 @@ TEST_F(AutoAdaptTest, CameraConvertsControlsAndFailsOnAClosedFileOnEveryFrame) {
   } catch (const CQvException& e) {
     EXPECT_STREQ("ioctl failed with error 9", e.GetMessageText());
   }
-  // The element says so on every frame.
-  CH5Camera::SetSystem(&g_xFake);
-  GstHarness* h = Adapt("/dev/video9", 1, false);
-  for (int i = 0; i < 2; ++i) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(GST_FLOW_ERROR, Push(h, 0));
-    EXPECT_NE(std::string::npos,
-              testing::internal::GetCapturedStdout().find("  :   ioctl failed with error 9\n"));
+  // The element says so on every frame. It holds one file, of its present device, and closes it
+  // when finalized.
+  const auto OpenFiles = [] { return std::distance(directory_iterator("/proc/self/fd"), {}); };
+  const auto iBefore = OpenFiles();
+  for (int i = 0; i < 50; ++i) {
+    GstHarness* h = Adapt("/dev/null", 1, false);
+    for (const char* szDevice : {"/dev/null", "/dev/zero"}) {
+      g_object_set(h->element, "device", szDevice, NULL);
+      testing::internal::CaptureStdout();
+      EXPECT_EQ(GST_FLOW_ERROR, Push(h, 0));
+      EXPECT_NE(std::string::npos,
+                testing::internal::GetCapturedStdout().find("  :   ioctl failed with error 25\n"));
+    }
+    EXPECT_EQ(iBefore + 1, OpenFiles()) << i;
+    gst_harness_teardown(h);
   }
-  gst_harness_teardown(h);
+  EXPECT_EQ(iBefore, OpenFiles());
 }
 
 TEST_F(AutoAdaptTest, WithoutControllerTheLatest64ReportsWait) {
