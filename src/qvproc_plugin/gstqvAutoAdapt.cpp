@@ -16,6 +16,9 @@
  */
 #include "gstqvAutoAdapt.h"
 
+#include <gst/video/video.h>
+
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <string>
@@ -118,6 +121,17 @@ class CReportBus {
 std::map<std::string, float>& MessageMap() {
   static std::map<std::string, float> xMap;
   return xMap;
+}
+
+// Bytes between rows: a video meta's stride, else rows padded to 4 bytes as GStreamer lays out
+// GRAY8 and bayer frames, or packed rows in a buffer too small for padding.
+gsize FrameStride(GstBuffer* pxBuffer, gsize uSize, guint64 uWidth, guint64 uHeight,
+                  gsize& uOffset) {
+  const GstVideoMeta* pxMeta = gst_buffer_get_video_meta(pxBuffer);
+  uOffset = pxMeta ? pxMeta->offset[0] : 0;
+  if (pxMeta) return static_cast<gsize>(std::max(pxMeta->stride[0], 0));
+  const guint64 uPadded = (uWidth + 3) & ~guint64(3);
+  return static_cast<gsize>(uSize >= uPadded * uHeight ? uPadded : uWidth);
 }
 
 GstMessage* CreateMessage(const SAutoAdaptStatus& status) {
@@ -398,9 +412,12 @@ static GstFlowReturn gst_auto_adapt_transform_frame_ip(GstBaseTransform* trans, 
     CH5Camera& xCamera = *self->pxCamera;
 
     // The moniker reads the mapped bytes in place: they must hold the whole frame.
-    const guint64 uFrameBytes = static_cast<guint64>(self->iWidth > 0 ? self->iWidth : 0) *
-                                static_cast<guint64>(self->iHeight > 0 ? self->iHeight : 0);
-    if (xMap.Size() < uFrameBytes) {
+    const guint64 uWidth = static_cast<guint64>(std::max(self->iWidth, 0));
+    const guint64 uHeight = static_cast<guint64>(std::max(self->iHeight, 0));
+    gsize uOffset = 0;
+    const guint64 uStride = FrameStride(buffer, xMap.Size(), uWidth, uHeight, uOffset);
+    if (uStride < uWidth || xMap.Size() < uOffset ||
+        xMap.Size() - uOffset < (uHeight == 0 ? 0 : uStride * (uHeight - 1) + uWidth)) {
       Qv::CQvString sText("buffer of ");
       sText << static_cast<unsigned long long>(xMap.Size()) << " bytes holds no frame of "
             << self->iWidth << "x" << self->iHeight;
@@ -409,7 +426,7 @@ static GstFlowReturn gst_auto_adapt_transform_frame_ip(GstBaseTransform* trans, 
     // Whatever the caps say: a 2x2 block holds each site of any mosaic once.
     Qv::CQvImageMoniker xFrame;
     xFrame.Create(self->iWidth, self->iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte,
-                  xMap.Data());
+                  xMap.Data() + uOffset);
 
     float fExposureMin = 0, fExposureMax = 0, fExposure = 0, fGainMin = 0, fGainMax = 0, fGain = 0;
     xCamera.GetPropertyRange(CamExposure, fExposureMin, fExposureMax);
@@ -417,6 +434,7 @@ static GstFlowReturn gst_auto_adapt_transform_frame_ip(GstBaseTransform* trans, 
     xCamera.GetPropertyRange(CamGain, fGainMin, fGainMax);
     xCamera.GetProperty(CamGain, fGain);
     CAutoAdapt xAdapt(fExposure, fExposureMin, fExposureMax, fGain, fGainMin, fGainMax, xSettings);
+    xAdapt.uRowPitch = uStride;
 
     if (xSettings.bMaster && sDevice == CONTROLLER_DEVICE)
       JointStep(xCamera, xAdapt, sDevice, fGain, fExposure);

@@ -208,7 +208,7 @@ TEST_F(AutoAdaptTest, CameraConvertsControlsFailsOnEveryFrameAndClosesItsFile) {
   EXPECT_EQ(iBefore, OpenFiles());
 }
 
-TEST_F(AutoAdaptTest, WithoutControllerTheLatest64ReportsWait) {
+TEST_F(AutoAdaptTest, WithoutControllerTheLatest64ReportsWaitMeasuredAtTheRowStride) {
   GstHarness* h = Adapt("/dev/video4", 1, true);
   g_object_set(h->element, "samples", 1, NULL);
   for (int i = 1; i <= 70; ++i) ASSERT_EQ(GST_FLOW_OK, Push(h, static_cast<uint8_t>(i)));
@@ -219,6 +219,15 @@ TEST_F(AutoAdaptTest, WithoutControllerTheLatest64ReportsWait) {
   }
   EXPECT_FALSE(QvAutoAdaptPopReport(x));
   EXPECT_TRUE(g_xWrites.empty());  // a reporting camera is never written by its own element
+  // A 5x3 frame of 51 whose row padding to 4 bytes holds 255: the measure reads the pixels alone.
+  for (const char* szCaps : {"video/x-raw,format=GRAY8", "video/x-bayer,format=grbg"}) {
+    gst_harness_set_src_caps_str(h, (szCaps + std::string(",width=5,height=3")).c_str());
+    std::vector<uint8_t> xBytes(24, 255);
+    for (int i = 0; i < 15; ++i) xBytes[i / 5 * 8 + i % 5] = 51;
+    gst_buffer_unref(gst_harness_push_and_pull(h, QvTest::BufferFromBytes(xBytes)));
+    ASSERT_TRUE(QvAutoAdaptPopReport(x));
+    EXPECT_FLOAT_EQ(51 / 255.0f, x.fBrightness) << szCaps;
+  }
   gst_harness_teardown(h);
 }
 
