@@ -214,8 +214,9 @@ void CImage::Read(CQvImage& xImage, const char* pPath) {
   // A header asks for no more than the file (deflate expands 1032-fold at most) and 1 GiB hold:
   // a lying one fails before allocation, a cut file where its rows, read one by one, end.
   struct stat xStat {};
-  const uint64_t uFileBytes = fstat(fileno(pFile), &xStat) == 0 ? uint64_t(xStat.st_size) : 0;
-  if (uint64_t(xState.uHeight) * (xState.uFileRowBytes + 1) > 1032 * uFileBytes ||
+  const bool bSized = fstat(fileno(pFile), &xStat) == 0 && S_ISREG(xStat.st_mode);  // not a pipe
+  if ((bSized &&
+       uint64_t(xState.uHeight) * (xState.uFileRowBytes + 1) > 1032 * uint64_t(xStat.st_size)) ||
       uint64_t(xState.uHeight) * xState.uRowBytes > (uint64_t(1) << 30)) {
     std::snprintf(xState.acError, sizeof(xState.acError),
                   "header asks for %ux%u pixels, more than the file or 1 GiB holds",
