@@ -130,8 +130,7 @@ gsize FrameStride(GstBuffer* pxBuffer, gsize uSize, guint64 uWidth, guint64 uHei
   const GstVideoMeta* pxMeta = gst_buffer_get_video_meta(pxBuffer);
   uOffset = pxMeta ? pxMeta->offset[0] : 0;
   if (pxMeta) return static_cast<gsize>(std::max(pxMeta->stride[0], 0));
-  const guint64 uPadded = (uWidth + 3) & ~guint64(3);
-  return static_cast<gsize>(uSize >= uPadded * uHeight ? uPadded : uWidth);
+  return uSize >= GST_ROUND_UP_4(uWidth) * uHeight ? GST_ROUND_UP_4(uWidth) : uWidth;
 }
 
 GstMessage* CreateMessage(const SAutoAdaptStatus& status) {
