@@ -1,6 +1,7 @@
 #include "FileIO.h"
 
 #include <png.h>
+#include <sys/stat.h>
 
 #include <csetjmp>
 #include <cstdio>
@@ -34,6 +35,7 @@ struct SPngState {
   int iChannels = 0;
   int iBitDepth = 0;
   size_t uRowBytes = 0;
+  size_t uFileRowBytes = 0;  // as stored, before expansion
 };
 
 void OnPngError(png_structp pPng, png_const_charp pMessage) {
@@ -81,6 +83,7 @@ bool ReadPngInfo(SPngState* pState, FILE* pFile) {
   png_init_io(pState->pPng, pFile);
   png_set_sig_bytes(pState->pPng, static_cast<int>(kSignatureBytes));
   png_read_info(pState->pPng, pState->pInfo);
+  pState->uFileRowBytes = png_get_rowbytes(pState->pPng, pState->pInfo);
 
   const int iColorType = png_get_color_type(pState->pPng, pState->pInfo);
   const int iBitDepth = png_get_bit_depth(pState->pPng, pState->pInfo);
@@ -206,6 +209,18 @@ void CImage::Read(CQvImage& xImage, const char* pPath) {
   if (ePixelType == EPixelType::None || eDataType == EDataType::Void ||
       xState.uWidth > 0x7FFFFFFFu || xState.uHeight > 0x7FFFFFFFu) {
     std::snprintf(xState.acError, sizeof(xState.acError), "unsupported layout");
+    QV_THROW(ReadErrorText(pPath, xState).ToCString());
+  }
+  // A header asks for no more than the file (deflate expands 1032-fold at most) and 1 GiB hold:
+  // a lying one fails before allocation, a cut file where its rows, read one by one, end.
+  struct stat xStat {};
+  const bool bSized = fstat(fileno(pFile), &xStat) == 0 && S_ISREG(xStat.st_mode);  // not a pipe
+  if ((bSized &&
+       uint64_t(xState.uHeight) * (xState.uFileRowBytes + 1) > 1032 * uint64_t(xStat.st_size)) ||
+      uint64_t(xState.uHeight) * xState.uRowBytes > (uint64_t(1) << 30)) {
+    std::snprintf(xState.acError, sizeof(xState.acError),
+                  "header asks for %ux%u pixels, more than the file or 1 GiB holds",
+                  unsigned(xState.uWidth), unsigned(xState.uHeight));
     QV_THROW(ReadErrorText(pPath, xState).ToCString());
   }
 

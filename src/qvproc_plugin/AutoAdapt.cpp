@@ -27,22 +27,24 @@ struct SRawView {
   int iHeight;
   bool bShort;
   const void* pData;
+  size_t uPitch;
 };
 
-SRawView ViewOf(const Qv::IImage* image) {
+SRawView ViewOf(const Qv::IImage* image, size_t uRowPitch) {
   EPixelType::ID ePixel = EPixelType::None;
   EDataType::ID eData = EDataType::Void;
   image->GetType(ePixel, eData);
   if (eData != EDataType::UByte && eData != EDataType::UShort) QV_THROW("Invalid data type");
-  SRawView xView{0, 0, eData == EDataType::UShort, image->GetDataPtr()};
+  SRawView xView{0, 0, eData == EDataType::UShort, image->GetDataPtr(), uRowPitch};
   image->GetSize(xView.iWidth, xView.iHeight);
+  xView.uPitch = std::max(uRowPitch, static_cast<size_t>(std::max(xView.iWidth, 0)));
   if (xView.iWidth < 1 || xView.iHeight < 1 || !xView.pData)
     QV_THROW("Image holds no pixels to measure");
   return xView;
 }
 
 inline float Sample(const SRawView& xView, int x, int y) {
-  const size_t uIndex = static_cast<size_t>(y) * static_cast<size_t>(xView.iWidth) + x;
+  const size_t uIndex = static_cast<size_t>(y) * xView.uPitch + x;
   if (xView.bShort)
     return static_cast<float>(static_cast<const uint16_t*>(xView.pData)[uIndex]) / 65535.0f;
   return static_cast<float>(static_cast<const uint8_t*>(xView.pData)[uIndex]) / 255.0f;
@@ -77,7 +79,7 @@ CAutoAdapt::CAutoAdapt(float exposure, float exposureMin, float exposureMax, flo
 
 float CAutoAdapt::_GetAverageBrightnessBayerPatch(Qv::tvec2<int> position,
                                                   const Qv::IImage* image) {
-  return Patch(ViewOf(image), position.x, position.y);
+  return Patch(ViewOf(image, uRowPitch), position.x, position.y);
 }
 
 void CAutoAdapt::_GetAverageBrightnessPercent(const Qv::IImage* image, SAutoAdaptSettings& settings,
@@ -90,7 +92,7 @@ void CAutoAdapt::_GetAverageBrightnessPercent(const Qv::IImage* image, SAutoAdap
     QV_THROW("Invalid pixel type");
   const int iSamples = settings.iSamples;
   if (iSamples < 1) QV_THROW("At least one sample per axis is needed");
-  const SRawView xView = ViewOf(image);
+  const SRawView xView = ViewOf(image, uRowPitch);
 
   const float fWidth = static_cast<float>(xView.iWidth);
   const float fHeight = static_cast<float>(xView.iHeight);

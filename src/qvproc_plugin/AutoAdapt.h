@@ -62,4 +62,5 @@ class CAutoAdapt {
   float fGainMax;
   float fGainMin;
   SAutoAdaptSettings xSettings;
+  size_t uRowPitch = 0;  // pixels from row to row of the measured image; below the width: packed
 };

@@ -67,6 +67,10 @@ CH5Camera::CH5Camera(const std::string& device)
   SetDevice(device);
 }
 
+CH5Camera::~CH5Camera() {
+  if (iFile != -1) pxOpener->pfnClose(iFile);
+}
+
 float CH5Camera::LineTime() const {
   return static_cast<float>(uLineLength) / static_cast<float>(uPixelClock);
 }
@@ -78,10 +82,11 @@ uint32_t CH5Camera::ControlId(ECamProperty property) const {
 void CH5Camera::SetDevice(const std::string& path) {
   sDevice = path;
   if (iFile != -1) {
-    pxSystem.load()->pfnClose(iFile);
+    pxOpener->pfnClose(iFile);
     iFile = -1;
   }
-  iFile = pxSystem.load()->pfnOpen(sDevice.c_str(), O_RDWR);
+  pxOpener = pxSystem.load();
+  iFile = pxOpener->pfnOpen(sDevice.c_str(), O_RDWR);
 }
 
 void CH5Camera::GetProperty(ECamProperty property, float& value) {

@@ -18,6 +18,9 @@ struct SH5CameraSystem {
 class CH5Camera {
  public:
   explicit CH5Camera(const std::string& device);
+  ~CH5Camera();  // closes the file
+  CH5Camera(const CH5Camera&) = delete;
+  CH5Camera& operator=(const CH5Camera&) = delete;
 
   // Closes the present file and opens the new one. A failing open is reported by the next
   // control access, which then fails on the invalid descriptor.
@@ -38,6 +41,7 @@ class CH5Camera {
   uint64_t uExposureControl;  // in sensor lines
 
  private:
+  const SH5CameraSystem* pxOpener = nullptr;  // the calls that opened iFile close it
   float LineTime() const;
   uint32_t ControlId(ECamProperty property) const;
 };

@@ -16,11 +16,12 @@
  */
 #include "gstqvAutoAdapt.h"
 
+#include <gst/video/video.h>
+
+#include <algorithm>
 #include <map>
-#include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "H5Camera.h"
 #include "QvException.h"
@@ -122,14 +123,14 @@ std::map<std::string, float>& MessageMap() {
   return xMap;
 }
 
-// Camera objects live until the process ends: the files stay open, as the driver expects of
-// a rig that streams all the time.
-CH5Camera* KeepCamera(CH5Camera* pxCamera) {
-  static std::mutex xLock;
-  static std::vector<std::unique_ptr<CH5Camera>> xCameras;
-  std::lock_guard<std::mutex> xGuard(xLock);
-  xCameras.emplace_back(pxCamera);
-  return pxCamera;
+// Bytes between rows: a video meta's stride, else rows padded to 4 bytes as GStreamer lays out
+// GRAY8 and bayer frames, or packed rows in a buffer too small for padding.
+gsize FrameStride(GstBuffer* pxBuffer, gsize uSize, guint64 uWidth, guint64 uHeight,
+                  gsize& uOffset) {
+  const GstVideoMeta* pxMeta = gst_buffer_get_video_meta(pxBuffer);
+  uOffset = pxMeta ? pxMeta->offset[0] : 0;
+  if (pxMeta) return static_cast<gsize>(std::max(pxMeta->stride[0], 0));
+  return uSize >= GST_ROUND_UP_4(uWidth) * uHeight ? GST_ROUND_UP_4(uWidth) : uWidth;
 }
 
 GstMessage* CreateMessage(const SAutoAdaptStatus& status) {
@@ -280,6 +281,8 @@ static void gst_auto_adapt_init(GstQvAutoAdapt* self) {
 
 static void gst_auto_adapt_finalize(GObject* object) {
   GstQvAutoAdapt* self = GST_AUTO_ADAPT(object);
+  delete self->pxCamera;  // closes its file
+  self->pxCamera = nullptr;
   g_free(self->sDevice);
   self->sDevice = nullptr;
   G_OBJECT_CLASS(gst_auto_adapt_parent_class)->finalize(object);
@@ -402,13 +405,18 @@ static GstFlowReturn gst_auto_adapt_transform_frame_ip(GstBaseTransform* trans, 
     const SAutoAdaptSettings xSettings = self->xSettingsElement;
     sDevice = self->sDevice ? self->sDevice : "";
     GST_OBJECT_UNLOCK(self);
-    if (!self->pxCamera) self->pxCamera = KeepCamera(new CH5Camera(sDevice));
+    // The camera follows "device", closing the file of the device before.
+    if (self->pxCamera && self->pxCamera->sDevice != sDevice) self->pxCamera->SetDevice(sDevice);
+    if (!self->pxCamera) self->pxCamera = new CH5Camera(sDevice);
     CH5Camera& xCamera = *self->pxCamera;
 
     // The moniker reads the mapped bytes in place: they must hold the whole frame.
-    const guint64 uFrameBytes = static_cast<guint64>(self->iWidth > 0 ? self->iWidth : 0) *
-                                static_cast<guint64>(self->iHeight > 0 ? self->iHeight : 0);
-    if (xMap.Size() < uFrameBytes) {
+    const guint64 uWidth = static_cast<guint64>(std::max(self->iWidth, 0));
+    const guint64 uHeight = static_cast<guint64>(std::max(self->iHeight, 0));
+    gsize uOffset = 0;
+    const guint64 uStride = FrameStride(buffer, xMap.Size(), uWidth, uHeight, uOffset);
+    if (uStride < uWidth || xMap.Size() < uOffset ||
+        xMap.Size() - uOffset < (uHeight == 0 ? 0 : uStride * (uHeight - 1) + uWidth)) {
       Qv::CQvString sText("buffer of ");
       sText << static_cast<unsigned long long>(xMap.Size()) << " bytes holds no frame of "
             << self->iWidth << "x" << self->iHeight;
@@ -417,7 +425,7 @@ static GstFlowReturn gst_auto_adapt_transform_frame_ip(GstBaseTransform* trans, 
     // Whatever the caps say: a 2x2 block holds each site of any mosaic once.
     Qv::CQvImageMoniker xFrame;
     xFrame.Create(self->iWidth, self->iHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte,
-                  xMap.Data());
+                  xMap.Data() + uOffset);
 
     float fExposureMin = 0, fExposureMax = 0, fExposure = 0, fGainMin = 0, fGainMax = 0, fGain = 0;
     xCamera.GetPropertyRange(CamExposure, fExposureMin, fExposureMax);
@@ -425,6 +433,7 @@ static GstFlowReturn gst_auto_adapt_transform_frame_ip(GstBaseTransform* trans, 
     xCamera.GetPropertyRange(CamGain, fGainMin, fGainMax);
     xCamera.GetProperty(CamGain, fGain);
     CAutoAdapt xAdapt(fExposure, fExposureMin, fExposureMax, fGain, fGainMin, fGainMax, xSettings);
+    xAdapt.uRowPitch = uStride;
 
     if (xSettings.bMaster && sDevice == CONTROLLER_DEVICE)
       JointStep(xCamera, xAdapt, sDevice, fGain, fExposure);

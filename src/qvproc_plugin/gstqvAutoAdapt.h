@@ -19,7 +19,7 @@ typedef struct _GstQvAutoAdapt {
   // The property values; copied under the object lock at each frame.
   SAutoAdaptSettings xSettingsElement;
   gchar* sDevice;
-  // Made at the first frame on the device of that moment, and kept until the process ends.
+  // Made at the first frame, pointed at each new "device" at the next frame, closed at finalize.
   CH5Camera* pxCamera;
   gint uFrameCount;
 } GstQvAutoAdapt;

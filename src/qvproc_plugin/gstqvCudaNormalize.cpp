@@ -17,6 +17,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 #include "FileIO.h"
 #include "QvCudaCompNormalize.h"
@@ -78,8 +79,8 @@ static void gst_cuda_normalize_class_init(GstQvCudaNormalizeClass* klass) {
       "Filter/Effect/Video/Hardware");
 }
 
-// The reference is read, widened to 8-bit RGBA and uploaded once; a failure leaves the
-// instance without reference, and its frames fail.
+// The reference is read, widened to 8-bit RGBA and uploaded once; any failure, lack of memory
+// too, leaves the instance without reference, and its frames fail.
 static void gst_cuda_normalize_load_reference(GstQvCudaNormalize* self) {
   const char* szOverride = std::getenv(QV_GRAY_REFERENCE_ENV);
   self->grayPath = g_strdup(szOverride && *szOverride ? szOverride : QV_GRAY_REFERENCE_PATH);
@@ -95,6 +96,9 @@ static void gst_cuda_normalize_load_reference(GstQvCudaNormalize* self) {
     GST_WARNING_OBJECT(self, "no gray reference image from '%s': %s", self->grayPath,
                        e.GetMessageText());
     self->grayImage = nullptr;
+  } catch (const std::exception& e) {
+    Qv::OperatorMessage("%s\n", e.what());
+    GST_WARNING_OBJECT(self, "no gray reference image from '%s': %s", self->grayPath, e.what());
   }
 }
 

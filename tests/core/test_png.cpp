@@ -119,6 +119,10 @@ TEST(PngErrors, FailuresNameTheFileAndLeaveTheTargetAsItWas) {
       {"cut after the signature", Bytes(xGood.begin(), xGood.begin() + 8), sBad + ": "},
       {"header checksum", xBadCrc, sBad + ": "},
       {"zero width", BuildPng(0, 4, 8, 0, Bytes(4, 0)), sBad + ": "},
+      // More than the file (deflate expands 1032-fold at most) or 1 GiB holds.
+      {"64 MiB", BuildPng(4096, 4096, 8, 6, Bytes(256, 0)), sBad + ": header asks for 4096x4096 "},
+      {"1 GiB from 1-bit palette", BuildPng(16384, 16385, 1, 3, Bytes(16385 * 2049, 0),
+       {{"PLTE", {0, 0, 0}}, {"tRNS", {0}}}), sBad + ": header asks for 16384x16385 "},
   };
   // clang-format on
   CQvImage xImage = QvTest::MakeImage(1, 1, Lum, UB, {42});

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 #include <thread>
 
@@ -21,6 +22,7 @@
 #include "plugin.h"
 
 using namespace Qv;
+using std::filesystem::directory_iterator;
 
 namespace {
 
@@ -165,7 +167,7 @@ GstFlowReturn Push(GstHarness* h, uint8_t uValue, MyMetaInfo* pxMeta = nullptr,
   return eFlow;
 }
 
-TEST_F(AutoAdaptTest, CameraConvertsControlsAndFailsOnAClosedFileOnEveryFrame) {
+TEST_F(AutoAdaptTest, CameraConvertsControlsFailsOnEveryFrameAndClosesItsFile) {
   g_axCams[1] = {0, 10, 0, 103, 52, 1040};
   CH5Camera xCam("/dev/video1");
   float a = 0, b = 0, c = 0, d = 0;
@@ -187,19 +189,26 @@ TEST_F(AutoAdaptTest, CameraConvertsControlsAndFailsOnAClosedFileOnEveryFrame) {
   } catch (const CQvException& e) {
     EXPECT_STREQ("ioctl failed with error 9", e.GetMessageText());
   }
-  // The element says so on every frame.
-  CH5Camera::SetSystem(&g_xFake);
-  GstHarness* h = Adapt("/dev/video9", 1, false);
-  for (int i = 0; i < 2; ++i) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(GST_FLOW_ERROR, Push(h, 0));
-    EXPECT_NE(std::string::npos,
-              testing::internal::GetCapturedStdout().find("  :   ioctl failed with error 9\n"));
+  // The element says so on every frame. It holds one file, of its present device, and closes it
+  // when finalized.
+  const auto OpenFiles = [] { return std::distance(directory_iterator("/proc/self/fd"), {}); };
+  const auto iBefore = OpenFiles();
+  for (int i = 0; i < 50; ++i) {
+    GstHarness* h = Adapt("/dev/null", 1, false);
+    for (const char* szDevice : {"/dev/null", "/dev/zero"}) {
+      g_object_set(h->element, "device", szDevice, NULL);
+      testing::internal::CaptureStdout();
+      EXPECT_EQ(GST_FLOW_ERROR, Push(h, 0));
+      EXPECT_NE(std::string::npos,
+                testing::internal::GetCapturedStdout().find("  :   ioctl failed with error 25\n"));
+    }
+    EXPECT_EQ(iBefore + 1, OpenFiles()) << i;
+    gst_harness_teardown(h);
   }
-  gst_harness_teardown(h);
+  EXPECT_EQ(iBefore, OpenFiles());
 }
 
-TEST_F(AutoAdaptTest, WithoutControllerTheLatest64ReportsWait) {
+TEST_F(AutoAdaptTest, WithoutControllerTheLatest64ReportsWaitMeasuredAtTheRowStride) {
   GstHarness* h = Adapt("/dev/video4", 1, true);
   g_object_set(h->element, "samples", 1, NULL);
   for (int i = 1; i <= 70; ++i) ASSERT_EQ(GST_FLOW_OK, Push(h, static_cast<uint8_t>(i)));
@@ -210,6 +219,15 @@ TEST_F(AutoAdaptTest, WithoutControllerTheLatest64ReportsWait) {
   }
   EXPECT_FALSE(QvAutoAdaptPopReport(x));
   EXPECT_TRUE(g_xWrites.empty());  // a reporting camera is never written by its own element
+  // A 5x3 frame of 51 whose row padding to 4 bytes holds 255: the measure reads the pixels alone.
+  for (const char* szCaps : {"video/x-raw,format=GRAY8", "video/x-bayer,format=grbg"}) {
+    gst_harness_set_src_caps_str(h, (szCaps + std::string(",width=5,height=3")).c_str());
+    std::vector<uint8_t> xBytes(24, 255);
+    for (int i = 0; i < 15; ++i) xBytes[i / 5 * 8 + i % 5] = 51;
+    gst_buffer_unref(gst_harness_push_and_pull(h, QvTest::BufferFromBytes(xBytes)));
+    ASSERT_TRUE(QvAutoAdaptPopReport(x));
+    EXPECT_FLOAT_EQ(51 / 255.0f, x.fBrightness) << szCaps;
+  }
   gst_harness_teardown(h);
 }
 
