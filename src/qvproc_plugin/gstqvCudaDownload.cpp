@@ -203,9 +203,9 @@ static GstBufferPool* gst_cuda_download_new_pool(GstQvCudaDownload* self) {
   gst_caps_unref(pxCaps);
   if (pxAllocator) gst_object_unref(pxAllocator);
   if (!gst_buffer_pool_set_config(pxPool, pxConfig) || !gst_buffer_pool_set_active(pxPool, TRUE)) {
-    GST_ERROR_OBJECT(self, "cannot start an output pool for %d x %d",
-                     GST_VIDEO_INFO_WIDTH(&self->videoInfo),
-                     GST_VIDEO_INFO_HEIGHT(&self->videoInfo));
+    GST_ELEMENT_ERROR(self, RESOURCE, FAILED, ("cannot start an output pool"),
+                      ("frames of %d x %d", GST_VIDEO_INFO_WIDTH(&self->videoInfo),
+                       GST_VIDEO_INFO_HEIGHT(&self->videoInfo)));
     gst_object_unref(pxPool);
     return NULL;
   }
@@ -243,6 +243,13 @@ static GstFlowReturn gst_cuda_download_prepare_output_buffer(GstBaseTransform* t
                                                              GstBuffer** outbuf) {
   GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(trans);
   if (GST_VIDEO_INFO_SIZE(&self->videoInfo) == 0) return GST_FLOW_NOT_NEGOTIATED;
+  // A pool buffer holds two frames in at most G_MAXUINT bytes.
+  if (GST_VIDEO_INFO_SIZE(&self->videoInfo) > G_MAXUINT / 2) {
+    HandleException(Qv::CQvException::CreateFirst("a frame over 2 GiB does not fit the output pool",
+                                                  __FILE__, __func__, __LINE__),
+                    GST_ELEMENT(trans));
+    return GST_FLOW_ERROR;
+  }
   GstBufferPool* pxPool = gst_cuda_download_ref_pool(self);
   if (!pxPool) return GST_FLOW_ERROR;
   // With all buffers downstream this waits until one comes back.
@@ -345,9 +352,8 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
   GstVideoFrame xFrame;
   if (!gst_video_frame_map(&xFrame, &self->videoInfo, outbuf, GST_MAP_WRITE)) {
     Qv::OperatorMessage("MAPPING FAILED !!!\n");
-    GST_ELEMENT_WARNING(trans, STREAM, FAILED, ("Cannot map the output frame."),
-                        ("the frame goes on unwritten"));
-    return GST_FLOW_OK;
+    GST_ELEMENT_ERROR(trans, STREAM, FAILED, ("Cannot map the output frame."), (NULL));
+    return GST_FLOW_ERROR;
   }
   try {
     CVideoFrameMap xFrameMap(&xFrame);

@@ -106,6 +106,9 @@ TEST_F(DownloadTest, BadInputFailsTheFrameWithItsCauseAndTheNextOnePasses) {
             "the planar image holds a frame of 16x4, the caps say 16x8"},
            {Caps("I420", 16, 8), Image(16, 12, Lum, EDataType::Float),
             "a planar image of data type 'Float' cannot go into an 8-bit frame"},
+           // Twice this frame is past what a pool buffer holds; nothing that large is allocated.
+           {Caps("RGBA", 16384, 32769), Image(4, 2, RGBA, U8),
+            "a frame over 2 GiB does not fit the output pool"},
            {Caps("RGBA", 16, 8), Image(16, 12, Lum, U8),
             "a planar image cannot go into a RGBA frame"}}) {
     gst_harness_set_src_caps_str(h, sCaps.c_str());
