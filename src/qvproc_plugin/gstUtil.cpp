@@ -51,6 +51,18 @@ GstFlowReturn PrepareOutputBufferCuda(GstBaseTransform* trans, GstBuffer* /*inbu
   return GST_FLOW_OK;
 }
 
+gboolean QvStackedI420Fits(GstElement* element, const GstVideoInfo* info) {
+  const int iWidth = GST_VIDEO_INFO_WIDTH(info), iHeight = GST_VIDEO_INFO_HEIGHT(info);
+  if (GST_VIDEO_INFO_FORMAT(info) != GST_VIDEO_FORMAT_I420 || (iWidth % 2 == 0 && iHeight % 4 == 0))
+    return TRUE;
+  GST_ELEMENT_ERROR(element, CORE, NEGOTIATION,
+                    ("an I420 frame of %dx%d is not supported: its planes need an even width and "
+                     "a height divisible by 4",
+                     iWidth, iHeight),
+                    (NULL));
+  return FALSE;
+}
+
 void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf) {
   gst_buffer_copy_into(outbuf, inbuf, GST_BUFFER_COPY_TIMESTAMPS, 0, -1);
   MyMetaInfo* pxIn =

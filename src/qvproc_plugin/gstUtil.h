@@ -33,6 +33,9 @@ Qv::CQvDeviceImage2D* DeviceImageOfBuffer(GstBuffer* buffer, guint8* mapped);
 // The colorimetry of the I420 frames of qvcudayuv and qvcudadownload: full range, BT.601
 // matrix, so that a converter downstream reads the levels as they were written.
 #define QV_I420_COLORIMETRY "1:4:0:0"
+// The stacked I420 image holds chroma planes in whole rows of W samples: only for an even width
+// and a height divisible by 4. Other I420 sizes get a negotiation error and FALSE.
+gboolean QvStackedI420Fits(GstElement* element, const GstVideoInfo* info);
 
 // Format mapping between GStreamer's video formats, the image ids and OpenCV matrix types. The
 // tables are not inverse to one another: a gray frame is a raw mosaic, a planar YUV frame one

@@ -13,9 +13,6 @@
  */
 #include "gstqvCudaDownload.h"
 
-#include <cstdio>
-#include <cstring>
-
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
@@ -182,7 +179,7 @@ static gboolean gst_cuda_download_set_caps(GstBaseTransform* trans, GstCaps* /*i
     GST_ERROR_OBJECT(self, "cannot read the output caps %" GST_PTR_FORMAT, outcaps);
     return FALSE;
   }
-  return TRUE;
+  return QvStackedI420Fits(GST_ELEMENT(trans), &self->videoInfo);
 }
 
 static GstBufferPool* gst_cuda_download_new_pool(GstQvCudaDownload* self) {
@@ -203,9 +200,9 @@ static GstBufferPool* gst_cuda_download_new_pool(GstQvCudaDownload* self) {
   gst_caps_unref(pxCaps);
   if (pxAllocator) gst_object_unref(pxAllocator);
   if (!gst_buffer_pool_set_config(pxPool, pxConfig) || !gst_buffer_pool_set_active(pxPool, TRUE)) {
-    GST_ERROR_OBJECT(self, "cannot start an output pool for %d x %d",
-                     GST_VIDEO_INFO_WIDTH(&self->videoInfo),
-                     GST_VIDEO_INFO_HEIGHT(&self->videoInfo));
+    GST_ELEMENT_ERROR(self, RESOURCE, FAILED, ("cannot start an output pool"),
+                      ("frames of %d x %d", GST_VIDEO_INFO_WIDTH(&self->videoInfo),
+                       GST_VIDEO_INFO_HEIGHT(&self->videoInfo)));
     gst_object_unref(pxPool);
     return NULL;
   }
@@ -243,6 +240,13 @@ static GstFlowReturn gst_cuda_download_prepare_output_buffer(GstBaseTransform* t
                                                              GstBuffer** outbuf) {
   GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(trans);
   if (GST_VIDEO_INFO_SIZE(&self->videoInfo) == 0) return GST_FLOW_NOT_NEGOTIATED;
+  // A pool buffer holds two frames in at most G_MAXUINT bytes.
+  if (GST_VIDEO_INFO_SIZE(&self->videoInfo) > G_MAXUINT / 2) {
+    HandleException(Qv::CQvException::CreateFirst("a frame over 2 GiB does not fit the output pool",
+                                                  __FILE__, __func__, __LINE__),
+                    GST_ELEMENT(trans));
+    return GST_FLOW_ERROR;
+  }
   GstBufferPool* pxPool = gst_cuda_download_ref_pool(self);
   if (!pxPool) return GST_FLOW_ERROR;
   // With all buffers downstream this waits until one comes back.
@@ -271,10 +275,8 @@ class CVideoFrameMap {
   GstVideoFrame* m_pxFrame;
 };
 
-// The planar path writes plane Y in rows of W and each chroma plane as one run: refused where
-// that would land beside or past a plane.
-static void gst_cuda_download_check_planes(const GstVideoFrame* pxFrame, int iWidth, int iHeight,
-                                           guint64 uChromaBytes) {
+// The stacked image must hold this frame: W wide and H plus H/2 rows high.
+static void gst_cuda_download_check_planes(const GstVideoFrame* pxFrame, int iWidth, int iHeight) {
   const GstVideoInfo* pxInfo = &pxFrame->info;
   if (GST_VIDEO_INFO_N_PLANES(pxInfo) != 3) {
     Qv::CQvString sText("a planar image cannot go into a ");
@@ -287,56 +289,49 @@ static void gst_cuda_download_check_planes(const GstVideoFrame* pxFrame, int iWi
           << GST_VIDEO_INFO_HEIGHT(pxInfo);
     QV_THROW(sText.ToCString());
   }
-  const guint64 uChromaCapacity = static_cast<guint64>(GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 1)) *
-                                  static_cast<guint64>(GST_VIDEO_INFO_COMP_HEIGHT(pxInfo, 1));
-  if (GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 0) != iWidth ||
-      GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 1) != iWidth / 2 ||
-      GST_VIDEO_INFO_PLANE_STRIDE(pxInfo, 2) != iWidth / 2 || uChromaCapacity < uChromaBytes)
-    QV_THROW("Error: linestride missmatch");
+}
+
+// Plane Y is H rows of W; each chroma plane H/4 rows of W, that is two rows of W/2 of the frame
+// in each: the even ones on the left, the odd ones on the right. The frame's strides are its own.
+static void gst_cuda_download_copy_planes(GstVideoFrame* pxFrame, const guint8* pSrc, size_t uPitch,
+                                          Qv::Device::ECopyKind eKind, cudaStream_t hStream) {
+  const size_t W = GST_VIDEO_FRAME_WIDTH(pxFrame), H = GST_VIDEO_FRAME_HEIGHT(pxFrame);
+  Qv::Device::Copy2D(pxFrame->data[0], GST_VIDEO_FRAME_PLANE_STRIDE(pxFrame, 0), pSrc, uPitch, W, H,
+                     eKind, hStream, true);
+  for (int p = 1; p < 3; ++p) {
+    const size_t uStride = GST_VIDEO_FRAME_PLANE_STRIDE(pxFrame, p);
+    for (size_t uOdd = 0; uOdd < 2; ++uOdd)
+      Qv::Device::Copy2D(static_cast<guint8*>(pxFrame->data[p]) + uOdd * uStride, 2 * uStride,
+                         pSrc + uPitch * (H + (p - 1) * H / 4) + uOdd * W / 2, uPitch, W / 2, H / 4,
+                         eKind, hStream, true);
+  }
+  Qv::Device::SynchronizeStream(hStream);
 }
 
 // The stacked I420 image: H luma rows, then U and V in H/4 rows of W each.
 static void gst_cuda_download_planes(GstQvCudaDownload* self, const Qv::CQvDeviceImage2D& xImage,
                                      GstVideoFrame* pxFrame) {
   const Qv::CQvImageFormat& xFormat = xImage.GetFormat();
-  const int iWidth = xFormat.iWidth;
-  const int iHeight = static_cast<int>(static_cast<double>(xFormat.iHeight) / 1.5);
-  const guint64 uLuma = static_cast<guint64>(iWidth) * static_cast<guint64>(iHeight);
+  gst_cuda_download_check_planes(pxFrame, xFormat.iWidth,
+                                 static_cast<int>(static_cast<double>(xFormat.iHeight) / 1.5));
   if (xFormat.eDataType == Qv::EDataType::UShort) {
     LogMessage("Image is of type uShort - LUM converting to lum - ubyte ");
-    const guint64 uQuarter = uLuma / 4;
-    gst_cuda_download_check_planes(pxFrame, iWidth, iHeight, uQuarter);
-    Qv::CQvImage xHost;
+    Qv::CQvImage xHost, xBytes;
     xImage.CopyTo(xHost);
-    Qv::CQvImage xBytes;
     xHost.ConvertType(xBytes, Qv::EPixelType::Lum, Qv::EDataType::UByte);
-    const auto* pSrc = static_cast<const guint8*>(xBytes.GetDataPtr());
-    std::memcpy(pxFrame->data[0], pSrc, uLuma);
-    std::memcpy(pxFrame->data[1], pSrc + uLuma, uQuarter);
-    std::memcpy(pxFrame->data[2], pSrc + uLuma + uQuarter, uQuarter);
-    return;
-  }
-  if (xFormat.eDataType != Qv::EDataType::UByte) {
+    gst_cuda_download_copy_planes(pxFrame, static_cast<const guint8*>(xBytes.GetDataPtr()),
+                                  xBytes.GetFormat().GetRowBytes(),
+                                  Qv::Device::ECopyKind::HostToHost, self->parent.stream);
+  } else if (xFormat.eDataType == Qv::EDataType::UByte) {
+    gst_cuda_download_copy_planes(pxFrame, static_cast<const guint8*>(xImage.GetDevicePointer()),
+                                  xImage.GetDevicePitch(), Qv::Device::ECopyKind::DeviceToHost,
+                                  self->parent.stream);
+  } else {
     Qv::CQvString sText("a planar image of data type '");
     sText << Qv::CQvImageFormat::DataType2String(xFormat.eDataType)
           << "' cannot go into an 8-bit frame";
     QV_THROW(sText.ToCString());
   }
-  const int iQuarterRows = iHeight / 4;
-  const size_t uRow = static_cast<size_t>(iWidth);
-  gst_cuda_download_check_planes(pxFrame, iWidth, iHeight,
-                                 static_cast<guint64>(iQuarterRows) * uRow);
-  const auto* pDevice = static_cast<const guint8*>(xImage.GetDevicePointer());
-  const size_t uPitch = xImage.GetDevicePitch();
-  const cudaStream_t hStream = self->parent.stream;
-  const auto eKind = Qv::Device::ECopyKind::DeviceToHost;
-  Qv::Device::Copy2D(pxFrame->data[0], uRow, pDevice, uPitch, uRow, static_cast<size_t>(iHeight),
-                     eKind, hStream, true);
-  Qv::Device::Copy2D(pxFrame->data[1], uRow, pDevice + uPitch * iHeight, uPitch, uRow,
-                     static_cast<size_t>(iQuarterRows), eKind, hStream, true);
-  Qv::Device::Copy2D(pxFrame->data[2], uRow, pDevice + uPitch * (iHeight + iQuarterRows), uPitch,
-                     uRow, static_cast<size_t>(iQuarterRows), eKind, hStream, true);
-  Qv::Device::SynchronizeStream(hStream);
 }
 
 static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
@@ -345,9 +340,8 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
   GstVideoFrame xFrame;
   if (!gst_video_frame_map(&xFrame, &self->videoInfo, outbuf, GST_MAP_WRITE)) {
     Qv::OperatorMessage("MAPPING FAILED !!!\n");
-    GST_ELEMENT_WARNING(trans, STREAM, FAILED, ("Cannot map the output frame."),
-                        ("the frame goes on unwritten"));
-    return GST_FLOW_OK;
+    GST_ELEMENT_ERROR(trans, STREAM, FAILED, ("Cannot map the output frame."), (NULL));
+    return GST_FLOW_ERROR;
   }
   try {
     CVideoFrameMap xFrameMap(&xFrame);

@@ -152,6 +152,7 @@ static void gst_cuda_jpeg_sink_finalize(GObject* object) {
   delete self->pxTimes;
   g_free(self->sLocation);
   g_free(self->sInitError);
+  g_free(self->sLocationError);
   G_OBJECT_CLASS(gst_cuda_jpeg_sink_parent_class)->finalize(object);
 }
 
@@ -183,18 +184,20 @@ static void gst_cuda_jpeg_sink_set_property(GObject* object, guint prop_id, cons
     case PROP_LOCATION: {
       const gchar* szNew = g_value_get_string(value);
       const gchar* szFault = gst_cuda_jpeg_sink_pattern_fault(szNew);
+      // Without a bus yet the warning goes unseen: start fails on the refusal it keeps.
       if (szFault) {
         GST_OBJECT_LOCK(self);
-        gchar* szOld = g_strdup(self->sLocation);
+        g_free(self->sLocationError);
+        self->sLocationError =
+            g_strdup_printf("location \"%s\" refused: %s", szNew ? szNew : "(null)", szFault);
+        gchar* szText = g_strdup_printf("%s; \"%s\" stays", self->sLocationError, self->sLocation);
         GST_OBJECT_UNLOCK(self);
-        GST_ELEMENT_WARNING(
-            self, RESOURCE, SETTINGS,
-            ("location \"%s\" refused: %s; \"%s\" stays", szNew ? szNew : "(null)", szFault, szOld),
-            (NULL));
-        g_free(szOld);
+        GST_ELEMENT_WARNING(self, RESOURCE, SETTINGS, ("%s", szText), (NULL));
+        g_free(szText);
         return;
       }
       GST_OBJECT_LOCK(self);
+      g_clear_pointer(&self->sLocationError, g_free);
       g_free(self->sLocation);
       self->sLocation = g_strdup(szNew);
       GST_OBJECT_UNLOCK(self);
@@ -235,6 +238,13 @@ static gboolean gst_cuda_jpeg_sink_start(GstBaseSink* sink) {
     GST_ELEMENT_ERROR(self, RESOURCE, FAILED,
                       ("%s", self->sInitError ? self->sInitError : "no JPEG encoder"),
                       ("no platform buffer or encoder for %s", GST_OBJECT_NAME(self)));
+    return FALSE;
+  }
+  GST_OBJECT_LOCK(self);
+  g_autofree gchar* szLocationError = g_strdup(self->sLocationError);
+  GST_OBJECT_UNLOCK(self);
+  if (szLocationError) {
+    GST_ELEMENT_ERROR(self, RESOURCE, SETTINGS, ("%s", szLocationError), (NULL));
     return FALSE;
   }
   GST_INFO_OBJECT(self, "encoding with %s on the %s backend", self->pxEncoder->GetName(),

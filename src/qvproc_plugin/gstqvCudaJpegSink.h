@@ -34,11 +34,12 @@ typedef struct _GstQvCudaJpegSink {
   Qv::CQvCudaCompYUV* pxYuvComp;
   unsigned char* pJpegData;
   unsigned long uJpegSize;
-  // Besides those: the encoder, the size of the output area, and why instance
-  // init could not set up the device (null when it could).
+  // Besides those: the encoder, the size of the output area, why instance init could not set
+  // up the device, and why the last location set was refused (each null when nothing failed).
   NvJpegEncoder* pxEncoder;
   unsigned long uJpegCapacity;
   gchar* sInitError;
+  gchar* sLocationError;
 } GstQvCudaJpegSink;
 
 typedef struct _GstQvCudaJpegSinkClass {

@@ -14,8 +14,6 @@
 
 #include <gst/video/video.h>
 
-#include <algorithm>
-
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
@@ -128,9 +126,14 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
     gsize uOffset = 0;
     const guint64 uStride = UploadStride(self, inbuf, xIn.Size(), uOffset);
     // The last row needs no padding after it.
-    const guint64 uNeeded =
-        uHeight == 0 ? 0 : uOffset + std::max(uStride, uWidth) * (uHeight - 1) + uWidth;
-    if (xIn.Size() < uNeeded || uStride < uWidth) {
+    const guint64 uNeeded = uHeight == 0 ? 0 : uOffset + uStride * (uHeight - 1) + uWidth;
+    if (uStride < uWidth) {
+      Qv::CQvString sText("a row stride of ");
+      sText << static_cast<unsigned long>(uStride) << " bytes is shorter than a row of "
+            << static_cast<unsigned long>(uWidth) << " bytes";
+      QV_THROW(sText.ToCString());
+    }
+    if (xIn.Size() < uNeeded) {
       Qv::CQvString sText("in buffer holds ");
       sText << static_cast<unsigned long>(xIn.Size()) << " bytes, a " << self->width << "x"
             << self->height << " frame needs " << static_cast<unsigned long>(uNeeded);

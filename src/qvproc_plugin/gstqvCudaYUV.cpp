@@ -42,6 +42,7 @@ G_DEFINE_TYPE_WITH_CODE(GstQvCudaYUV, gst_cuda_yuv, GST_TYPE_QV_CUDA_BASE_TRANSF
 
 static GstCaps* gst_cuda_yuv_transform_caps(GstBaseTransform* trans, GstPadDirection direction,
                                             GstCaps* caps, GstCaps* filter);
+static gboolean gst_cuda_yuv_set_caps(GstBaseTransform* trans, GstCaps* incaps, GstCaps* outcaps);
 static GstFlowReturn gst_cuda_yuv_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,
                                                   GstBuffer* outbuf);
 
@@ -52,6 +53,7 @@ static void gst_cuda_yuv_class_init(GstQvCudaYUVClass* klass) {
                               &sink_template, &src_template,
                               GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_frame),
                               GST_DEBUG_FUNCPTR(gst_cuda_yuv_transform_caps));
+  GST_BASE_TRANSFORM_CLASS(klass)->set_caps = GST_DEBUG_FUNCPTR(gst_cuda_yuv_set_caps);
 }
 
 static void gst_cuda_yuv_init(GstQvCudaYUV* self) {
@@ -61,6 +63,13 @@ static void gst_cuda_yuv_init(GstQvCudaYUV* self) {
 static GstCaps* gst_cuda_yuv_transform_caps(GstBaseTransform* /*trans*/, GstPadDirection direction,
                                             GstCaps* caps, GstCaps* filter) {
   return defaultNegotiation(YUV_SINK_CAPS, YUV_SRC_CAPS, direction, caps, filter);
+}
+
+// Sizes whose planes the stacked image cannot hold are refused here, before the first frame.
+static gboolean gst_cuda_yuv_set_caps(GstBaseTransform* trans, GstCaps* /*incaps*/,
+                                      GstCaps* outcaps) {
+  GstVideoInfo xInfo;
+  return gst_video_info_from_caps(&xInfo, outcaps) && QvStackedI420Fits(GST_ELEMENT(trans), &xInfo);
 }
 
 static GstFlowReturn gst_cuda_yuv_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,

@@ -161,26 +161,32 @@ TEST_F(JpegSinkTest, NumberingStartsAtOneAndGoesOnOverAStopAndStart) {
   EXPECT_EQ(7u, Files().size());
 }
 
-TEST_F(JpegSinkTest, LocationPatternsAreCheckedWhenSet) {
-  Start(16, 8);
-  const auto Location = [this] {
-    g_autofree gchar* sz = NULL;
-    g_object_get(m_pxHarness->element, "location", &sz, NULL);
-    return std::string(sz + m_sDir.size() + 1);
-  };
-  SetLocation("before%d");
-  for (const char* szPattern : {"%s", "%n", "%d%d", "%lld", "%*d", "%", "x%", "%5.d%"}) {
+// A refused pattern fails the next start, naming it, even where no bus saw the refusal; no frame
+// goes to the default name in the working folder.
+TEST_F(JpegSinkTest, ARefusedLocationFailsStartAndGoodPatternsNameTheFiles) {
+  const auto xCwd = std::filesystem::current_path();
+  std::filesystem::current_path(m_sDir);
+  gst_element_set_state(m_pxHarness->element, GST_STATE_NULL);
+  for (const char* szPattern : {"o/x%s.jpg", "%n", "%d%d", "%ld", "%*d", "%", "x%", "%5.d%"}) {
+    gst_element_set_bus(m_pxHarness->element, NULL);
     SetLocation(szPattern);
-    EXPECT_EQ("before%d", Location()) << szPattern;
-    EXPECT_NE(std::string::npos, BusText().find("refused")) << szPattern;
+    gst_element_set_bus(m_pxHarness->element, m_pxBus);
+    EXPECT_EQ(GST_STATE_CHANGE_FAILURE,
+              gst_element_set_state(m_pxHarness->element, GST_STATE_PLAYING));
+    EXPECT_NE(GST_FLOW_OK, Push(16, 8));
+    EXPECT_NE(std::string::npos, BusText().find(m_sDir + "/" + szPattern + "\" refused"));
   }
+  EXPECT_EQ(std::vector<std::string>{}, Files());
+  std::filesystem::current_path(xCwd);
+  SetLocation("before%d");
+  gst_harness_play(m_pxHarness);
+  Start(16, 8);
   // Each good pattern names the next frame's file; one too long names none.
   const std::string s300(300, 'a');
   const std::pair<std::string, std::string> xGood[] = {
       {"f%05d.jpg", "f00001.jpg"}, {"%x", "2"}, {"%%d_%d", "%d_3"}, {"%#x", "0x4"}, {s300, ""}};
   for (const auto& r : xGood) {
     SetLocation(r.first);
-    EXPECT_EQ(r.first, Location());
     const size_t uBefore = Files().size();
     ASSERT_EQ(GST_FLOW_OK, Push(16, 8)) << r.first;
     EXPECT_EQ(r.second.empty(), BusText().find("longer than 255") != std::string::npos);

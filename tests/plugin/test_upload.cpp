@@ -59,18 +59,15 @@ TEST(Upload, EveryRowLayoutBecomesPackedBayerGR) {
   };
   for (const SLayout& x : xTable) {
     SCOPED_TRACE(std::string(x.szCaps) + " stride " + std::to_string(x.uStride));
-    GstHarness* pxHarness = gst_harness_new("qvcudaupload");
-    gst_harness_set_src_caps_str(pxHarness, (std::string(x.szCaps) + ",framerate=30/1").c_str());
+    auto h = QvTest::Harness("qvcudaupload", (std::string(x.szCaps) + ",framerate=30/1").c_str());
     std::vector<uint8_t> xPacked;
-    GstBuffer* pxOut = gst_harness_push_and_pull(pxHarness, StridedFrame(x, xPacked));
+    g_autoptr(GstBuffer) pxOut = gst_harness_push_and_pull(h.get(), StridedFrame(x, xPacked));
     ASSERT_NE(nullptr, pxOut);
     const CQvImage xImage = QvTest::DownloadBufferImage(pxOut);
     EXPECT_EQ(CQvImageFormat(x.iWidth, x.iHeight, EPixelType::BayerGR, EDataType::UByte),
               xImage.GetFormat());
     ASSERT_EQ(xPacked.size(), xImage.GetFormat().GetImageBytes());
     EXPECT_EQ(0, std::memcmp(xPacked.data(), xImage.GetDataPtr(), xPacked.size()));
-    gst_buffer_unref(pxOut);
-    gst_harness_teardown(pxHarness);
   }
 }
 
@@ -92,23 +89,21 @@ TEST(Upload, OddWidthFromARealSourceKeepsAFlatFrameFlat) {
 }
 
 TEST(Upload, CarriesTimestampsAndCameraMeta) {
-  GstHarness* pxHarness = gst_harness_new("qvcudaupload");
-  gst_harness_set_src_caps_str(pxHarness,
-                               "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
+  auto h =
+      QvTest::Harness("qvcudaupload", "video/x-raw,format=GRAY8,width=4,height=2,framerate=30/1");
   GstBuffer* pxIn = QvTest::WithMeta(QvTest::BufferFromBytes(QvTest::FrameBytes(8, 3)),
                                      40 * GST_MSECOND, 0.0125f, 3.0f);
-  GstBuffer* pxOut = gst_harness_push_and_pull(pxHarness, pxIn);
+  g_autoptr(GstBuffer) pxOut = gst_harness_push_and_pull(h.get(), pxIn);
   ASSERT_NE(nullptr, pxOut);
   QvTest::ExpectMeta(pxOut, 40 * GST_MSECOND, 0.0125f, 3.0f);
-  gst_buffer_unref(pxOut);
-  gst_harness_teardown(pxHarness);
 }
 
-TEST(Upload, ShortBuffersFailTheFrameWithTheirSizes) {
+TEST(Upload, ShortBuffersAndRowsFailTheFrameWithTheirSizes) {
   struct {
     const char* szCaps;
     size_t uBytes;
     const char* szMessage;
+    gint iMetaStride = 0;
   } const xTable[] = {
       {"video/x-raw,format=GRAY8,width=16,height=8", 100,
        "in buffer holds 100 bytes, a 16x8 frame needs 128"},
@@ -118,19 +113,19 @@ TEST(Upload, ShortBuffersFailTheFrameWithTheirSizes) {
       // 2^31-1 squared wraps 32 bits: the frame must fail as too short, not pass.
       {"video/x-bayer,format=grbg,width=2147483647,height=2147483647", 64,
        "frame needs 4611686014132420609"},
+      {"video/x-raw,format=GRAY8,width=64,height=48", 3072,
+       "a row stride of 10 bytes is shorter than a row of 64 bytes", 10},
   };
   for (const auto& x : xTable) {
     SCOPED_TRACE(x.szCaps);
-    GstHarness* pxHarness = gst_harness_new("qvcudaupload");
-    gst_harness_set_src_caps_str(pxHarness, (std::string(x.szCaps) + ",framerate=30/1").c_str());
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(
-        GST_FLOW_ERROR,
-        gst_harness_push(pxHarness, QvTest::BufferFromBytes(QvTest::FrameBytes(x.uBytes, 5))));
-    const std::string sOut = testing::internal::GetCapturedStdout();
+    auto h = QvTest::Harness("qvcudaupload", (std::string(x.szCaps) + ",framerate=30/1").c_str());
+    GstBuffer* pxIn = QvTest::BufferFromBytes(QvTest::FrameBytes(x.uBytes, 5));
+    if (x.iMetaStride)  // a video meta with a stride of its own
+      gst_buffer_add_video_meta(pxIn, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_FORMAT_GRAY8, 64, 48)
+          ->stride[0] = x.iMetaStride;
+    const std::string sOut = QvTest::PushCaptured(h.get(), pxIn, GST_FLOW_ERROR);
     EXPECT_NE(std::string::npos, sOut.find("exception catched: "));
     EXPECT_NE(std::string::npos, sOut.find(x.szMessage)) << sOut;
-    gst_harness_teardown(pxHarness);
   }
 }
 

@@ -33,3 +33,27 @@ TEST(YuvElement, WhiteFrameBecomesAStackedLumImageUnderI420CapsAndFailuresSayWhy
       gst_pad_get_current_caps(h->sinkpad),
       "video/x-raw,format=I420,colorimetry=1:4:0:0,width=6,height=4,framerate=25/1"));
 }
+
+// Sizes whose chroma planes the stacked image cannot hold are refused before the first frame.
+TEST(YuvElement, I420SizesTheStackedImageCannotHoldAreRefusedAtNegotiation) {
+  ASSERT_TRUE(qv_register_host_elements());
+  // The last one is I420 into the download alone.
+  const int aSizes[][2] = {{64, 47}, {63, 48}, {64, 46}, {62, 46}};
+  for (const auto& a : aSizes) {
+    const std::string sSize = std::to_string(a[0]) + "x" + std::to_string(a[1]);
+    const bool bAlone = &a == &aSizes[3];
+    auto h = QvTest::Harness(bAlone ? "qvcudadownload" : "qvcudayuv", nullptr);
+    g_autoptr(GstBus) pxBus = gst_bus_new();
+    gst_element_set_bus(h->element, pxBus);
+    gst_harness_set_src_caps(
+        h.get(),
+        gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, bAlone ? "I420" : "RGBA",
+                            "width", G_TYPE_INT, a[0], "height", G_TYPE_INT, a[1], NULL));
+    EXPECT_EQ(GST_FLOW_NOT_NEGOTIATED, gst_harness_push(h.get(), gst_buffer_new()));
+    g_autoptr(GstMessage) pxError = gst_bus_pop_filtered(pxBus, GST_MESSAGE_ERROR);
+    gst_bus_set_flushing(pxBus, TRUE);
+    EXPECT_TRUE(pxError && QvTest::MessageText(pxError).find("I420 frame of " + sSize +
+                                                             " is not") != std::string::npos)
+        << sSize;
+  }
+}
