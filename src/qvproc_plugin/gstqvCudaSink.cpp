@@ -54,6 +54,7 @@ static void gst_cuda_sink_set_property(GObject* object, guint prop_id, const GVa
 static void gst_cuda_sink_get_property(GObject* object, guint prop_id, GValue* value,
                                        GParamSpec* pspec);
 static GstFlowReturn gst_cuda_sink_render(GstBaseSink* sink, GstBuffer* buffer);
+static gboolean gst_cuda_sink_stop(GstBaseSink* sink);
 
 static void gst_cuda_sink_class_init(GstQvCudaSinkClass* klass) {
   GObjectClass* pxObjectClass = G_OBJECT_CLASS(klass);
@@ -74,6 +75,7 @@ static void gst_cuda_sink_class_init(GstQvCudaSinkClass* klass) {
   gst_element_class_add_static_pad_template(pxElementClass, &sink_template);
 
   pxSinkClass->render = GST_DEBUG_FUNCPTR(gst_cuda_sink_render);
+  pxSinkClass->stop = GST_DEBUG_FUNCPTR(gst_cuda_sink_stop);
 }
 
 static void gst_cuda_sink_init(GstQvCudaSink* self) {
@@ -83,15 +85,23 @@ static void gst_cuda_sink_init(GstQvCudaSink* self) {
   self->bMipMapAtStart = DEFAULT_MIPMAP;
 }
 
-// The window goes with the element, so that a process that builds pipeline after pipeline
-// keeps no thread, window or X11 connection per run.
+// The window, its thread and its X11 connection end at PAUSED to READY (not with the process,
+// as the spec has it, where a thread still drawing crashes the host's exit) and with the
+// element; the next start opens a new window. Streaming has stopped here.
+static gboolean gst_cuda_sink_stop(GstBaseSink* sink) {
+  GstQvCudaSink* self = GST_CUDA_SINK(sink);
+  GST_OBJECT_LOCK(self);
+  CNativeWindowX11GLX* pxWindow = self->pxWindow;
+  if (pxWindow) self->bMipMapAtStart = pxWindow->bMipMap;
+  self->pxWindow = NULL;
+  GST_OBJECT_UNLOCK(self);
+  delete pxWindow;  // joins the thread
+  return TRUE;
+}
+
 static void gst_cuda_sink_finalize(GObject* object) {
   GstQvCudaSink* self = GST_CUDA_SINK(object);
-  if (self->pxWindow) {
-    self->pxWindow->CloseWindow();
-    delete self->pxWindow;
-    self->pxWindow = NULL;
-  }
+  gst_cuda_sink_stop(GST_BASE_SINK(object));
   delete self->pxTimes;
   self->pxTimes = NULL;
   G_OBJECT_CLASS(gst_cuda_sink_parent_class)->finalize(object);
@@ -161,13 +171,7 @@ static void gst_cuda_sink_count_frame(GstQvCudaSink* self) {
 
 static GstFlowReturn gst_cuda_sink_render(GstBaseSink* sink, GstBuffer* buffer) {
   GstQvCudaSink* self = GST_CUDA_SINK(sink);
-  if (!self->pxWindow) {
-    gst_cuda_sink_make_window(self);
-  } else if (self->pxWindow->IsClosed()) {
-    // As GStreamer's own video sinks do when the user closes their window.
-    GST_ELEMENT_ERROR(self, RESOURCE, NOT_FOUND, ("Output window was closed"), (NULL));
-    return GST_FLOW_ERROR;
-  }
+  if (!self->pxWindow) gst_cuda_sink_make_window(self);
   gst_cuda_sink_count_frame(self);
 
   try {
@@ -189,5 +193,11 @@ static GstFlowReturn gst_cuda_sink_render(GstBaseSink* sink, GstBuffer* buffer) 
   } catch (const Qv::CQvException& e) {
     Qv::OperatorMessage("%s\n", e.ToString(true).ToCString());
   }
-  return GST_FLOW_OK;
+  if (!self->pxWindow->IsClosed()) return GST_FLOW_OK;
+  // The window's thread has ended by itself: the user closed the window (reported as GStreamer's
+  // own video sinks do), or X11, GL or the device failed it.
+  const std::string& sError = self->pxWindow->GetError();
+  GST_ELEMENT_ERROR(self, RESOURCE, NOT_FOUND,
+                    ("%s", sError.empty() ? "Output window was closed" : sError.c_str()), (NULL));
+  return GST_FLOW_ERROR;
 }

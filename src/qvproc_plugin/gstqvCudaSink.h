@@ -17,7 +17,7 @@ typedef struct _GstQvCudaSink {
   // Wall-clock milliseconds of the last frames, oldest first; at most 26.
   std::deque<gint64>* pxTimes;
   guint32 uFrames;
-  // Made at the first frame, closed at finalize. Written under the object lock.
+  // Made at the first frame, closed at stop and finalize. Written under the object lock.
   CNativeWindowX11GLX* pxWindow;
   gboolean bMipMapAtStart;
 } GstQvCudaSink;

@@ -1,7 +1,7 @@
 #include "nativewindow_glx.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
 #include "QvDevice.h"
 #include "QvException.h"
@@ -54,20 +54,62 @@ GLXContext AsContext(__GLXcontextRec* p) {
   return reinterpret_cast<GLXContext>(p);
 }
 
-GLuint CompileShader(GLenum eKind, const char* szSource, const char* szFailure) {
+// The shader, or 0 and the compiler's log.
+GLuint CompileShader(GLenum eKind, const char* szSource, std::string& sLog) {
   const GLuint uShader = glCreateShader(eKind);
   glShaderSource(uShader, 1, &szSource, nullptr);
   glCompileShader(uShader);
   GLint iStatus = 0;
   glGetShaderiv(uShader, GL_COMPILE_STATUS, &iStatus);
-  if (!iStatus) {
-    char szLog[2048] = {};
-    glGetShaderInfoLog(uShader, sizeof(szLog), nullptr, szLog);
-    Qv::OperatorMessage("%s", szFailure);
-    Qv::OperatorMessage("%s\n", szLog);
-    std::exit(1);
-  }
-  return uShader;
+  if (iStatus) return uShader;
+  char szLog[2048] = {};
+  glGetShaderInfoLog(uShader, sizeof(szLog), nullptr, szLog);
+  sLog = szLog;
+  return 0;
+}
+
+// Xlib's error handlers are the process's: the errors of a window's connection, which only its
+// thread reads, end that window; all others go to the handlers found at installation.
+thread_local CNativeWindowX11GLX* t_pxWindow = nullptr;
+std::mutex g_xHandlerLock;
+int g_iWindows = 0;
+std::atomic<XErrorHandler> g_pfnOtherErrors{nullptr};
+std::atomic<XIOErrorHandler> g_pfnOtherIOErrors{nullptr};
+
+bool Own(Display* pxDpy) {
+  return t_pxWindow && AsDisplay(t_pxWindow->pxDisplay) == pxDpy;
+}
+
+int OnXError(Display* pxDpy, XErrorEvent* pxEvent) {
+  if (!Own(pxDpy)) return g_pfnOtherErrors ? g_pfnOtherErrors(pxDpy, pxEvent) : 0;
+  char szText[160] = {};
+  XGetErrorText(pxDpy, pxEvent->error_code, szText, sizeof(szText));
+  return t_pxWindow->Fail(std::string("X error: ") + szText + "\n");
+}
+
+int OnXIOError(Display* pxDpy) {
+  if (!Own(pxDpy)) return g_pfnOtherIOErrors ? g_pfnOtherIOErrors(pxDpy) : 0;
+  return t_pxWindow->Fail("\n\tX server connection lost\n\n");
+}
+
+// Installs, or puts back where ours is still the present one: a later handler may chain to it.
+template <class H>
+void Hook(H (*pfnSet)(H), H pfnOurs, std::atomic<H>& pfnOther, bool bInstall) {
+  if (bInstall && !pfnOther) pfnOther = pfnSet(pfnOurs);
+  if (bInstall) return;
+  const H pfnNow = pfnSet(pfnOther);
+  if (pfnNow == pfnOurs)
+    pfnOther = nullptr;
+  else
+    pfnSet(pfnNow);
+}
+
+void WatchXErrors(CNativeWindowX11GLX* pxWindow) {
+  std::lock_guard<std::mutex> xLock(g_xHandlerLock);
+  t_pxWindow = pxWindow;
+  if (pxWindow ? ++g_iWindows > 1 : --g_iWindows > 0) return;
+  Hook(XSetErrorHandler, OnXError, g_pfnOtherErrors, pxWindow);
+  Hook(XSetIOErrorHandler, OnXIOError, g_pfnOtherIOErrors, pxWindow);
 }
 
 }  // namespace
@@ -90,6 +132,15 @@ void CNativeWindowX11GLX::CreateNativeThreaded(int x, int y, int width, int heig
   pxThread = new std::thread(InvokeCreateWindow, this, x, y, width, height);
 }
 
+bool CNativeWindowX11GLX::Fail(const std::string& sText) {
+  if (bClosed) return false;  // the first failure, or the user's close, is the cause
+  Qv::OperatorMessage("%s", sText.c_str());
+  const size_t uFirst = sText.find_first_not_of("\n\t");
+  sError = sText.substr(uFirst, sText.find_last_not_of("\n\t") + 1 - uFirst);
+  bClosed = true;
+  return false;
+}
+
 void CNativeWindowX11GLX::CloseWindow() {
   std::thread* pxOld = nullptr;
   {
@@ -105,19 +156,18 @@ void CNativeWindowX11GLX::CloseWindow() {
 int CNativeWindowX11GLX::CreateContext() {
   // Several windows, each on its own thread with its own connection.
   XInitThreads();
+  // A plugin never ends its host (the spec's exit): the sink reports the failure instead.
   Display* pxDpy = XOpenDisplay(nullptr);
-  if (!pxDpy) {
-    Qv::OperatorMessage("\n\tcannot connect to X server\n\n");
-    std::exit(0);
-  }
+  if (!pxDpy) return Fail("\n\tcannot connect to X server\n\n"), -1;
   pxDisplay = reinterpret_cast<_XDisplay*>(pxDpy);
+  WatchXErrors(this);
+  // Where the server goes away, Xlib's default exit here would end the process.
+  XSetIOErrorExitHandler(
+      pxDpy, [](Display*, void*) {}, nullptr);
   Qv::OperatorMessage("XOpenDisplay success: \n");
   GLint aiAttributes[] = {GLX_RGBA, None};
   XVisualInfo* pxVi = glXChooseVisual(pxDpy, DefaultScreen(pxDpy), aiAttributes);
-  if (!pxVi) {
-    Qv::OperatorMessage("\n\tno appropriate visual found\n\n");
-    std::exit(0);
-  }
+  if (!pxVi) return Fail("\n\tno appropriate visual found\n\n"), -1;
   pxVisual = pxVi;
   Qv::OperatorMessage("\n\tvisual %p selected\n", reinterpret_cast<void*>(pxVi->visualid));
   const Window xRoot = RootWindow(pxDpy, pxVi->screen);
@@ -134,8 +184,9 @@ int CNativeWindowX11GLX::CreateContext() {
   XMapWindow(pxDpy, xWindow);
   XStoreName(pxDpy, xWindow, "QvCudaSink");
   xContext = reinterpret_cast<__GLXcontextRec*>(glXCreateContext(pxDpy, pxVi, nullptr, True));
-  if (!glXMakeCurrent(pxDpy, xWindow, AsContext(xContext)))
-    Qv::OperatorMessage("Cannot make context current on create context");
+  // Without a current context the GL calls that follow would crash.
+  if (!xContext || !glXMakeCurrent(pxDpy, xWindow, AsContext(xContext)))
+    return Fail("Cannot make context current on create context"), -1;
   ReshapeWindow(kWindowWidth, kWindowHeight);
   XSelectInput(pxDpy, xWindow,
                KeyPressMask | EnterWindowMask | LeaveWindowMask | PointerMotionMask |
@@ -151,23 +202,23 @@ int CNativeWindowX11GLX::CreateNativeWindow(int /*x*/, int /*y*/, int width, int
     std::fprintf(stderr, "Error: %s\n", reinterpret_cast<const char*>(glewGetErrorString(eGlew)));
   Qv::OperatorMessage("Status: Using GLEW %s\n",
                       reinterpret_cast<const char*>(glewGetString(GLEW_VERSION)));
-  CreateShaders();
+  if (!CreateShaders()) return -1;
   ReshapeWindow(width, height);
   pxTexture = new Qv::OpenGL::CTexture2D();
   try {
     pxStream = Qv::Device::CreateStream();
   } catch (const Qv::CQvException& e) {
-    Qv::OperatorMessage("%s\n", e.ToString(true).ToCString());
-    return -1;
+    return Fail(std::string(e.ToString(true).ToCString()) + "\n"), -1;
   }
   return 0;
 }
 
-void CNativeWindowX11GLX::CreateShaders() {
-  const GLuint uFragment = CompileShader(GL_FRAGMENT_SHADER, fragShaderText,
-                                         "Error: fragment shader did not compile!\n");
-  const GLuint uVertex =
-      CompileShader(GL_VERTEX_SHADER, vertShaderText, "Error: vertex shader did not compile!\n");
+bool CNativeWindowX11GLX::CreateShaders() {
+  std::string sLog;
+  const GLuint uFragment = CompileShader(GL_FRAGMENT_SHADER, fragShaderText, sLog);
+  if (!uFragment) return Fail("Error: fragment shader did not compile!\n" + sLog + "\n");
+  const GLuint uVertex = CompileShader(GL_VERTEX_SHADER, vertShaderText, sLog);
+  if (!uVertex) return Fail("Error: vertex shader did not compile!\n" + sLog + "\n");
   uProgram = glCreateProgram();
   glAttachShader(uProgram, uFragment);
   glAttachShader(uProgram, uVertex);
@@ -177,13 +228,13 @@ void CNativeWindowX11GLX::CreateShaders() {
   if (!iStatus) {
     char szLog[1000] = {};
     glGetProgramInfoLog(uProgram, sizeof(szLog), nullptr, szLog);
-    Qv::OperatorMessage("Error: linking:\n%s\n", szLog);
-    std::exit(1);
+    return Fail("Error: linking:\n" + std::string(szLog) + "\n");
   }
   // They go with the program.
   glDeleteShader(uFragment);
   glDeleteShader(uVertex);
   glUseProgram(uProgram);
+  return true;
 }
 
 void CNativeWindowX11GLX::MainLoop() {
@@ -217,6 +268,12 @@ void CNativeWindowX11GLX::UpdateTexture(Qv::CQvDeviceImage2D* image) {
     const Qv::CQvImageFormat& xFormat = image->GetFormat();
     fImageAspect = static_cast<float>(xFormat.iWidth) / static_cast<float>(xFormat.iHeight);
     MakeCurrent();
+    GLint iMax = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &iMax);
+    if (std::max(xFormat.iWidth, xFormat.iHeight) > iMax)
+      return void(Fail("frame " + std::to_string(xFormat.iWidth) + " x " +
+                       std::to_string(xFormat.iHeight) + " is larger than the GL texture limit " +
+                       std::to_string(iMax) + "\n"));
     pxTexture->Set(*image, bMipMap, true, pxStream);
     ++uShown;
     Process(pxTexture->GetId());
@@ -342,4 +399,5 @@ void CNativeWindowX11GLX::DestroyContext() {
   pxVisual = nullptr;
   XCloseDisplay(pxDpy);
   pxDisplay = nullptr;
+  WatchXErrors(nullptr);
 }

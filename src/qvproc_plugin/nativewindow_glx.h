@@ -44,7 +44,7 @@ class CNativeWindowX11GLX {
   // Window thread.
   int CreateNativeWindow(int x, int y, int width, int height);
   int CreateContext();
-  void CreateShaders();
+  bool CreateShaders();
   void MainLoop();
   void UpdateTexture(Qv::CQvDeviceImage2D* image);
   void Process(unsigned int texture);
@@ -62,9 +62,13 @@ class CNativeWindowX11GLX {
   void SetExposure(int delta);
   void IncreaseIOCTL_Value(int camera, int delta, std::string control);
 
-  // True once the thread has ended by itself: the window manager closed the window, or it
-  // could not start.
+  // True once the thread has ended by itself: the window manager closed the window, or X11,
+  // GL or the device failed it (GetError).
   bool IsClosed() const { return bClosed.load(); }
+  // Ends the thread, not the process, at its first failure: prints the text, keeps it trimmed
+  // for GetError, which is valid once IsClosed, and returns false. On the window thread.
+  bool Fail(const std::string& sText);
+  const std::string& GetError() const { return sError; }
   // Frames taken into the texture, and frames dropped because the window was busy.
   uint64_t GetShownCount() const { return uShown.load(); }
   uint64_t GetSkippedCount() const { return uSkipped.load(); }
@@ -105,6 +109,7 @@ class CNativeWindowX11GLX {
 
   std::mutex xThreadLock;
   std::atomic<bool> bClosed{false};
+  std::string sError;
   std::atomic<uint64_t> uShown{0};
   std::atomic<uint64_t> uSkipped{0};
   void* pxVisual = nullptr;  // XVisualInfo

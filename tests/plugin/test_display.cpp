@@ -38,11 +38,13 @@ using Clock = std::chrono::steady_clock;
 using Expectation = std::function<bool(int, int, uint32_t&)>;
 Display* g_pxX = nullptr;  // the test's own connection
 pid_t g_iXvfb = -1;
+bool g_bEnded = false;  // an exit before the end, whatever its status, fails the run
 
 // An X server on a display number that Xvfb picks itself.
 class CXvfb : public ::testing::Environment {
  public:
   void SetUp() override {
+    std::atexit([] { g_bEnded ? void() : std::_Exit(1); });
     int aiPipe[2];
     if (pipe(aiPipe) != 0) return;
     if ((g_iXvfb = fork()) == 0) {
@@ -60,6 +62,7 @@ class CXvfb : public ::testing::Environment {
     fclose(pxIn);
   }
   void TearDown() override {
+    g_bEnded = true;
     if (g_pxX) XCloseDisplay(g_pxX);
     if (g_iXvfb > 0) kill(g_iXvfb, SIGTERM), waitpid(g_iXvfb, nullptr, 0);
   }
@@ -335,13 +338,40 @@ int CountEntries(const char* szDir) {
   return static_cast<int>(std::distance(std::filesystem::directory_iterator(szDir), {}));
 }
 
-// Runs a camera pipeline into the sink; with bClose, the window manager's close button is
-// pressed once the window is up. The bus's error text, empty at a clean end.
-std::string RunPipeline(int iFrames, bool bClose) {
-  QvTest::CPipeline xPipeline("videotestsrc num-buffers=" + std::to_string(iFrames) +
-                              " ! video/x-raw,format=GRAY8,width=64,height=48,framerate=30/1 ! "
-                              "qvcudaupload ! qvcudadebayer ! qvcudasink sync=false");
-  if (bClose && WaitFor([] { return FindSinkWindows() != 0; })) {
+// NULL ends the window and its thread; PLAYING opens a new one. Both cores are kept busy.
+TEST_F(DisplaySink, NullEndsTheWindowAndItsThreadAndPlayingOpensANewOne) {
+  std::atomic<bool> bBusy{true};
+  std::vector<std::thread> xBusy;
+  for (int i = 0; i < 2; ++i)
+    xBusy.emplace_back([&] {
+      while (bBusy) continue;
+    });
+  const int iThreads = CountEntries("/proc/self/task");
+  const Qv::CQvImage xFrame = MakeFrame(800, 600, Block);
+  for (int i = 0, iWindows = -1; i < 3; ++i) {
+    i % 2 ? Push(xFrame) : Show(xFrame);  // odd runs stop a window that is still starting
+    gst_element_set_state(m_pxH->element, GST_STATE_NULL);
+    EXPECT_EQ(iThreads, CountEntries("/proc/self/task")) << "run " << i;
+    EXPECT_EQ(0, (FindSinkWindows(&iWindows), iWindows)) << "run " << i;
+    gst_harness_play(m_pxH);
+    gst_harness_set_src_caps_str(m_pxH, "video/x-raw,format=RGBA,width=8,height=8,framerate=0/1");
+  }
+  bBusy = false;
+  for (std::thread& x : xBusy) x.join();
+}
+
+// Runs a camera pipeline of frames iWidth wide into the sink; once the window is up, the window
+// manager's close button is pressed, or another client destroys it. The bus's error text, empty
+// at a clean end.
+enum EOnWindow { kNothing, kClose, kDestroy };
+std::string RunPipeline(int iFrames, EOnWindow eOnWindow, int iWidth = 64) {
+  QvTest::CPipeline xPipeline(
+      "videotestsrc num-buffers=" + std::to_string(iFrames) +
+      " ! video/x-raw,format=GRAY8,height=48,framerate=30/1,width=" + std::to_string(iWidth) +
+      " ! qvcudaupload ! qvcudadebayer ! qvcudasink sync=false");
+  if (eOnWindow == kDestroy && WaitFor([] { return FindSinkWindows() != 0; }))
+    XDestroyWindow(g_pxX, FindSinkWindows()), XSync(g_pxX, False);
+  if (eOnWindow == kClose && WaitFor([] { return FindSinkWindows() != 0; })) {
     XEvent x = {};
     x.xclient.type = ClientMessage;
     x.xclient.window = FindSinkWindows();
@@ -358,18 +388,33 @@ std::string RunPipeline(int iFrames, bool bClose) {
 
 TEST(DisplayPipeline, EndsCleanlyAndLeavesNoThreadWindowOrConnection) {
   if (!g_pxX) GTEST_SKIP() << "Xvfb is not installed: the display tests need it";
-  EXPECT_EQ("error: Output window was closed", RunPipeline(100000, true));
+  EXPECT_EQ("error: Output window was closed", RunPipeline(100000, kClose));
   const int iThreads = CountEntries("/proc/self/task"), iFds = CountEntries("/proc/self/fd");
   testing::internal::CaptureStdout();
-  for (int i = 0; i < 10; ++i) ASSERT_EQ("", RunPipeline(i ? 10 : 50, false)) << "run " << i;
+  for (int i = 0; i < 10; ++i) ASSERT_EQ("", RunPipeline(i ? 10 : 50, kNothing)) << "run " << i;
   const std::string sOut = testing::internal::GetCapturedStdout();
   int iFps = 0, iWindows = -1;
   for (size_t i = sOut.find("FPS: "); i != std::string::npos; i = sOut.find("FPS: ", i + 1)) ++iFps;
   EXPECT_EQ(2, iFps) << "one rate every 25 frames";
   FindSinkWindows(&iWindows);
   EXPECT_EQ(0, iWindows);
-  EXPECT_LE(CountEntries("/proc/self/task"), iThreads);
+  // GLib's pool lets the streaming threads of the runs end in their own time.
+  EXPECT_TRUE(WaitFor([&] { return CountEntries("/proc/self/task") <= iThreads; }));
   EXPECT_EQ(iFds, CountEntries("/proc/self/fd")) << "an X11 connection stayed open";
+}
+
+// Plugins never end their host: what the window can't do ends the pipeline with an error.
+TEST(DisplayPipeline, WindowFailuresAreElementErrorsAndNeverEndTheProcess) {
+  if (!g_pxX) GTEST_SKIP() << "Xvfb is not installed: the display tests need it";
+  // GL_MAX_TEXTURE_SIZE is 16384 in Mesa and 32768 on NVIDIA.
+  std::string s = RunPipeline(100000, kNothing, 40000);
+  EXPECT_EQ(0u, s.find("error: frame 40000 x 48 is larger than the GL texture limit")) << s;
+  s = RunPipeline(100000, kDestroy);
+  EXPECT_EQ(0u, s.find("error: X error: Bad")) << s;
+  const std::string sDisplay = getenv("DISPLAY");
+  setenv("DISPLAY", ":32767", 1);
+  EXPECT_EQ("error: cannot connect to X server", RunPipeline(100000, kNothing));
+  setenv("DISPLAY", sDisplay.c_str(), 1);
 }
 
 }  // namespace
