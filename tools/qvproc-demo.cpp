@@ -65,7 +65,7 @@ SOptions ParseArgs(int argc, char** argv) {
   return x;
 }
 
-// The sink's window needs an X server; without one it would end the process.
+// The sink's window needs an X server; without one the pipeline would only end in an error.
 bool HaveDisplay() {
   Display* pxDisplay = XOpenDisplay(nullptr);
   if (!pxDisplay) return false;

@@ -85,9 +85,9 @@ static void gst_cuda_sink_init(GstQvCudaSink* self) {
   self->bMipMapAtStart = DEFAULT_MIPMAP;
 }
 
-// The window, its thread and its X11 connection end at PAUSED to READY (not with the process,
-// as the spec has it, where a thread still drawing crashes the host's exit) and with the
-// element; the next start opens a new window. Streaming has stopped here.
+// The window, its thread and its X11 connection end at PAUSED to READY and with the element,
+// never later: a thread still drawing while the host application exits crashes it. The next
+// start opens a new window. Streaming has stopped here.
 static gboolean gst_cuda_sink_stop(GstBaseSink* sink) {
   GstQvCudaSink* self = GST_CUDA_SINK(sink);
   GST_OBJECT_LOCK(self);

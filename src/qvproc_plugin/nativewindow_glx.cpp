@@ -156,7 +156,7 @@ void CNativeWindowX11GLX::CloseWindow() {
 int CNativeWindowX11GLX::CreateContext() {
   // Several windows, each on its own thread with its own connection.
   XInitThreads();
-  // A plugin never ends its host (the spec's exit): the sink reports the failure instead.
+  // A plugin never ends its host: each failure ends this thread, and the sink reports it.
   Display* pxDpy = XOpenDisplay(nullptr);
   if (!pxDpy) return Fail("\n\tcannot connect to X server\n\n"), -1;
   pxDisplay = reinterpret_cast<_XDisplay*>(pxDpy);
