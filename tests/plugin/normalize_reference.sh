@@ -18,7 +18,7 @@ gst-inspect-1.0 qvcudanormalize >"$P/log" 2>&1 || fail "gst-inspect-1.0 ended wi
 grep -q "$cause" "$P/log" || fail "no cause printed: $(cat "$P/log")"
 
 timeout 60 gst-launch-1.0 videotestsrc num-buffers=1 ! video/x-bayer,format=grbg,width=64,height=48 \
-  ! qvcudaupload ! qvcudadebayer ! qvcudanormalize name=norm ! fakesink >"$P/log" 2>&1 \
+  ! qvcudaupload ! qvcudadebayer ! qvcudanormalize name=norm ! fakesink async=false >"$P/log" 2>&1 \
   && fail "a frame passed without reference"
 grep -q "from element /GstPipeline:pipeline0/GstQvCudaNormalize:norm: no gray reference image: '$P/bomb.png'" \
   "$P/log" || fail "no element error on the bus: $(cat "$P/log")"
