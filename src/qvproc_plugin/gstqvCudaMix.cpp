@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include "QvDevice.h"
 #include "QvException.h"
@@ -226,6 +227,16 @@ static void gst_cudamixer2_collect_free(GstCollectData* data) {
   gst_buffer_replace(&pxCol->buffer, NULL);
   // A buffer waiting for its successor dies with the pad as well.
   gst_buffer_replace(&pxCol->queued, NULL);
+  gst_caps_replace(&pxCol->queued_caps, NULL);
+  gst_caps_replace(&pxCol->pending_caps, NULL);
+}
+
+static bool PadNameInUse(GstCudaMixer2* self, guint uSerial) {
+  gchar szName[16];
+  g_snprintf(szName, sizeof(szName), "sink_%u", uSerial);
+  for (GSList* l = self->sinkpads; l; l = l->next)
+    if (g_strcmp0(GST_PAD_NAME(l->data), szName) == 0) return true;
+  return false;
 }
 
 static GstPad* gst_cudamixer2_request_new_pad(GstElement* element, GstPadTemplate* templ,
@@ -235,26 +246,19 @@ static GstPad* gst_cudamixer2_request_new_pad(GstElement* element, GstPadTemplat
   if (templ != gst_element_class_get_pad_template(pxClass, "sink_%u")) return NULL;
 
   GST_CUDA_MIXER2_LOCK(self);
-  guint uSerial;
   const bool bNamed = req_name && strlen(req_name) > 5 && g_str_has_prefix(req_name, "sink_");
-  if (bNamed)
-    uSerial = static_cast<guint>(g_ascii_strtoull(&req_name[5], NULL, 10));
-  else
-    uSerial = self->next_sinkpad;
-  gchar* szName = g_strdup_printf("sink_%u", uSerial);
+  guint uSerial =
+      bNamed ? static_cast<guint>(g_ascii_strtoull(&req_name[5], NULL, 10)) : self->next_sinkpad;
+  // An automatic name takes the next free number, so numbering goes on after it wraps.
+  while (!bNamed && PadNameInUse(self, uSerial)) ++uSerial;
   // A name already in use is refused: the element could not add a second pad of that name.
-  for (GSList* l = self->sinkpads; l; l = l->next) {
-    if (g_strcmp0(GST_PAD_NAME(l->data), szName) == 0) {
-      GST_CUDA_MIXER2_UNLOCK(self);
-      GST_WARNING_OBJECT(self, "A pad named %s exists already; request refused", szName);
-      g_free(szName);
-      return NULL;
-    }
+  if (PadNameInUse(self, uSerial)) {
+    GST_CUDA_MIXER2_UNLOCK(self);
+    GST_WARNING_OBJECT(self, "A pad named sink_%u exists already; request refused", uSerial);
+    return NULL;
   }
-  if (!bNamed)
-    ++self->next_sinkpad;
-  else if (uSerial >= self->next_sinkpad)
-    self->next_sinkpad = uSerial + 1;
+  if (!bNamed || uSerial >= self->next_sinkpad) self->next_sinkpad = uSerial + 1;
+  gchar* szName = g_strdup_printf("sink_%u", uSerial);
 
   GstCudaMixer2Pad* pxPad =
       GST_CUDA_MIXER2_PAD(g_object_new(GST_TYPE_CUDA_MIXER2_PAD, "name", szName, "direction",
@@ -310,6 +314,7 @@ static void gst_cudamixer2_dispose(GObject* object) {
     self->pending_tags = NULL;
   }
   gst_caps_replace(&self->current_caps, NULL);
+  gst_caps_replace(&self->pxRenegotiate, NULL);
   G_OBJECT_CLASS(gst_cudamixer2_parent_class)->dispose(object);
 }
 
@@ -378,10 +383,13 @@ static void gst_cudamixer2_reset(GstCudaMixer2* self) {
     pxCol->end_time = GST_CLOCK_TIME_NONE;
     gst_video_info_init(&pxPad->info);
     pxPad->bWarnedTile = FALSE;
+    gst_caps_replace(&pxCol->pending_caps, NULL);
   }
   self->newseg_pending = TRUE;
   self->bSegmentDone = FALSE;
   self->bWarnedSeventh = FALSE;
+  self->bSeekPending = FALSE;
+  self->uWarnedCameras = 0;
 }
 
 static GstStateChangeReturn gst_cudamixer2_change_state(GstElement* element,
@@ -779,6 +787,15 @@ static gboolean gst_cudamixer2_pad_sink_setcaps(GstPad* pad, GstCudaMixer2* self
     GST_COLLECT_PADS_STREAM_UNLOCK(self->collect);
     return FALSE;
   }
+  GstCudaMixer2Collect* pxCol = pxPad->mixcol;
+  const bool bDefer = pxCol->buffer || pxCol->queued;
+  gst_caps_replace(&pxCol->pending_caps, bDefer ? caps : NULL);
+  if (bDefer) {
+    // Buffers of the previous caps are still held: the caps wait for the next buffer.
+    GST_CUDA_MIXER2_UNLOCK(self);
+    GST_COLLECT_PADS_STREAM_UNLOCK(self->collect);
+    return TRUE;
+  }
   pxPad->info = xInfo;
   pxPad->bWarnedTile = FALSE;
   gboolean bOk = gst_cudamixer2_update_converters(self);
@@ -805,6 +822,9 @@ static GstSegment* PadSegment(GstCudaMixer2Pad* pxPad) {
 static void DiscardCandidate(GstCudaMixer2* self, GstCudaMixer2Collect* pxCol, bool bQueued) {
   if (bQueued) {
     gst_buffer_replace(&pxCol->queued, NULL);
+    // Caps that came with the dropped buffer still hold for the next one, unless newer ones came.
+    if (!pxCol->pending_caps) std::swap(pxCol->pending_caps, pxCol->queued_caps);
+    gst_caps_replace(&pxCol->queued_caps, NULL);
   } else {
     GstBuffer* pxBuffer = gst_collect_pads_pop(self->collect, &pxCol->collect);
     if (pxBuffer) gst_buffer_unref(pxBuffer);
@@ -868,6 +888,7 @@ static EFillResult gst_cudamixer2_fill_queues(GstCudaMixer2* self, GstClockTime 
       uDuration = uWaitingDuration;
       if (!GST_CLOCK_TIME_IS_VALID(uDuration)) {
         pxCol->queued = gst_collect_pads_pop(self->collect, &pxCol->collect);
+        std::swap(pxCol->queued_caps, pxCol->pending_caps);
         bNeedMore = TRUE;
         continue;
       }
@@ -908,11 +929,19 @@ static EFillResult gst_cudamixer2_fill_queues(GstCudaMixer2* self, GstClockTime 
       GST_DEBUG_OBJECT(pxPad, "Taking new buffer with start time %" GST_TIME_FORMAT,
                        GST_TIME_ARGS(uStart));
       GstBuffer* pxTaken;
+      GstCaps** ppxCaps = bQueued ? &pxCol->queued_caps : &pxCol->pending_caps;
       if (bQueued) {
         pxTaken = pxCol->queued;
         pxCol->queued = NULL;
       } else {
         pxTaken = gst_collect_pads_pop(self->collect, &pxCol->collect);
+      }
+      if (*ppxCaps) {
+        // The first buffer of new caps: the output follows them after this pass.
+        gst_video_info_from_caps(&pxPad->info, *ppxCaps);
+        gst_caps_replace(&self->pxRenegotiate, NULL);
+        self->pxRenegotiate = *ppxCaps;
+        *ppxCaps = NULL;
       }
       gst_buffer_replace(&pxCol->buffer, NULL);
       pxCol->buffer = pxTaken;
@@ -971,6 +1000,13 @@ static GstFlowReturn gst_cudamixer2_segment_done(GstCudaMixer2* self) {
   return GST_FLOW_OK;
 }
 
+static void SendCaps(GstCudaMixer2* self) {
+  if (self->send_caps && self->current_caps &&
+      !gst_pad_push_event(self->srcpad, gst_event_new_caps(self->current_caps)))
+    GST_WARNING_OBJECT(self->srcpad, "Sending caps event failed");
+  self->send_caps = FALSE;
+}
+
 static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer user_data) {
   GstCudaMixer2* self = GST_CUDA_MIXER2(user_data);
 
@@ -988,12 +1024,7 @@ static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer
       GST_WARNING_OBJECT(self->srcpad, "Sending stream start event failed");
     self->send_stream_start = FALSE;
   }
-  if (self->send_caps) {
-    if (self->current_caps &&
-        !gst_pad_push_event(self->srcpad, gst_event_new_caps(self->current_caps)))
-      GST_WARNING_OBJECT(self->srcpad, "Sending caps event failed");
-    self->send_caps = FALSE;
-  }
+  SendCaps(self);
 
   GST_CUDA_MIXER2_LOCK(self);
   if (self->newseg_pending) {
@@ -1001,7 +1032,13 @@ static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer
     GST_DEBUG_OBJECT(self, "Sending NEWSEGMENT event");
     GstEvent* pxSegment = gst_event_new_segment(&self->segment);
     GST_CUDA_MIXER2_UNLOCK(self);
-    if (!gst_pad_push_event(self->srcpad, pxSegment)) return GST_FLOW_ERROR;
+    if (!gst_pad_push_event(self->srcpad, pxSegment)) {
+      // A flushing output refuses it; the segment goes out after the flush.
+      if (GST_PAD_IS_FLUSHING(self->srcpad)) return GST_FLOW_FLUSHING;
+      GST_ELEMENT_ERROR(self, STREAM, FAILED, ("Downstream refused the output segment."),
+                        ("segment event of %s", GST_OBJECT_NAME(self)));
+      return GST_FLOW_ERROR;
+    }
     GST_CUDA_MIXER2_LOCK(self);
     self->newseg_pending = FALSE;
   }
@@ -1083,7 +1120,24 @@ static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer
     self->segment.position = uEnd;
     self->nframes++;
   }
+  GstCaps* pxNewCaps = self->pxRenegotiate;
+  self->pxRenegotiate = NULL;
   GST_CUDA_MIXER2_UNLOCK(self);
+
+  if (pxNewCaps) {
+    GST_CUDA_MIXER2_LOCK(self);
+    gboolean bOk = gst_cudamixer2_update_converters(self);
+    GST_CUDA_MIXER2_UNLOCK(self);
+    if (bOk) bOk = gst_cudamixer2_update_src_caps(self, pxNewCaps);
+    if (!bOk) {
+      GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("Cannot renegotiate the output."),
+                        ("new input caps %" GST_PTR_FORMAT, pxNewCaps));
+      eResult = GST_FLOW_NOT_NEGOTIATED;
+      gst_buffer_replace(&xFrame.pxBuffer, NULL);
+    }
+    gst_caps_unref(pxNewCaps);
+    SendCaps(self);
+  }
 
   for (GstMessage* pxMessage : xFrame.xMessages)
     gst_element_post_message(GST_ELEMENT(self), pxMessage);
@@ -1097,12 +1151,34 @@ static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer
 
 /* Events, queries and clipping */
 
+// The output starts anew at the segment's start. Runs with `lock` held.
+static void RestartTimeline(GstCudaMixer2* self) {
+  self->ts_offset = 0;
+  self->nframes = 0;
+  self->segment.position = GST_CLOCK_TIME_NONE;
+  self->newseg_pending = TRUE;
+  self->bSegmentDone = FALSE;
+  gst_cudamixer2_reset_qos(self);
+}
+
 static void gst_cudamixer2_flush(GstCollectPads* /*pads*/, gpointer user_data) {
   GstCudaMixer2* self = GST_CUDA_MIXER2(user_data);
   GST_CUDA_MIXER2_LOCK(self);
   if (self->pending_tags) {
     gst_tag_list_unref(self->pending_tags);
     self->pending_tags = NULL;
+  }
+  if (self->bSeekPending) {
+    // Every branch flushes now and no pass runs: the seek takes effect.
+    self->bSeekPending = FALSE;
+    self->segment = self->xSeekSegment;
+    for (GSList* l = self->sinkpads; l; l = l->next) {
+      GstCudaMixer2Collect* pxCol = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol;
+      gst_buffer_replace(&pxCol->buffer, NULL);
+      pxCol->start_time = GST_CLOCK_TIME_NONE;
+      pxCol->end_time = GST_CLOCK_TIME_NONE;
+    }
+    RestartTimeline(self);
   }
   GST_CUDA_MIXER2_UNLOCK(self);
 }
@@ -1124,15 +1200,10 @@ static gboolean gst_cudamixer2_sink_event(GstCollectPads* pads, GstCollectData* 
     case GST_EVENT_FLUSH_STOP:
       // A flush on any pad rewinds the whole output.
       GST_CUDA_MIXER2_LOCK(self);
-      self->newseg_pending = TRUE;
-      self->bSegmentDone = FALSE;
-      gst_cudamixer2_reset_qos(self);
       gst_buffer_replace(&pxCol->buffer, NULL);
       pxCol->start_time = GST_CLOCK_TIME_NONE;
       pxCol->end_time = GST_CLOCK_TIME_NONE;
-      self->segment.position = GST_CLOCK_TIME_NONE;
-      self->ts_offset = 0;
-      self->nframes = 0;
+      RestartTimeline(self);
       GST_CUDA_MIXER2_UNLOCK(self);
       break;
     case GST_EVENT_SEGMENT: {
@@ -1269,22 +1340,27 @@ static gboolean gst_cudamixer2_src_seek(GstCudaMixer2* self, GstPad* pad, GstEve
   }
   GST_DEBUG_OBJECT(self, "Handling SEEK event");
 
-  // A flushing seek first unblocks the streaming thread: a pass may sit in a push that waits for
-  // the sink's preroll while it holds the collect pads' stream lock, and the seek can't finish
-  // until every branch has flushed through that lock. The flush stop comes from the collect pads
-  // once the first branch has flushed.
-  if (eFlags & GST_SEEK_FLAG_FLUSH) gst_pad_push_event(self->srcpad, gst_event_new_flush_start());
-
-  // The whole update runs under `lock`, so a pass sees the old or the new segment, never a mix.
   GST_CUDA_MIXER2_LOCK(self);
+  if (eFlags & GST_SEEK_FLAG_FLUSH) {
+    // Applied when the first branch flushes (gst_cudamixer2_flush): until then passes of the old
+    // segment may run and push into an output that isn't flushing yet. The collect pads send the
+    // flush downstream, before they wait for a pass that sits in the sink's preroll.
+    self->xSeekSegment = self->segment;
+    gst_segment_do_seek(&self->xSeekSegment, dRate, eFormat, eFlags, eStartType, iStart, eStopType,
+                        iStop, NULL);
+    self->bSeekPending = TRUE;
+    GST_CUDA_MIXER2_UNLOCK(self);
+    const gboolean bOk = gst_collect_pads_src_event_default(self->collect, pad, event);
+    GST_CUDA_MIXER2_LOCK(self);
+    if (!bOk) self->bSeekPending = FALSE;
+    GST_CUDA_MIXER2_UNLOCK(self);
+    return bOk;
+  }
+  // The whole update runs under `lock`, so a pass sees the old or the new segment, never a mix.
   const gdouble dOldRate = ABS(self->segment.rate);
   for (GSList* l = self->sinkpads; l; l = l->next) {
     GstCudaMixer2Collect* pxCol = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol;
-    if (eFlags & GST_SEEK_FLAG_FLUSH) {
-      gst_buffer_replace(&pxCol->buffer, NULL);
-      pxCol->start_time = GST_CLOCK_TIME_NONE;
-      pxCol->end_time = GST_CLOCK_TIME_NONE;
-    } else if (dRate != dOldRate && pxCol->buffer) {
+    if (dRate != dOldRate && pxCol->buffer) {
       // The pad's current times stay in the output's scale.
       if (dOldRate != 1.0) {
         pxCol->start_time = static_cast<GstClockTime>(pxCol->start_time / dOldRate);
@@ -1298,21 +1374,11 @@ static gboolean gst_cudamixer2_src_seek(GstCudaMixer2* self, GstPad* pad, GstEve
   }
   gst_segment_do_seek(&self->segment, dRate, eFormat, eFlags, eStartType, iStart, eStopType, iStop,
                       NULL);
-  self->ts_offset = 0;
-  self->nframes = 0;
-  self->segment.position = GST_CLOCK_TIME_NONE;
-  self->newseg_pending = TRUE;
-  self->bSegmentDone = FALSE;
+  RestartTimeline(self);
   GST_CUDA_MIXER2_UNLOCK(self);
-  gst_cudamixer2_reset_qos(self);
-
   // GstCollectPads forgets which pads are at EOS when it sees a seek, and only a flush brings
   // that back: after a seek without flush a camera that had ended would stall every pass.
-  if (!(eFlags & GST_SEEK_FLAG_FLUSH)) return gst_pad_event_default(pad, GST_OBJECT(self), event);
-  const gboolean bOk = gst_collect_pads_src_event_default(self->collect, pad, event);
-  // No branch flushed, so no flush stop will come: the output must not stay flushing.
-  if (!bOk) gst_pad_push_event(self->srcpad, gst_event_new_flush_stop(TRUE));
-  return bOk;
+  return gst_pad_event_default(pad, GST_OBJECT(self), event);
 }
 
 static gboolean gst_cudamixer2_src_event(GstPad* pad, GstObject* parent, GstEvent* event) {

@@ -24,6 +24,11 @@ typedef struct _GstCudaMixer2Collect {
   GstCollectData collect;
   // A buffer without duration, waiting for its successor to learn where it ends.
   GstBuffer* queued;
+  // Caps that came while buffers of the previous caps were still held here: they apply when the
+  // first buffer that came after them becomes current, so that each buffer goes out under its
+  // own caps. `queued_caps` are those of `queued`, `pending_caps` those of the next buffer.
+  GstCaps* queued_caps;
+  GstCaps* pending_caps;
   // The buffer that covers the output interval, and its times in output running time.
   GstBuffer* buffer;
   GstClockTime start_time;
@@ -77,10 +82,18 @@ typedef struct _GstCudaMixer2 {
   gboolean bSegmentDone;
   // The wall met a pad beyond its six tiles; said once until the next stop.
   gboolean bWarnedSeventh;
-  // The shared output pools this mixer uses now (one per mode); a pool that no mixer uses any
-  // more is released.
-  GstBufferPool* pxSelectorPool;
+  // The shared output pool this mixer's wall uses now; a pool that no mixer uses any more is
+  // released.
   GstBufferPool* pxWallPool;
+  // A flushing seek waits here until the branches flush; passes before that belong to the old
+  // segment.
+  GstSegment xSeekSegment;
+  gboolean bSeekPending;
+  // Caps to renegotiate the output with after this pass: a pad's pending caps became current.
+  GstCaps* pxRenegotiate;
+  // The cameras of the request `iWarnedRequest` that were said to have no frame (one bit each).
+  gint iWarnedRequest;
+  guint64 uWarnedCameras;
 } GstCudaMixer2;
 
 typedef struct _GstCudaMixer2Class {

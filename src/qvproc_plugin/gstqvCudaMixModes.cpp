@@ -1,13 +1,9 @@
-// The mixer's two ways of making an output frame, and the pools they take buffers from.
+// The mixer's two ways of making an output frame, and the wall's pool.
 //
-// The pools are process-wide, as the element's users expect: a second mixer with the same output
-// uses the pool the first one made. A pool is keyed by what its buffers must fit, so a second
-// mixer or a new output size gets a pool of its own and no frame lands in a buffer of the wrong
-// size. The wall's buffers carry a device image that is made to the wall's fixed format at every
-// frame, so one wall pool serves every output; selector pools go by caps and byte size. Each
-// mixer holds the pools it uses now, and a pool that no mixer holds any more (after a size change
-// or a stop) is deactivated and released, so that a process does not keep one pool per size it
-// ever saw.
+// The selector hands on a camera's own buffer and needs no pool. The wall's buffers carry a
+// device image that is made to the wall's fixed format at every frame, so one process-wide pool
+// serves every wall, as the element's users expect. Each mixer whose wall made a frame holds the
+// pool, and when no mixer holds it any more (after a stop) it is deactivated and released.
 #include <cstdint>
 #include <mutex>
 
@@ -16,131 +12,60 @@
 #include "QvException.h"
 #include "gstqvCudaMemory.h"
 #include "gstqvCudaMixPriv.h"
-#include "gstqvSysMemAlloc.h"
 
 #define GST_CAT_DEFAULT gst_cudamixer2_debug
 
 namespace {
 
-enum class EMixPool { Wall, Selector };
-
-struct SPoolEntry {
-  EMixPool eKind;
-  GstCaps* pxCaps;
-  guint uSize;
-  GstBufferPool* pxPool;
-  // Mixers holding this pool.
-  guint uUsers;
-};
-
 std::mutex g_xPoolMutex;
-std::vector<SPoolEntry> g_xPools;
+GstBufferPool* g_pxWallPool = NULL;
+// Mixers holding the wall's pool.
+guint g_uWallUsers = 0;
 
 // Calls of the selector in this process, by all mixers together; the camera tours count them.
 gint iCallCount = 0;
 
-// The allocator registered under the name, registering it first if no element did yet.
-GstAllocator* FindAllocator(const char* szName, void (*fnRegister)(void)) {
-  GstAllocator* pxAllocator = gst_allocator_find(szName);
+GstBufferPool* MakeWallPool(const GstVideoInfo& xInfo, std::string& sError) {
+  GstAllocator* pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
   if (!pxAllocator) {
-    fnRegister();
-    pxAllocator = gst_allocator_find(szName);
+    // No element registered the allocator yet.
+    my_memory_init();
+    pxAllocator = gst_allocator_find(QV_CUDA_MEMORY_NAME);
   }
-  return pxAllocator;
-}
-
-GstBufferPool* MakePool(EMixPool eKind, GstCaps* pxCaps, guint uSize, std::string& sError) {
-  GstAllocator* pxAllocator = NULL;
-  GstAllocationParams xParams;
-  gst_allocation_params_init(&xParams);
-  if (eKind == EMixPool::Wall) {
-    pxAllocator = FindAllocator(QV_CUDA_MEMORY_NAME, my_memory_init);
-  } else {
-    pxAllocator = FindAllocator(QV_SYSMEM_NAME, my_SysMem_init);
-    xParams.align = 15;
-  }
+  GstCaps* pxCaps = gst_video_info_to_caps(&xInfo);
   GstBufferPool* pxPool = gst_buffer_pool_new();
   GstStructure* pxConfig = gst_buffer_pool_get_config(pxPool);
-  gst_buffer_pool_config_set_params(pxConfig, pxCaps, uSize, 2, 32);
-  gst_buffer_pool_config_set_allocator(pxConfig, pxAllocator,
-                                       eKind == EMixPool::Wall ? NULL : &xParams);
+  gst_buffer_pool_config_set_params(pxConfig, pxCaps, 1, 2, 32);
+  gst_buffer_pool_config_set_allocator(pxConfig, pxAllocator, NULL);
   if (pxAllocator) gst_object_unref(pxAllocator);
-  if (!gst_buffer_pool_set_config(pxPool, pxConfig)) {
+  if (!pxCaps) {
+    gst_structure_free(pxConfig);
+    sError = "the output format cannot be described as caps";
+  } else if (!gst_buffer_pool_set_config(pxPool, pxConfig)) {
     sError = "the output pool refused its configuration";
   } else if (!gst_buffer_pool_set_active(pxPool, TRUE)) {
     sError = "the output pool cannot be activated";
   } else {
-    return pxPool;
+    GST_INFO("new video wall pool for %" GST_PTR_FORMAT, pxCaps);
   }
+  if (pxCaps) gst_caps_unref(pxCaps);
+  if (sError.empty()) return pxPool;
   gst_object_unref(pxPool);
   return NULL;
 }
 
-// Drops one mixer's hold on a pool; the last hold deactivates and releases it. Buffers still out
-// keep the pool object alive and are freed when they come back. Call with g_xPoolMutex held.
-void DropHold(GstBufferPool*& pxHeld) {
-  if (!pxHeld) return;
-  for (auto it = g_xPools.begin(); it != g_xPools.end(); ++it) {
-    if (it->pxPool != pxHeld) continue;
-    if (--it->uUsers == 0) {
-      GST_INFO("releasing the %u-byte pool for %" GST_PTR_FORMAT, it->uSize, it->pxCaps);
-      gst_buffer_pool_set_active(it->pxPool, FALSE);
-      gst_object_unref(it->pxPool);
-      gst_caps_unref(it->pxCaps);
-      g_xPools.erase(it);
-    }
-    break;
-  }
-  pxHeld = NULL;
-}
-
-// The shared pool that fits the output, made on first use and held by the mixer in pxHeld
-// (borrowed: valid while the mixer holds it). A mixer moves its hold when its output changes.
-GstBufferPool* SharedPool(EMixPool eKind, const GstVideoInfo& xInfo, GstBufferPool*& pxHeld,
-                          std::string& sError) {
-  GstCaps* pxCaps = gst_video_info_to_caps(&xInfo);
-  if (!pxCaps) {
-    sError = "the output format cannot be described as caps";
-    return NULL;
-  }
-  const guint64 uBytes = eKind == EMixPool::Wall ? 1u : GST_VIDEO_INFO_SIZE(&xInfo);
-  if (uBytes > G_MAXUINT) {
-    gst_caps_unref(pxCaps);
-    sError = "the output frame is too large for a buffer pool";
-    return NULL;
-  }
-  const guint uSize = static_cast<guint>(uBytes);
-  std::lock_guard<std::mutex> xGuard(g_xPoolMutex);
-  for (SPoolEntry& x : g_xPools) {
-    if (x.eKind != eKind) continue;
-    if (eKind == EMixPool::Selector && (x.uSize != uSize || !gst_caps_is_equal(x.pxCaps, pxCaps)))
-      continue;
-    gst_caps_unref(pxCaps);
-    if (pxHeld != x.pxPool) {
-      ++x.uUsers;
-      GstBufferPool* pxFound = x.pxPool;
-      DropHold(pxHeld);  // may erase another entry, never this one: it has a user now
-      pxHeld = pxFound;
-    }
-    return pxHeld;
-  }
-  GstBufferPool* pxPool = MakePool(eKind, pxCaps, uSize, sError);
-  if (!pxPool) {
-    gst_caps_unref(pxCaps);
-    return NULL;
-  }
-  GST_INFO("new %s pool of %u-byte buffers for %" GST_PTR_FORMAT,
-           eKind == EMixPool::Wall ? "video wall" : "selector", uSize, pxCaps);
-  DropHold(pxHeld);
-  g_xPools.push_back(SPoolEntry{eKind, pxCaps, uSize, pxPool, 1});
-  pxHeld = pxPool;
-  return pxPool;
-}
-
-GstBuffer* AcquireOutput(GstCudaMixer2* self, EMixPool eKind, SMixFrame& xFrame) {
+GstBuffer* AcquireOutput(GstCudaMixer2* self, SMixFrame& xFrame) {
   std::string sError;
-  GstBufferPool*& pxHeld = eKind == EMixPool::Wall ? self->pxWallPool : self->pxSelectorPool;
-  GstBufferPool* pxPool = SharedPool(eKind, self->info, pxHeld, sError);
+  GstBufferPool* pxPool = NULL;
+  {
+    std::lock_guard<std::mutex> xGuard(g_xPoolMutex);
+    if (!g_pxWallPool) g_pxWallPool = MakeWallPool(self->info, sError);
+    if (g_pxWallPool && !self->pxWallPool) {
+      ++g_uWallUsers;
+      self->pxWallPool = g_pxWallPool;
+    }
+    pxPool = self->pxWallPool;
+  }
   GstBuffer* pxBuffer = NULL;
   if (pxPool) {
     const GstFlowReturn eFlow = gst_buffer_pool_acquire_buffer(pxPool, &pxBuffer, NULL);
@@ -186,8 +111,15 @@ const Qv::CQvDeviceImage2D* TileSource(GstBuffer* pxBuffer, std::string& sReason
 
 void gst_cudamixer2_release_pools(GstCudaMixer2* self) {
   std::lock_guard<std::mutex> xGuard(g_xPoolMutex);
-  DropHold(self->pxSelectorPool);
-  DropHold(self->pxWallPool);
+  if (!self->pxWallPool) return;
+  self->pxWallPool = NULL;
+  // Buffers still out keep the pool object alive and are freed when they come back.
+  if (--g_uWallUsers == 0) {
+    GST_INFO("releasing the video wall pool");
+    gst_buffer_pool_set_active(g_pxWallPool, FALSE);
+    gst_object_unref(g_pxWallPool);
+    g_pxWallPool = NULL;
+  }
 }
 
 GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType,
@@ -202,10 +134,6 @@ GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType
 }
 
 GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFrame) {
-  // Nothing is written to the pool buffer: it goes out as it is when no camera has a frame.
-  GstBuffer* pxOut = AcquireOutput(self, EMixPool::Selector, xFrame);
-  if (!pxOut) return GST_FLOW_ERROR;
-
   const gint iCount = static_cast<gint>(static_cast<guint>(g_atomic_int_add(&iCallCount, 1)) + 1u);
   const gint iRequested = g_atomic_int_get(&self->requested_camera);
   const gint iPads = self->numpads > 0 ? self->numpads : 1;
@@ -236,15 +164,30 @@ GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFr
                    : NULL;
   if (pxPad && pxPad->mixcol->buffer) {
     // The camera's own buffer goes on, so a buffer covering several intervals goes out again.
-    gst_buffer_unref(pxOut);
-    pxOut = gst_buffer_ref(pxPad->mixcol->buffer);
+    xFrame.pxBuffer = gst_buffer_ref(pxPad->mixcol->buffer);
+    return GST_FLOW_OK;
   }
-  xFrame.pxBuffer = pxOut;
+  // Without a frame of the camera the output frame is skipped: a buffer without an image would
+  // stop the device elements behind the mixer. Said once per camera of a request.
+  if (iRequested != self->iWarnedRequest) {
+    self->iWarnedRequest = iRequested;
+    self->uWarnedCameras = 0;
+  }
+  const guint64 uBit = G_GUINT64_CONSTANT(1) << (iCamera & 63);
+  if (!(self->uWarnedCameras & uBit)) {
+    self->uWarnedCameras |= uBit;
+    const std::string sText = "Camera " + std::to_string(iCamera) +
+                              (pxPad ? " has no frame" : " has no pad") +
+                              "; output frames are skipped until it has one.";
+    GST_WARNING_OBJECT(self, "%s", sText.c_str());
+    xFrame.xMessages.push_back(
+        gst_cudamixer2_new_message(self, GST_MESSAGE_WARNING, sText, "selector"));
+  }
   return GST_FLOW_OK;
 }
 
 GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) {
-  GstBuffer* pxOut = AcquireOutput(self, EMixPool::Wall, xFrame);
+  GstBuffer* pxOut = AcquireOutput(self, xFrame);
   if (!pxOut) return GST_FLOW_ERROR;
 
   GstMapInfo xOutMap;

@@ -60,12 +60,13 @@ struct SMixFrame {
   std::vector<GstMessage*> xMessages;
 };
 
-// Both run with `lock` held. On failure the frame holds an error message and no buffer.
+// Both run with `lock` held. On failure the frame holds an error message and no buffer; the
+// selector leaves no buffer when its camera has no frame.
 GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFrame);
 GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame);
 
-// Gives back the shared pools the mixer holds; a pool no other mixer holds is released. Called
-// when the mixer stops and at finalize.
+// Gives back the mixer's hold on the wall's shared pool, which goes when no mixer holds it.
+// Called when the mixer stops and at finalize.
 void gst_cudamixer2_release_pools(GstCudaMixer2* self);
 
 // An error or warning message of the element, built now and posted later.

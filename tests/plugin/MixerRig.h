@@ -46,14 +46,12 @@ inline GstEvent* SegmentFromZero() {
   return gst_event_new_segment(&xSegment);
 }
 
-// One buffer as it left the mixer: labelled by the name the test gave the input buffer, "pool"
-// for an unwritten selector pool buffer (handed back at once) or "wall" for a wall frame.
+// One buffer as it left the mixer: labelled by the name the test gave the input buffer or "wall"
+// for a wall frame.
 struct SOutBuffer {
   std::string sLabel;
-  GstBuffer* pxBuffer;  // a reference; null for "pool"
+  GstBuffer* pxBuffer;  // a reference
   GstClockTime uPts, uDuration;
-  gsize uSize;
-  bool bSysMem;
 };
 
 class CMixerRig {
@@ -247,25 +245,13 @@ class CMixerRig {
   static GstFlowReturn OnChain(GstPad* pad, GstObject*, GstBuffer* buffer) {
     auto* self = static_cast<CMixerRig*>(gst_pad_get_element_private(pad));
     GstMemory* pxMemory = gst_buffer_n_memory(buffer) ? gst_buffer_peek_memory(buffer, 0) : NULL;
-    SOutBuffer x{"?",
-                 buffer,
-                 GST_BUFFER_PTS(buffer),
-                 GST_BUFFER_DURATION(buffer),
-                 gst_buffer_get_size(buffer),
-                 pxMemory && gst_memory_is_type(pxMemory, "MySysMem")};
-    const bool bWall = pxMemory && gst_memory_is_type(pxMemory, QV_CUDA_MEMORY_NAME);
+    SOutBuffer x{"?", buffer, GST_BUFFER_PTS(buffer), GST_BUFFER_DURATION(buffer)};
     std::lock_guard<std::mutex> xGuard(self->m_xMutex);
     auto it = self->m_xNames.find(buffer);
-    if (it != self->m_xNames.end()) {
+    if (it != self->m_xNames.end())
       x.sLabel = it->second;
-    } else if (bWall) {
+    else if (pxMemory && gst_memory_is_type(pxMemory, QV_CUDA_MEMORY_NAME))
       x.sLabel = "wall";
-    } else if (buffer->pool) {
-      // Unwritten selector pool buffers go back at once, so that long runs never exhaust the pool.
-      x.sLabel = "pool";
-      x.pxBuffer = nullptr;
-      gst_buffer_unref(buffer);
-    }
     self->m_xOut.push_back(x);
     self->m_xCond.notify_all();
     return GST_FLOW_OK;
