@@ -92,7 +92,6 @@ static GstStateChangeReturn gst_cudamixer2_change_state(GstElement* element,
                                                         GstStateChange transition);
 static gboolean gst_cudamixer2_src_query(GstPad* pad, GstObject* parent, GstQuery* query);
 static gboolean gst_cudamixer2_src_event(GstPad* pad, GstObject* parent, GstEvent* event);
-static void gst_cudamixer2_flush(GstCollectPads* pads, gpointer user_data);
 static GstFlowReturn gst_cudamixer2_collected(GstCollectPads* pads, gpointer user_data);
 static gboolean gst_cudamixer2_sink_event(GstCollectPads* pads, GstCollectData* cdata,
                                           GstEvent* event, gpointer user_data);
@@ -149,7 +148,6 @@ static void gst_cudamixer2_init(GstCudaMixer2* self) {
   gst_element_add_pad(GST_ELEMENT(self), self->srcpad);
 
   self->collect = gst_collect_pads_new();
-  gst_collect_pads_set_flush_function(self->collect, gst_cudamixer2_flush, self);
   gst_collect_pads_set_function(self->collect, gst_cudamixer2_collected, self);
   gst_collect_pads_set_event_function(self->collect, gst_cudamixer2_sink_event, self);
   gst_collect_pads_set_query_function(self->collect, gst_cudamixer2_sink_query, self);
@@ -389,6 +387,7 @@ static void gst_cudamixer2_reset(GstCudaMixer2* self) {
   self->bSegmentDone = FALSE;
   self->bWarnedSeventh = FALSE;
   self->bSeekPending = FALSE;
+  self->iFlushStopsPending = 0;
   self->uWarnedCameras = 0;
 }
 
@@ -1161,26 +1160,48 @@ static void RestartTimeline(GstCudaMixer2* self) {
   gst_cudamixer2_reset_qos(self);
 }
 
-static void gst_cudamixer2_flush(GstCollectPads* /*pads*/, gpointer user_data) {
-  GstCudaMixer2* self = GST_CUDA_MIXER2(user_data);
+static void SetCollectFlushing(GstCollectData* pxData, gboolean bFlushing) {
+  const guint uState = static_cast<guint>(pxData->state);
+  pxData->state =
+      static_cast<GstCollectPadsStateFlags>(bFlushing ? uState | GST_COLLECT_PADS_STATE_FLUSHING
+                                                      : uState & ~GST_COLLECT_PADS_STATE_FLUSHING);
+}
+
+// The seek's segment takes effect and the time line starts again. Called with `lock`, while no
+// pass runs.
+static void ApplySeek(GstCudaMixer2* self) {
+  self->bSeekPending = FALSE;
+  self->segment = self->xSeekSegment;
+  if (self->pending_tags) gst_tag_list_unref(self->pending_tags);
+  self->pending_tags = NULL;
+  for (GSList* l = self->sinkpads; l; l = l->next) {
+    GstCudaMixer2Collect* pxCol = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol;
+    gst_buffer_replace(&pxCol->buffer, NULL);
+    pxCol->start_time = GST_CLOCK_TIME_NONE;
+    pxCol->end_time = GST_CLOCK_TIME_NONE;
+  }
+  RestartTimeline(self);
+}
+
+// At the first flush of a flushing seek every pad flushes, not only the one whose branch
+// flushes first: a camera that has flushed and runs again must not be mixed with another's
+// frame from before the seek. Each branch's own flush stop opens its pad again. The pads' own
+// flushing flag stays as it is, so that the seek still travels up every branch.
+static void gst_cudamixer2_flush_all(GstCudaMixer2* self) {
+  GST_COLLECT_PADS_STREAM_LOCK(self->collect);
   GST_CUDA_MIXER2_LOCK(self);
-  if (self->pending_tags) {
-    gst_tag_list_unref(self->pending_tags);
-    self->pending_tags = NULL;
-  }
-  if (self->bSeekPending) {
-    // Every branch flushes now and no pass runs: the seek takes effect.
-    self->bSeekPending = FALSE;
-    self->segment = self->xSeekSegment;
-    for (GSList* l = self->sinkpads; l; l = l->next) {
-      GstCudaMixer2Collect* pxCol = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol;
-      gst_buffer_replace(&pxCol->buffer, NULL);
-      pxCol->start_time = GST_CLOCK_TIME_NONE;
-      pxCol->end_time = GST_CLOCK_TIME_NONE;
-    }
-    RestartTimeline(self);
-  }
+  const gboolean bFirst = self->bSeekPending;
+  if (bFirst) ApplySeek(self);
   GST_CUDA_MIXER2_UNLOCK(self);
+  if (bFirst)
+    for (GSList* l = self->collect->data; l; l = l->next) {
+      GstCollectData* pxData = static_cast<GstCollectData*>(l->data);
+      SetCollectFlushing(pxData, TRUE);
+      // Wakes a branch that waits with a buffer here: it returns FLUSHING.
+      GstBuffer* pxOld = gst_collect_pads_pop(self->collect, pxData);
+      if (pxOld) gst_buffer_unref(pxOld);
+    }
+  GST_COLLECT_PADS_STREAM_UNLOCK(self->collect);
 }
 
 static gboolean gst_cudamixer2_sink_event(GstCollectPads* pads, GstCollectData* cdata,
@@ -1197,7 +1218,13 @@ static gboolean gst_cudamixer2_sink_event(GstCollectPads* pads, GstCollectData* 
       gst_event_unref(event);
       return bOk;
     }
-    case GST_EVENT_FLUSH_STOP:
+    case GST_EVENT_FLUSH_START: {
+      // The first one also goes downstream, which frees a pass blocked there.
+      const gboolean bOk = gst_collect_pads_event_default(pads, cdata, event, FALSE);
+      if (g_atomic_int_get(&self->iFlushStopsPending) > 0) gst_cudamixer2_flush_all(self);
+      return bOk;
+    }
+    case GST_EVENT_FLUSH_STOP: {
       // A flush on any pad rewinds the whole output.
       GST_CUDA_MIXER2_LOCK(self);
       gst_buffer_replace(&pxCol->buffer, NULL);
@@ -1205,7 +1232,13 @@ static gboolean gst_cudamixer2_sink_event(GstCollectPads* pads, GstCollectData* 
       pxCol->end_time = GST_CLOCK_TIME_NONE;
       RestartTimeline(self);
       GST_CUDA_MIXER2_UNLOCK(self);
-      break;
+      // In a flushing seek only the last branch's flush stop goes downstream: until then a
+      // camera that has flushed and runs again waits for the others, instead of pushing into
+      // an output that the next branch's flush start would make refuse its frames for good.
+      const gboolean bHeld = g_atomic_int_get(&self->iFlushStopsPending) > 0 &&
+                             !g_atomic_int_dec_and_test(&self->iFlushStopsPending);
+      return gst_collect_pads_event_default(pads, cdata, event, bHeld);
+    }
     case GST_EVENT_SEGMENT: {
       GstSegment xSegment;
       gst_event_copy_segment(event, &xSegment);
@@ -1320,6 +1353,40 @@ static gboolean gst_cudamixer2_push_sink_event(GstCudaMixer2* self, GstEvent* ev
   return bOk;
 }
 
+// A branch that will send no flush stop for the running flushing seek: when it was the last one
+// awaited, the output flushing stops now (or the seek applies now, where nothing flushed), and
+// its pad no longer waits for a flush of its own.
+static void ReleaseFlushStop(GstCudaMixer2* self, GstPad* pxSinkPad) {
+  GST_COLLECT_PADS_STREAM_LOCK(self->collect);
+  GstCollectData* pxData = static_cast<GstCollectData*>(gst_pad_get_element_private(pxSinkPad));
+  if (pxData && !GST_PAD_IS_FLUSHING(pxSinkPad)) SetCollectFlushing(pxData, FALSE);
+  gboolean bStopFlush = FALSE;
+  if (g_atomic_int_dec_and_test(&self->iFlushStopsPending)) {
+    GST_CUDA_MIXER2_LOCK(self);
+    bStopFlush = !self->bSeekPending;
+    if (self->bSeekPending) ApplySeek(self);
+    GST_CUDA_MIXER2_UNLOCK(self);
+  }
+  GST_COLLECT_PADS_STREAM_UNLOCK(self->collect);
+  if (bStopFlush) gst_pad_push_event(self->srcpad, gst_event_new_flush_stop(TRUE));
+}
+
+struct SSeekForward {
+  GstCudaMixer2* pxMixer;
+  GstEvent* pxSeek;
+  gboolean bAccepted;
+};
+
+static gboolean ForwardSeek(GstElement* /*element*/, GstPad* pxSinkPad, gpointer user_data) {
+  SSeekForward* pxForward = static_cast<SSeekForward*>(user_data);
+  GstPad* pxPeer = gst_pad_get_peer(pxSinkPad);
+  const gboolean bOk = pxPeer && gst_pad_send_event(pxPeer, gst_event_ref(pxForward->pxSeek));
+  if (pxPeer) gst_object_unref(pxPeer);
+  pxForward->bAccepted |= bOk;
+  if (!bOk) ReleaseFlushStop(pxForward->pxMixer, pxSinkPad);
+  return TRUE;
+}
+
 static gboolean gst_cudamixer2_src_seek(GstCudaMixer2* self, GstPad* pad, GstEvent* event) {
   gdouble dRate;
   GstFormat eFormat;
@@ -1340,22 +1407,25 @@ static gboolean gst_cudamixer2_src_seek(GstCudaMixer2* self, GstPad* pad, GstEve
   }
   GST_DEBUG_OBJECT(self, "Handling SEEK event");
 
-  GST_CUDA_MIXER2_LOCK(self);
   if (eFlags & GST_SEEK_FLAG_FLUSH) {
-    // Applied when the first branch flushes (gst_cudamixer2_flush): until then passes of the old
-    // segment may run and push into an output that isn't flushing yet. The collect pads send the
-    // flush downstream, before they wait for a pass that sits in the sink's preroll.
+    // The output flushes once, from the first branch's flush start to the last branch's flush
+    // stop; the new segment applies at the first flush (gst_cudamixer2_flush_all).
+    GST_CUDA_MIXER2_LOCK(self);
     self->xSeekSegment = self->segment;
     gst_segment_do_seek(&self->xSeekSegment, dRate, eFormat, eFlags, eStartType, iStart, eStopType,
                         iStop, NULL);
     self->bSeekPending = TRUE;
+    const gint iBranches = static_cast<gint>(g_slist_length(self->sinkpads));
+    g_atomic_int_set(&self->iFlushStopsPending, iBranches);
+    if (iBranches == 0) ApplySeek(self);
     GST_CUDA_MIXER2_UNLOCK(self);
-    const gboolean bOk = gst_collect_pads_src_event_default(self->collect, pad, event);
-    GST_CUDA_MIXER2_LOCK(self);
-    if (!bOk) self->bSeekPending = FALSE;
-    GST_CUDA_MIXER2_UNLOCK(self);
-    return bOk;
+    // The sources seek, flush and start again within this call.
+    SSeekForward xForward = {self, event, FALSE};
+    gst_element_foreach_sink_pad(GST_ELEMENT(self), ForwardSeek, &xForward);
+    gst_event_unref(event);
+    return xForward.bAccepted;
   }
+  GST_CUDA_MIXER2_LOCK(self);
   // The whole update runs under `lock`, so a pass sees the old or the new segment, never a mix.
   const gdouble dOldRate = ABS(self->segment.rate);
   for (GSList* l = self->sinkpads; l; l = l->next) {

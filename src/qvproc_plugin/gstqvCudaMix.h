@@ -85,10 +85,11 @@ typedef struct _GstCudaMixer2 {
   // The shared output pool this mixer's wall uses now; a pool that no mixer uses any more is
   // released.
   GstBufferPool* pxWallPool;
-  // A flushing seek waits here until the branches flush; passes before that belong to the old
-  // segment.
+  // A flushing seek's segment, applied at the first branch's flush; and the branches whose
+  // flush stop has not come yet (atomic): the output stays flushing until the last one.
   GstSegment xSeekSegment;
   gboolean bSeekPending;
+  gint iFlushStopsPending;
   // Caps to renegotiate the output with after this pass: a pad's pending caps became current.
   GstCaps* pxRenegotiate;
   // The cameras of the request `iWarnedRequest` that were said to have no frame (one bit each).
