@@ -73,10 +73,6 @@ std::vector<std::string> CPipeline::RunToEnd(GstClockTime uTimeout) {
   return xTexts;
 }
 
-bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected) {
-  return CapsAre(pxCaps ? gst_caps_ref(const_cast<GstCaps*>(pxCaps)) : NULL, szExpected);
-}
-
 bool CapsAre(GstCaps* pxCaps, const char* szExpected) {
   GstCaps* pxExpected = gst_caps_from_string(szExpected);
   const bool bEqual = pxCaps && gst_caps_is_equal(pxCaps, pxExpected);

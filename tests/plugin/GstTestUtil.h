@@ -4,10 +4,12 @@
 #include <gst/check/gstharness.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -29,7 +31,6 @@ Qv::CQvImage SeededImage(int w, int h, Qv::EPixelType::ID ePixel, uint32_t uSeed
                          Qv::EDataType::ID eData = Qv::EDataType::UByte);
 std::vector<uint8_t> Bytes(const Qv::CQvImage& x);
 
-bool CapsEqualString(const GstCaps* pxCaps, const char* szExpected);
 bool CapsAre(GstCaps* pxCaps, const char* szExpected);  // takes the caps
 // What a transform element's transform_caps gives for the caps text.
 GstCaps* TransformCaps(GstElement* pxElement, GstPadDirection eDirection, const char* szCaps,
@@ -78,5 +79,24 @@ void ExpectMeta(GstBuffer* pxBuffer, GstClockTime uPts, float fExposure, float f
 // sits at (iRedX, iRedY) of each 2 x 2 block; samples past the edge repeat it.
 std::vector<uint8_t> DemosaicReference(const std::vector<uint8_t>& xRaw, int W, int H, int iRedX,
                                        int iRedY);
+
+// Two threads that keep both cores busy while it lives: races show under load.
+class CBusyCores {
+ public:
+  CBusyCores() {
+    for (std::thread& x : m_axThreads)
+      x = std::thread([this] {
+        while (!m_bStop) continue;
+      });
+  }
+  ~CBusyCores() {
+    m_bStop = true;
+    for (std::thread& x : m_axThreads) x.join();
+  }
+
+ private:
+  std::atomic<bool> m_bStop{false};
+  std::thread m_axThreads[2];
+};
 
 }  // namespace QvTest

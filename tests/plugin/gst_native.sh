@@ -36,6 +36,21 @@ for v in 250 50; do
   for c in $rgb; do [ $((c - v)) -le 2 ] && [ $((v - c)) -le 2 ] || fail "$v came back as $rgb"; done
 done
 
+# qvproc-launch: an unknown element and a failed frame end the run with status 1 and the cause
+# (host bytes are no device image); Ctrl-C stops a live pipeline without critical warnings.
+L="$P/bin/qvproc-launch"
+"$L" fakesrc num-buffers=1 ! nosuchelement ! fakesink >"$P/log" 2>&1 && fail "nosuchelement ran"
+grep -q nosuchelement "$P/log" || fail "unknown element not named: $(cat "$P/log")"
+head -c 128 /dev/zero >"$P/in.rgba"
+rc=0; timeout 60 "$L" filesrc location="$P/in.rgba" blocksize=128 \
+  ! video/x-raw,format=RGBA,width=8,height=4,framerate=30/1 ! qvcudadownload \
+  ! fakesink async=false >"$P/out" 2>"$P/log" || rc=$?
+[ $rc -eq 1 ] && grep -q "exception catched: " "$P/out" && grep -q "^ERROR" "$P/log" \
+  || fail "a failed frame ended with $rc: $(cat "$P/out" "$P/log")"
+timeout -s INT 2 "$L" videotestsrc is-live=true ! fakesink >"$P/out" 2>"$P/log" || true
+grep -q "Interrupt: stopping pipeline" "$P/out" && ! grep -q CRITICAL "$P/log" \
+  || fail "Ctrl-C: $(cat "$P/out" "$P/log")"
+
 # Operator texts follow QV_MESSAGES, so that video written to standard output stays video.
 QV_MESSAGES=stderr timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=3 \
   ! video/x-raw,format=GRAY8,width=64,height=48 ! qvcudaupload ! qvcudadebayer ! qvcudadownload \

@@ -340,12 +340,7 @@ int CountEntries(const char* szDir) {
 
 // NULL ends the window and its thread; PLAYING opens a new one. Both cores are kept busy.
 TEST_F(DisplaySink, NullEndsTheWindowAndItsThreadAndPlayingOpensANewOne) {
-  std::atomic<bool> bBusy{true};
-  std::vector<std::thread> xBusy;
-  for (int i = 0; i < 2; ++i)
-    xBusy.emplace_back([&] {
-      while (bBusy) continue;
-    });
+  const QvTest::CBusyCores xLoad;
   const int iThreads = CountEntries("/proc/self/task");
   const Qv::CQvImage xFrame = MakeFrame(800, 600, Block);
   for (int i = 0, iWindows = -1; i < 3; ++i) {
@@ -356,8 +351,6 @@ TEST_F(DisplaySink, NullEndsTheWindowAndItsThreadAndPlayingOpensANewOne) {
     gst_harness_play(m_pxH);
     gst_harness_set_src_caps_str(m_pxH, "video/x-raw,format=RGBA,width=8,height=8,framerate=0/1");
   }
-  bBusy = false;
-  for (std::thread& x : xBusy) x.join();
 }
 
 // Runs a camera pipeline of frames iWidth wide into the sink; once the window is up, the window

@@ -1,8 +1,5 @@
-// qvproc-launch end to end: pipeline descriptions that name the element types without a
-// factory run from a raw file into a file, and failures end the run with an error.
-#include <glib.h>
-#include <gst/gst.h>
-#include <gtest/gtest.h>
+// qvproc-launch end to end: a pipeline description that names element types without a factory
+// runs from a raw file into a file (its failures and Ctrl-C: gst_native.sh).
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,16 +20,13 @@ struct SRun {
   std::string sErr;
 };
 
-// Runs qvproc-launch with the pipeline, or the command of xArgv when one is given.
-SRun Launch(const std::string& sPipeline, std::vector<const char*> xArgv = {}) {
+// Runs qvproc-launch with the pipeline.
+SRun Launch(const std::string& sPipeline) {
   SRun x;
   gchar** ppArgv = NULL;
   GError* pxError = NULL;
   const std::string sCommand = std::string(QV_LAUNCH_PATH) + " " + sPipeline;
-  if (xArgv.empty())
-    EXPECT_TRUE(g_shell_parse_argv(sCommand.c_str(), NULL, &ppArgv, &pxError));
-  else
-    ppArgv = g_strdupv(const_cast<gchar**>(xArgv.data()));
+  EXPECT_TRUE(g_shell_parse_argv(sCommand.c_str(), NULL, &ppArgv, &pxError));
   gchar* szOut = NULL;
   gchar* szErr = NULL;
   gint iStatus = 0;
@@ -69,22 +63,6 @@ std::vector<uint8_t> ReadFile(const std::string& sPath) {
 
 std::string FileSourceCaps(const std::string& sPath, size_t uFrameBytes, const char* szCaps) {
   return "filesrc location=" + sPath + " blocksize=" + std::to_string(uFrameBytes) + " ! " + szCaps;
-}
-
-TEST(LaunchPipeline, UnknownElementsAndFailedFramesEndTheRunWithAnError) {
-  SRun x = Launch("fakesrc num-buffers=1 ! nosuchelement ! fakesink");
-  EXPECT_NE(0, x.iExit);
-  EXPECT_NE(std::string::npos, x.sErr.find("nosuchelement")) << x.sErr;
-  // Host bytes are no device image: the download element fails the frame.
-  const std::string sIn = TempPath("in.rgba");
-  WriteFile(sIn, QvTest::FrameBytes(8 * 4 * 4, 22));
-  x = Launch(
-      FileSourceCaps(sIn, 8 * 4 * 4, "video/x-raw,format=RGBA,width=8,height=4,framerate=30/1") +
-      " ! qvcudadownload ! fakesink");
-  EXPECT_EQ(1, x.iExit) << x.sOut << x.sErr;
-  EXPECT_NE(std::string::npos, x.sOut.find("exception catched: ")) << x.sOut;
-  EXPECT_NE(std::string::npos, x.sErr.find("ERROR")) << x.sErr;
-  std::remove(sIn.c_str());
 }
 
 // Reference of the whole chain, worked out here from the formulas in single precision: the
@@ -135,14 +113,6 @@ TEST(LaunchPipeline, RawGrbgFileThroughDebayerYuvAndDownloadGivesTheReferenceI42
   }
   std::remove(sIn.c_str());
   std::remove(sOut.c_str());
-}
-
-TEST(LaunchPipeline, InterruptStopsThePipelineWithoutCriticalWarnings) {
-  const std::string sCommand =
-      "timeout -s INT 2 " + std::string(QV_LAUNCH_PATH) + " videotestsrc is-live=true ! fakesink";
-  const SRun x = Launch("", {"/bin/sh", "-c", sCommand.c_str(), NULL});
-  EXPECT_NE(std::string::npos, x.sOut.find("Interrupt: stopping pipeline")) << x.sOut;
-  EXPECT_EQ(std::string::npos, x.sErr.find("CRITICAL")) << x.sErr;
 }
 
 }  // namespace

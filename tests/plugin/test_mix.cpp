@@ -319,8 +319,7 @@ TEST(MixEvents, FlushingSeekClearsCurrentBuffersAndPlainSeekKeepsThem) {
         TimeSeek(1.0, bFlush ? GST_SEEK_FLAG_FLUSH : GST_SEEK_FLAG_NONE, 0, GST_CLOCK_TIME_NONE)));
     if (!bFlush) {
       EXPECT_EQ(-1, x.Position());  // a flushing seek waits for the flush
-    }
-    if (bFlush) {
+    } else {
       // As sources do on a flushing seek: what was queued goes, and b1 comes again.
       for (size_t i : {0, 1}) {
         x.Event(i, gst_event_new_flush_start());

@@ -128,13 +128,7 @@ TEST(MixPipeline, FlushingSeeksUnderLoadKeepFramesComingAndEndCleanly) {
          "qvcudaupload ! m.sink_" +
          std::to_string(i);
   QvTest::CPipeline x(s);
-  std::atomic<bool> bStop{false};
-  std::vector<std::thread> xBusy;
-  for (int i = 0; i < 2; ++i)
-    xBusy.emplace_back([&bStop] {
-      while (!bStop) {
-      }
-    });
+  const QvTest::CBusyCores xLoad;
   std::atomic<int> iFrames{0};
   g_signal_connect(x.Element("sink"), "handoff",
                    G_CALLBACK(+[](GstElement*, GstBuffer*, GstPad*, std::atomic<int>* p) { ++*p; }),
@@ -160,8 +154,6 @@ TEST(MixPipeline, FlushingSeeksUnderLoadKeepFramesComingAndEndCleanly) {
   }
   Call([&] { gst_element_send_event(x.Get(), gst_event_new_eos()); }, "EOS");
   EXPECT_EQ(std::vector<std::string>{}, x.RunToEnd(5 * GST_SECOND));
-  bStop = true;
-  for (std::thread& t : xBusy) t.join();
   if (HasFailure()) std::_Exit(1);  // stuck threads would hang the teardown too
 }
 
