@@ -229,6 +229,13 @@ static void gst_cudamixer2_collect_free(GstCollectData* data) {
   gst_caps_replace(&pxCol->pending_caps, NULL);
 }
 
+// The pad has no current buffer any more; the next pass takes a new one.
+static void DropCurrent(GstCudaMixer2Collect* pxCol) {
+  gst_buffer_replace(&pxCol->buffer, NULL);
+  pxCol->start_time = GST_CLOCK_TIME_NONE;
+  pxCol->end_time = GST_CLOCK_TIME_NONE;
+}
+
 static bool PadNameInUse(GstCudaMixer2* self, guint uSerial) {
   gchar szName[16];
   g_snprintf(szName, sizeof(szName), "sink_%u", uSerial);
@@ -376,9 +383,7 @@ static void gst_cudamixer2_reset(GstCudaMixer2* self) {
   for (GSList* l = self->sinkpads; l; l = l->next) {
     GstCudaMixer2Pad* pxPad = static_cast<GstCudaMixer2Pad*>(l->data);
     GstCudaMixer2Collect* pxCol = pxPad->mixcol;
-    gst_buffer_replace(&pxCol->buffer, NULL);
-    pxCol->start_time = GST_CLOCK_TIME_NONE;
-    pxCol->end_time = GST_CLOCK_TIME_NONE;
+    DropCurrent(pxCol);
     gst_video_info_init(&pxPad->info);
     pxPad->bWarnedTile = FALSE;
     gst_caps_replace(&pxCol->pending_caps, NULL);
@@ -849,9 +854,7 @@ static EFillResult gst_cudamixer2_fill_queues(GstCudaMixer2* self, GstClockTime 
       if (!GST_CLOCK_TIME_IS_VALID(pxCol->end_time)) continue;
       if (output_start >= pxCol->end_time) {
         // The current buffer is used up.
-        gst_buffer_replace(&pxCol->buffer, NULL);
-        pxCol->start_time = GST_CLOCK_TIME_NONE;
-        pxCol->end_time = GST_CLOCK_TIME_NONE;
+        DropCurrent(pxCol);
         if (!bPadEos) bNeedMore = TRUE;
       } else if (!bPadEos) {
         // An EOS pad's last buffer doesn't hold the stream open.
@@ -1176,9 +1179,7 @@ static void ApplySeek(GstCudaMixer2* self) {
   self->pending_tags = NULL;
   for (GSList* l = self->sinkpads; l; l = l->next) {
     GstCudaMixer2Collect* pxCol = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol;
-    gst_buffer_replace(&pxCol->buffer, NULL);
-    pxCol->start_time = GST_CLOCK_TIME_NONE;
-    pxCol->end_time = GST_CLOCK_TIME_NONE;
+    DropCurrent(pxCol);
   }
   RestartTimeline(self);
 }
@@ -1227,9 +1228,7 @@ static gboolean gst_cudamixer2_sink_event(GstCollectPads* pads, GstCollectData* 
     case GST_EVENT_FLUSH_STOP: {
       // A flush on any pad rewinds the whole output.
       GST_CUDA_MIXER2_LOCK(self);
-      gst_buffer_replace(&pxCol->buffer, NULL);
-      pxCol->start_time = GST_CLOCK_TIME_NONE;
-      pxCol->end_time = GST_CLOCK_TIME_NONE;
+      DropCurrent(pxCol);
       RestartTimeline(self);
       GST_CUDA_MIXER2_UNLOCK(self);
       // In a flushing seek only the last branch's flush stop goes downstream: until then a
