@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(
   cmake g++ make pkg-config
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
-  gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   libpng-dev zlib1g-dev libgtest-dev libopencv-core-dev
   python3-gi python3-gst-1.0 gir1.2-gst-plugins-base-1.0 python3-numpy
   libglew-dev libx11-dev libgl-dev libgl1-mesa-dri xvfb libxtst-dev

@@ -10,14 +10,8 @@
 #define PACKAGE "qvproc"
 #endif
 
-// An element whose type cannot be had (qvbayer2rgb where GStreamer's bayer plugin took the type
-// name GstBayer2RGB) is left out with a warning; the others still load.
 static gboolean plugin_init(GstPlugin* plugin) {
-  if (!qv_register_host_elements_into(plugin))
-    GST_WARNING_OBJECT(plugin,
-                       "not every host element could be registered (qvbayer2rgb is left out "
-                       "where GStreamer's bayer plugin holds the type name GstBayer2RGB)");
-  return TRUE;
+  return qv_register_host_elements_into(plugin);
 }
 
 GST_PLUGIN_DEFINE(1, 9, qvvideoprochost,

@@ -18,12 +18,12 @@
 GST_DEBUG_CATEGORY_STATIC(gst_bayer2lum_debug);
 #define GST_CAT_DEFAULT gst_bayer2lum_debug
 
-G_DEFINE_TYPE(GstBayer2LUM, gst_bayer2lum, GST_TYPE_BASE_TRANSFORM)
+G_DEFINE_TYPE(GstQvBayer2LUM, gst_bayer2lum, GST_TYPE_BASE_TRANSFORM)
 
 static GstCaps* gst_bayer2lum_transform_caps(GstBaseTransform* trans, GstPadDirection direction,
                                              GstCaps* caps, GstCaps* filter);
 
-static void gst_bayer2lum_class_init(GstBayer2LUMClass* klass) {
+static void gst_bayer2lum_class_init(GstQvBayer2LUMClass* klass) {
   GST_DEBUG_CATEGORY_INIT(gst_bayer2lum_debug, "qvbayer2lum", 0, "qvbayer2lum caps filter");
   QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), "Bayer to Gray8 relabelling",
                         "Passes video/x-bayer buffers on unchanged, labelled as GRAY8 video/x-raw "
@@ -32,7 +32,7 @@ static void gst_bayer2lum_class_init(GstBayer2LUMClass* klass) {
                         GST_DEBUG_FUNCPTR(gst_bayer2lum_transform_caps));
 }
 
-static void gst_bayer2lum_init(GstBayer2LUM* self) {
+static void gst_bayer2lum_init(GstQvBayer2LUM* self) {
   QvCapsFilterInit(GST_BASE_TRANSFORM(self));
 }
 

@@ -5,15 +5,15 @@
 G_BEGIN_DECLS
 
 #define GST_TYPE_BAYER2LUM (gst_bayer2lum_get_type())
-#define GST_BAYER2LUM(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_BAYER2LUM, GstBayer2LUM))
+#define GST_BAYER2LUM(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_BAYER2LUM, GstQvBayer2LUM))
 
-typedef struct _GstBayer2LUM {
+typedef struct _GstQvBayer2LUM {
   GstBaseTransform parent;
-} GstBayer2LUM;
+} GstQvBayer2LUM;
 
-typedef struct _GstBayer2LUMClass {
+typedef struct _GstQvBayer2LUMClass {
   GstBaseTransformClass parent_class;
-} GstBayer2LUMClass;
+} GstQvBayer2LUMClass;
 
 GType gst_bayer2lum_get_type(void);
 

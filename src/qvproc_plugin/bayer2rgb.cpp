@@ -18,12 +18,12 @@
 GST_DEBUG_CATEGORY_STATIC(gst_bayer2rgb_debug);
 #define GST_CAT_DEFAULT gst_bayer2rgb_debug
 
-G_DEFINE_TYPE(GstBayer2RGB, gst_bayer2rgb, GST_TYPE_BASE_TRANSFORM)
+G_DEFINE_TYPE(GstQvBayer2RGB, gst_bayer2rgb, GST_TYPE_BASE_TRANSFORM)
 
 static GstCaps* gst_bayer2rgb_transform_caps(GstBaseTransform* trans, GstPadDirection direction,
                                              GstCaps* caps, GstCaps* filter);
 
-static void gst_bayer2rgb_class_init(GstBayer2RGBClass* klass) {
+static void gst_bayer2rgb_class_init(GstQvBayer2RGBClass* klass) {
   GST_DEBUG_CATEGORY_INIT(gst_bayer2rgb_debug, "qvbayer2rgb", 0, "qvbayer2rgb caps filter");
   QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), "Bayer to RGB relabelling",
                         "Passes video/x-bayer buffers on unchanged, labelled as RGB video/x-raw "
@@ -32,7 +32,7 @@ static void gst_bayer2rgb_class_init(GstBayer2RGBClass* klass) {
                         GST_DEBUG_FUNCPTR(gst_bayer2rgb_transform_caps));
 }
 
-static void gst_bayer2rgb_init(GstBayer2RGB* self) {
+static void gst_bayer2rgb_init(GstQvBayer2RGB* self) {
   QvCapsFilterInit(GST_BASE_TRANSFORM(self));
 }
 

@@ -5,15 +5,15 @@
 G_BEGIN_DECLS
 
 #define GST_TYPE_BAYER2RGB (gst_bayer2rgb_get_type())
-#define GST_BAYER2RGB(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_BAYER2RGB, GstBayer2RGB))
+#define GST_BAYER2RGB(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_BAYER2RGB, GstQvBayer2RGB))
 
-typedef struct _GstBayer2RGB {
+typedef struct _GstQvBayer2RGB {
   GstBaseTransform parent;
-} GstBayer2RGB;
+} GstQvBayer2RGB;
 
-typedef struct _GstBayer2RGBClass {
+typedef struct _GstQvBayer2RGBClass {
   GstBaseTransformClass parent_class;
-} GstBayer2RGBClass;
+} GstQvBayer2RGBClass;
 
 GType gst_bayer2rgb_get_type(void);
 

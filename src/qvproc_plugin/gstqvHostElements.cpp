@@ -11,28 +11,10 @@
 #include "gstqvCudaYUV.h"
 #include "rgb2bayer.h"
 
-// GStreamer's own bayer plugin names its element type GstBayer2RGB as well. Where that plugin
-// was loaded into the process first, the name is taken: qvbayer2rgb is then left out with a
-// warning rather than registered with an invalid type.
-static GType Bayer2RgbType(void) {
-  static GType xOurs = 0;
-  if (!xOurs) {
-    if (g_type_from_name("GstBayer2RGB")) {
-      GST_WARNING(
-          "the type name GstBayer2RGB is taken (GStreamer's bayer plugin?): "
-          "qvbayer2rgb is not registered");
-      return 0;
-    }
-    xOurs = gst_bayer2rgb_get_type();
-  }
-  return xOurs;
-}
-
 // A factory is made once per process for each type: a second one would replace the first
 // under the element class, which keeps pointing at the factory it was first registered with.
 // So whichever comes first, the application or the companion plugin, keeps the factory.
 static gboolean RegisterOnce(GstPlugin* pxPlugin, const char* szName, GType xType) {
-  if (!xType) return FALSE;
   GstPluginFeature* pxExisting = gst_registry_lookup_feature(gst_registry_get(), szName);
   if (pxExisting) {
     // A factory read from the registry cache and not loaded yet has no type.
@@ -55,7 +37,7 @@ gboolean qv_register_host_elements_into(GstPlugin* plugin) {
       {"qvcudanormalize", gst_cuda_normalize_get_type},
       {"qvcudayuv", gst_cuda_yuv_get_type},
       {"qvcudadownload", gst_cuda_download_get_type},
-      {"qvbayer2rgb", Bayer2RgbType},
+      {"qvbayer2rgb", gst_bayer2rgb_get_type},
       {"qvrgb2bayer", gst_rgb2bayer_get_type},
       {"qvbayer2lum", gst_bayer2lum_get_type},
       {"qvautoadapt", gst_auto_adapt_get_type},

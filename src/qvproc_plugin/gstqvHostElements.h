@@ -9,8 +9,8 @@ G_BEGIN_DECLS
 // Registers "qvcudanormalize", "qvcudayuv", "qvcudadownload", "qvbayer2rgb", "qvrgb2bayer",
 // "qvbayer2lum", "qvautoadapt" and "qvcudajpegsink" without a plugin, rank none. Every
 // registration is tried; the result is true when all succeeded. Calling it again changes nothing.
-// "qvbayer2rgb" is left out where GStreamer's own bayer plugin already took the type name
-// GstBayer2RGB in this process.
+// The type names carry our prefix (GstQvBayer2RGB, ...), so that GStreamer's own plugins, loaded
+// into the same process, keep theirs.
 gboolean qv_register_host_elements(void);
 
 // The same registrations as factories of plugin: the companion plugin "qvvideoprochost" calls

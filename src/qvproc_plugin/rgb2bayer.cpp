@@ -20,12 +20,12 @@
 GST_DEBUG_CATEGORY_STATIC(gst_rgb2bayer_debug);
 #define GST_CAT_DEFAULT gst_rgb2bayer_debug
 
-G_DEFINE_TYPE(GstRgb2Bayer, gst_rgb2bayer, GST_TYPE_BASE_TRANSFORM)
+G_DEFINE_TYPE(GstQvRgb2Bayer, gst_rgb2bayer, GST_TYPE_BASE_TRANSFORM)
 
 static GstCaps* gst_rgb2bayer_transform_caps(GstBaseTransform* trans, GstPadDirection direction,
                                              GstCaps* caps, GstCaps* filter);
 
-static void gst_rgb2bayer_class_init(GstRgb2BayerClass* klass) {
+static void gst_rgb2bayer_class_init(GstQvRgb2BayerClass* klass) {
   GST_DEBUG_CATEGORY_INIT(gst_rgb2bayer_debug, "qvrgb2bayer", 0, "qvrgb2bayer caps filter");
   QvCapsFilterClassInit(GST_BASE_TRANSFORM_CLASS(klass), "RGB to Bayer relabelling",
                         "Passes RGB video/x-raw buffers on unchanged, labelled as video/x-bayer "
@@ -34,7 +34,7 @@ static void gst_rgb2bayer_class_init(GstRgb2BayerClass* klass) {
                         GST_DEBUG_FUNCPTR(gst_rgb2bayer_transform_caps));
 }
 
-static void gst_rgb2bayer_init(GstRgb2Bayer* self) {
+static void gst_rgb2bayer_init(GstQvRgb2Bayer* self) {
   QvCapsFilterInit(GST_BASE_TRANSFORM(self));
 }
 

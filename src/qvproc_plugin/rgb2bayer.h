@@ -5,15 +5,15 @@
 G_BEGIN_DECLS
 
 #define GST_TYPE_RGB2BAYER (gst_rgb2bayer_get_type())
-#define GST_RGB2BAYER(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_RGB2BAYER, GstRgb2Bayer))
+#define GST_RGB2BAYER(obj) (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_RGB2BAYER, GstQvRgb2Bayer))
 
-typedef struct _GstRgb2Bayer {
+typedef struct _GstQvRgb2Bayer {
   GstBaseTransform parent;
-} GstRgb2Bayer;
+} GstQvRgb2Bayer;
 
-typedef struct _GstRgb2BayerClass {
+typedef struct _GstQvRgb2BayerClass {
   GstBaseTransformClass parent_class;
-} GstRgb2BayerClass;
+} GstQvRgb2BayerClass;
 
 GType gst_rgb2bayer_get_type(void);
 

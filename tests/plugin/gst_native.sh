@@ -1,8 +1,9 @@
 #!/bin/sh
 # GStreamer's own tools against the plugins as installed: `cmake --install` into a temporary
-# prefix; gst-inspect-1.0 and gst-launch-1.0 find every element there, a failing frame names
-# its element and cause on the bus, full-range I420 keeps its levels through videoconvert, and a
-# host application builds against qvvideoproc.pc.
+# prefix; a fresh registry holds them beside Debian's good and bad plugins; gst-inspect-1.0 and
+# gst-launch-1.0 find every element there, a failing frame names its element and cause on the
+# bus, full-range I420 keeps its levels through videoconvert, and a host application builds
+# against qvvideoproc.pc.
 set -eu
 P=$(mktemp -d)
 trap 'rm -rf "$P"' EXIT
@@ -11,6 +12,15 @@ fail() { echo "FAIL: $*"; exit 1; }
 export GST_PLUGIN_PATH="$(dirname "$(find "$P" -name libgstqvvideoprochost.so)")"
 export GST_REGISTRY_1_0="$P/registry.bin" GST_DEBUG_NO_COLOR=1
 [ -x "$P/bin/qvproc-launch" ] && [ -x "$P/bin/qvproc-demo" ] || fail "tools not in bin/"
+# The first scan of a fresh registry loads ours beside Debian's good and bad plugins in one
+# process: no type name of ours may clash with theirs (bayer2rgb's GstBayer2RGB).
+GST_REGISTRY_FORK=no gst-inspect-1.0 bayer >"$P/log" 2>&1 || fail "no bayer plugin: $(cat "$P/log")"
+! grep -E "CRITICAL|WARNING|cannot register" "$P/log" || fail "registry scan: $(cat "$P/log")"
+for e in bayer2rgb rgb2bayer videobox; do
+  gst-inspect-1.0 "$e" >/dev/null 2>&1 || fail "gst-inspect-1.0 $e"
+done
+timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=1 ! video/x-bayer,width=8,height=8 \
+  ! bayer2rgb ! fakesink >"$P/log" 2>&1 || fail "bayer2rgb: $(cat "$P/log")"
 for e in qvcudaupload qvcudadebayer qvcudascale qvcudamix qvcudayuv qvcudanormalize \
     qvcudadownload qvbayer2rgb qvrgb2bayer qvbayer2lum; do
   gst-inspect-1.0 "$e" >/dev/null 2>&1 || fail "gst-inspect-1.0 $e"
