@@ -44,25 +44,47 @@ struct SOptions {
   std::string sOut = "demo-out";
 };
 
-SOptions ParseArgs(int argc, char** argv) {
-  SOptions x;
-  for (int i = 1; i < argc; ++i) {
-    const std::string sKey = argv[i];
-    if (sKey == "--png") {
-      x.bPng = true;
-      continue;
-    }
-    if (i + 1 >= argc) break;
-    if (sKey == "--width")
-      x.iWidth = std::atoi(argv[++i]), x.bSizeGiven = true;
-    else if (sKey == "--height")
-      x.iHeight = std::atoi(argv[++i]), x.bSizeGiven = true;
-    else if (sKey == "--frames")
-      x.iFrames = std::atoi(argv[++i]), x.bFramesGiven = true;
-    else if (sKey == "--out")
-      x.sOut = argv[++i];
+// GLib's option parser: --help lists the options, and an unknown option or a stray argument is
+// an error rather than a run with defaults.
+bool ParseArgs(int argc, char** argv, SOptions& x) {
+  gchar* szOut = NULL;
+  // G_MININT stands for an option not given.
+  gint iWidth = G_MININT, iHeight = G_MININT, iFrames = G_MININT;
+  gboolean bPng = FALSE;
+  GOptionEntry aEntries[] = {
+      {"width", 0, 0, G_OPTION_ARG_INT, &iWidth, "Camera frame width (default 1920)", "W"},
+      {"height", 0, 0, G_OPTION_ARG_INT, &iHeight, "Camera frame height (default 1080)", "H"},
+      {"frames", 0, 0, G_OPTION_ARG_INT, &iFrames,
+       "Frames to run (default 30; the window runs until closed)", "N"},
+      {"out", 0, 0, G_OPTION_ARG_FILENAME, &szOut, "Folder for demo.png (default demo-out)", "DIR"},
+      {"png", 0, 0, G_OPTION_ARG_NONE, &bPng, "Write a PNG even where there is a display", NULL},
+      {NULL, 0, 0, G_OPTION_ARG_NONE, NULL, NULL, NULL}};
+  GOptionContext* pxContext = g_option_context_new(NULL);
+  g_option_context_set_summary(
+      pxContext,
+      "Six synthetic cameras through the mixer into a window; without a display, frames\n"
+      "through upload, debayer, scale and download into a PNG.");
+  g_option_context_add_main_entries(pxContext, aEntries, NULL);
+  g_option_context_add_group(pxContext, gst_init_get_option_group());
+  GError* pxError = NULL;
+  bool bOk = g_option_context_parse(pxContext, &argc, &argv, &pxError);
+  if (!bOk) {
+    std::fprintf(stderr, "qvproc-demo: %s\n", pxError ? pxError->message : "bad options");
+  } else if (argc > 1) {
+    std::fprintf(stderr, "qvproc-demo: unexpected argument '%s'\n", argv[1]);
+    bOk = false;
   }
-  return x;
+  g_clear_error(&pxError);
+  g_option_context_free(pxContext);
+  x.bSizeGiven = iWidth != G_MININT || iHeight != G_MININT;
+  x.bFramesGiven = iFrames != G_MININT;
+  if (iWidth != G_MININT) x.iWidth = iWidth;
+  if (iHeight != G_MININT) x.iHeight = iHeight;
+  if (x.bFramesGiven) x.iFrames = iFrames;
+  x.bPng = bPng;
+  if (szOut) x.sOut = szOut;
+  g_free(szOut);
+  return bOk;
 }
 
 // The sink's window needs an X server; without one the pipeline would only end in an error.
@@ -153,16 +175,15 @@ int RunWindow(SOptions xOpt) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  gst_init(&argc, &argv);
+  SOptions xOpt;
+  if (!ParseArgs(argc, argv, xOpt)) return 2;
+  if (xOpt.iWidth < 2 || xOpt.iHeight < 2 || xOpt.iFrames < 1) {
+    std::fprintf(stderr, "qvproc-demo: sizes must be 2 or more and frames 1 or more\n");
+    return 2;
+  }
   // The plugin this demo runs with, also when GST_PLUGIN_PATH does not name it.
   qv_scan_plugin_dir();
   qv_register_host_elements();
-  const SOptions xOpt = ParseArgs(argc, argv);
-  if (xOpt.iWidth < 2 || xOpt.iHeight < 2 || xOpt.iFrames < 1) {
-    std::fprintf(stderr,
-                 "usage: qvproc-demo [--width W] [--height H] [--frames N] [--out DIR] [--png]\n");
-    return 2;
-  }
   try {
     std::printf("qvproc-demo: backend %s\n", Qv::Device::GetBackendName());
   } catch (const Qv::IException& e) {

@@ -39,9 +39,38 @@ void ReportProblem(GstMessage* pxMessage, const char* szKind,
   g_error_free(pxError);
 }
 
+// A property change inside the pipeline (-v), printed as gst-launch-1.0 prints it: values
+// unescaped, caps in their own notation, and no line for caps that were cleared.
+void ReportProperty(GstMessage* pxMessage) {
+  GstObject* pxObject = NULL;
+  const gchar* szName = NULL;
+  const GValue* pxValue = NULL;
+  gst_message_parse_property_notify(pxMessage, &pxObject, &szName, &pxValue);
+  if (pxValue && G_VALUE_TYPE(pxValue) == GST_TYPE_CAPS && !gst_value_get_caps(pxValue)) return;
+  gchar* szValue = NULL;
+  if (!pxValue)
+    szValue = g_strdup("(no value)");
+  else if (G_VALUE_HOLDS_STRING(pxValue))
+    szValue = g_value_dup_string(pxValue);
+  else if (G_VALUE_TYPE(pxValue) == GST_TYPE_CAPS)
+    szValue = gst_caps_to_string(gst_value_get_caps(pxValue));
+  else if (G_VALUE_TYPE(pxValue) == GST_TYPE_STRUCTURE)
+    szValue = gst_structure_to_string(gst_value_get_structure(pxValue));
+  else if (!(szValue = gst_value_serialize(pxValue)))
+    szValue = g_strdup_value_contents(pxValue);
+  gchar* szPath = gst_object_get_path_string(pxObject);
+  std::printf("%s: %s = %s\n", szPath, szName, szValue);
+  std::fflush(stdout);
+  g_free(szPath);
+  g_free(szValue);
+}
+
 gboolean OnBusMessage(GstBus* /*bus*/, GstMessage* pxMessage, gpointer pData) {
   SRun& x = *static_cast<SRun*>(pData);
   switch (GST_MESSAGE_TYPE(pxMessage)) {
+    case GST_MESSAGE_PROPERTY_NOTIFY:
+      if (!x.bQuiet) ReportProperty(pxMessage);
+      break;
     case GST_MESSAGE_ERROR:
       ReportProblem(pxMessage, "ERROR", gst_message_parse_error);
       x.iResult = 1;
@@ -63,13 +92,14 @@ gboolean OnBusMessage(GstBus* /*bus*/, GstMessage* pxMessage, gpointer pData) {
 gboolean OnInterrupt(gpointer pData) {
   SRun& x = *static_cast<SRun*>(pData);
   if (x.bEosOnShutdown && !x.bInterrupted) {
-    Say(x, "Interrupt: sending EOS ...");
+    Say(x, "Interrupt: Stopping pipeline ...");
+    Say(x, "EOS on shutdown enabled -- Forcing EOS on the pipeline");
     x.bInterrupted = true;
     gst_element_send_event(x.pxPipeline, gst_event_new_eos());
     return G_SOURCE_CONTINUE;
   }
-  Say(x, "Interrupt: stopping pipeline ...");
-  x.iResult = 1;
+  // An interrupt is how a live pipeline is meant to end: status 0, as gst-launch-1.0 gives.
+  Say(x, "Interrupt: Stopping pipeline ...");
   g_main_loop_quit(x.pxLoop);
   // Stays installed: main removes it once the loop has ended.
   return G_SOURCE_CONTINUE;
@@ -92,7 +122,7 @@ int main(int argc, char** argv) {
       pxContext,
       "Runs a GStreamer pipeline like gst-launch-1.0, with every element of qvvideoproc,\n"
       "also those without a factory (qvcudanormalize, qvcudayuv, qvcudadownload,\n"
-      "qvbayer2rgb, qvrgb2bayer, qvbayer2lum, qvautoadapt).");
+      "qvbayer2rgb, qvrgb2bayer, qvbayer2lum, qvautoadapt, qvcudajpegsink).");
   g_option_context_add_main_entries(pxContext, aEntries, NULL);
   g_option_context_add_group(pxContext, gst_init_get_option_group());
   GError* pxError = NULL;
@@ -125,9 +155,13 @@ int main(int argc, char** argv) {
     g_clear_error(&pxError);
     return 1;
   }
+  // Part of the description could not be made (an unknown element, a failed link): the rest
+  // would run as something the user did not write, so nothing runs.
   if (pxError) {
     std::fprintf(stderr, "WARNING: erroneous pipeline: %s\n", pxError->message);
     g_clear_error(&pxError);
+    gst_object_unref(x.pxPipeline);
+    return 1;
   }
   if (!GST_IS_PIPELINE(x.pxPipeline)) {
     // A single element: put it into a pipeline of its own.
@@ -136,9 +170,7 @@ int main(int argc, char** argv) {
     x.pxPipeline = pxPipeline;
   }
   gulong uNotify = 0;
-  if (bVerbose)
-    uNotify = g_signal_connect(x.pxPipeline, "deep-notify",
-                               G_CALLBACK(gst_object_default_deep_notify), NULL);
+  if (bVerbose) uNotify = gst_element_add_property_deep_notify_watch(x.pxPipeline, NULL, TRUE);
 
   x.pxLoop = g_main_loop_new(NULL, FALSE);
   GstBus* pxBus = gst_element_get_bus(x.pxPipeline);
@@ -161,7 +193,7 @@ int main(int argc, char** argv) {
 
   Say(x, "Setting pipeline to NULL ...");
   gst_element_set_state(x.pxPipeline, GST_STATE_NULL);
-  if (uNotify) g_signal_handler_disconnect(x.pxPipeline, uNotify);
+  if (uNotify) gst_element_remove_property_notify_watch(x.pxPipeline, uNotify);
   g_source_remove(uSigInt);
   g_source_remove(uWatch);
   gst_object_unref(pxBus);

@@ -46,20 +46,34 @@ for v in 250 50; do
   for c in $rgb; do [ $((c - v)) -le 2 ] && [ $((v - c)) -le 2 ] || fail "$v came back as $rgb"; done
 done
 
-# qvproc-launch: an unknown element and a failed frame end the run with status 1 and the cause
-# (host bytes are no device image); Ctrl-C stops a live pipeline without critical warnings.
+# qvproc-launch as gst-launch-1.0: an unknown element ends the run before anything plays, a
+# failed frame ends with status 1 and the cause (host bytes are no device image), Ctrl-C stops a
+# live pipeline with status 0, -v prints caps unescaped and never "caps = NULL"; --help names
+# every element. qvproc-demo lists its options, and refuses one it does not know.
 L="$P/bin/qvproc-launch"
 "$L" fakesrc num-buffers=1 ! nosuchelement ! fakesink >"$P/log" 2>&1 && fail "nosuchelement ran"
-grep -q nosuchelement "$P/log" || fail "unknown element not named: $(cat "$P/log")"
+grep -q 'no element "nosuchelement"' "$P/log" && ! grep -q PLAYING "$P/log" \
+  || fail "unknown element: $(cat "$P/log")"
 head -c 128 /dev/zero >"$P/in.rgba"
 rc=0; timeout 60 "$L" filesrc location="$P/in.rgba" blocksize=128 \
   ! video/x-raw,format=RGBA,width=8,height=4,framerate=30/1 ! qvcudadownload \
   ! fakesink async=false >"$P/out" 2>"$P/log" || rc=$?
 [ $rc -eq 1 ] && grep -q "exception catched: " "$P/out" && grep -q "^ERROR" "$P/log" \
   || fail "a failed frame ended with $rc: $(cat "$P/out" "$P/log")"
-timeout -s INT 2 "$L" videotestsrc is-live=true ! fakesink >"$P/out" 2>"$P/log" || true
-grep -q "Interrupt: stopping pipeline" "$P/out" && ! grep -q CRITICAL "$P/log" \
-  || fail "Ctrl-C: $(cat "$P/out" "$P/log")"
+rc=0; timeout --preserve-status -s INT 2 "$L" videotestsrc is-live=true ! fakesink >"$P/out" \
+  2>"$P/log" || rc=$?
+[ $rc -eq 0 ] && grep -q "Interrupt: Stopping pipeline" "$P/out" && ! grep -q CRITICAL "$P/log" \
+  || fail "Ctrl-C ended with $rc: $(cat "$P/out" "$P/log")"
+timeout 60 "$L" -v videotestsrc num-buffers=1 ! video/x-bayer,format=grbg,width=8,height=8 \
+  ! fakesink >"$P/out" 2>&1 || fail "-v: $(cat "$P/out")"
+grep -q '^/GstPipeline:pipeline0/GstFakeSink:fakesink0.GstPad:sink: caps = video/x-bayer, format=(string)grbg, width=(int)8' \
+  "$P/out" && ! grep -q 'caps = NULL' "$P/out" || fail "-v: $(cat "$P/out")"
+"$L" --help | grep -q qvcudajpegsink || fail "qvproc-launch --help: $("$L" --help)"
+"$P/bin/qvproc-demo" --help >"$P/out" 2>&1 && grep -q -- "--frames=N" "$P/out" \
+  || fail "qvproc-demo --help: $(cat "$P/out")"
+rc=0; "$P/bin/qvproc-demo" --nosuch >"$P/out" 2>&1 || rc=$?
+[ $rc -eq 2 ] && grep -q "nosuch" "$P/out" && ! grep -q backend "$P/out" \
+  || fail "qvproc-demo --nosuch ended with $rc: $(cat "$P/out")"
 
 # Operator texts follow QV_MESSAGES, so that video written to standard output stays video.
 QV_MESSAGES=stderr timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=3 \
