@@ -12,17 +12,15 @@ G_BEGIN_DECLS
 #define GST_CUDA_NORMALIZE(obj) \
   (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_CUDA_NORMALIZE, GstQvCudaNormalize))
 
-// Where the gray reference image is read from; the environment variable of that name moves it.
+// The default of the "gray" property; the environment variable of that name moves it.
 #define QV_GRAY_REFERENCE_PATH "/home/ubuntu/gray4k.png"
 #define QV_GRAY_REFERENCE_ENV "QV_GRAY_REFERENCE"
 
 typedef struct _GstQvCudaNormalize {
   GstQvCudaBaseTransform parent;
-  // Null when the reference could not be loaded; every frame then fails.
+  // Read at each start from the file that gray names; null before a start that succeeded.
   Qv::CQvDeviceImage2D* grayImage;
   gchar* gray;
-  // The file that was read, for the failure of a frame without reference.
-  gchar* grayPath;
 } GstQvCudaNormalize;
 
 typedef struct _GstQvCudaNormalizeClass {

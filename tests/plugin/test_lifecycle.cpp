@@ -1,5 +1,6 @@
 // Every element type of the plugin goes through the state changes ten times and is destroyed,
 // under GStreamer's leaks tracer: nothing created on the way may stay alive.
+#include "FileIO.h"
 #include "GstTestUtil.h"
 
 void CycleStates(GstElement* pxElement) {
@@ -40,6 +41,12 @@ TEST(Lifecycle, EveryElementCyclesItsStatesWithoutLeaking) {
   std::vector<std::string> xNames = {"qvcudanormalize", "qvcudayuv",     "qvcudadownload",
                                      "qvbayer2rgb",     "qvrgb2bayer",   "qvbayer2lum",
                                      "qvautoadapt",     "qvcudajpegsink"};
+  // The normalize element starts only with a reference to read (each start reads it again).
+  const std::string sGray = ::testing::TempDir() + "qv-lifecycle-gray.png";
+  Qv::FileIO::CImage::WritePNG(
+      Qv::CQvImage(Qv::CQvImageFormat(2, 2, Qv::EPixelType::Lum, Qv::EDataType::UByte)),
+      sGray.c_str());
+  setenv("QV_GRAY_REFERENCE", sGray.c_str(), 1);
   ASSERT_TRUE(qv_register_host_elements());
   GList* pxFeatures = gst_registry_get_feature_list_by_plugin(gst_registry_get(), "qvvideoproc");
   for (GList* l = pxFeatures; l; l = l->next)

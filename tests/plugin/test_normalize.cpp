@@ -1,4 +1,5 @@
-// The normalize element and the gray reference it reads when it is made (QV_GRAY_REFERENCE).
+// The normalize element and its gray reference: the file that "gray" names (QV_GRAY_REFERENCE
+// moves the default), read at each start.
 #include <unistd.h>
 
 #include <cmath>
@@ -9,45 +10,32 @@
 
 using namespace Qv;
 
-TEST(Normalize, FramesAreDividedByTheReferenceReadAtCreationOrFailWithoutAFittingOne) {
-  ASSERT_TRUE(qv_register_host_elements());
+TEST(Normalize, FramesAreDividedByTheReferenceThatGrayNamesAtStart) {
   const std::string sPath = ::testing::TempDir() + "qv-gray-" + std::to_string(getpid()) + ".png";
   setenv("QV_GRAY_REFERENCE", sPath.c_str(), 1);
+  ASSERT_TRUE(qv_register_host_elements());
   const char* szCaps = "video/x-raw,format=RGBA,width=4,height=2,framerate=30/1";
   CQvImage xGray(CQvImageFormat(4, 2, EPixelType::Lum, EDataType::UByte));
   const uint8_t aGray[8] = {255, 200, 128, 64, 1, 0, 90, 180};
   std::memcpy(xGray.GetDataPtr(), aGray, 8);
-  // Without a file the element is made and fails frames; a reference of another size too.
-  for (const char* szWidth : {"4", "3"}) {
-    testing::internal::CaptureStdout();
-    auto h = QvTest::Harness("qvcudanormalize", (std::string("video/x-raw,format=RGBA,width=") +
-                                                 szWidth + ",height=2,framerate=30/1")
-                                                    .c_str());
-    const std::string sMade = testing::internal::GetCapturedStdout();
-    const bool bNoFile = *szWidth == '4';
-    EXPECT_EQ(bNoFile, sMade.find("Cannot open image file '" + sPath + "'") != sMade.npos);
-    const std::string sOut = QvTest::PushCaptured(
-        h.get(),
-        QvTest::DeviceImageBuffer(QvTest::SeededImage(*szWidth - '0', 2, EPixelType::RGBA, 9)),
-        GST_FLOW_ERROR);
-    for (const std::string& sWant :
-         bNoFile ? std::vector<std::string>{"no gray reference image: '" + sPath +
-                                            "' could not be read when the element was made"}
-                 : std::vector<std::string>{"  :   Error normalizing raw image with gray image\n",
-                                            "Source and gray image are of different sizes. "
-                                            "Source image is '3x2, RGBA, UByte'. Gray image is "
-                                            "'4x2, RGBA, UByte'"})
-      EXPECT_NE(std::string::npos, sOut.find(sWant)) << sOut;
-    FileIO::CImage::WritePNG(xGray, sPath.c_str());
-  }
-  // The property is kept but chooses no file: frames divide by the file read at creation.
+  // Nothing is read or printed when the element is made; a start without the file fails on the
+  // bus and names it.
+  testing::internal::CaptureStdout();
   g_autoptr(GstElement) pxElement = gst_element_factory_make("qvcudanormalize", NULL);
-  for (const char* szWant : {"gray4k.png", "/nowhere/other.png"}) {
-    g_autofree gchar* szValue = NULL;
-    g_object_get(pxElement, "gray", &szValue, NULL);
-    EXPECT_STREQ(szWant, szValue);
-    g_object_set(pxElement, "gray", "/nowhere/other.png", NULL);
-  }
+  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+  g_autofree gchar* szDefault = NULL;
+  g_object_get(pxElement, "gray", &szDefault, NULL);
+  EXPECT_EQ(sPath, szDefault);
+  g_autoptr(GstBus) pxBus = gst_bus_new();
+  gst_element_set_bus(pxElement, pxBus);
+  EXPECT_EQ(GST_STATE_CHANGE_FAILURE, gst_element_set_state(pxElement, GST_STATE_PAUSED));
+  g_autoptr(GstMessage) pxError = gst_bus_pop_filtered(pxBus, GST_MESSAGE_ERROR);
+  ASSERT_NE(nullptr, pxError);
+  EXPECT_NE(std::string::npos, QvTest::MessageText(pxError).find("'" + sPath + "'"));
+  gst_element_set_state(pxElement, GST_STATE_NULL);
+  // The file written since, and named by the property, is read at the next start.
+  FileIO::CImage::WritePNG(xGray, sPath.c_str());
+  g_object_set(pxElement, "gray", sPath.c_str(), NULL);
   QvTest::CHarness h(gst_harness_new_with_element(pxElement, "sink", "src"), gst_harness_teardown);
   gst_harness_set_src_caps_str(h.get(), szCaps);
   for (uint32_t uFrame = 1; uFrame <= 2; ++uFrame) {
@@ -65,6 +53,12 @@ TEST(Normalize, FramesAreDividedByTheReferenceReadAtCreationOrFailWithoutAFittin
     EXPECT_EQ(xWant, QvTest::Bytes(QvTest::DownloadBufferImage(pxOut)));
   }
   EXPECT_TRUE(QvTest::CapsAre(gst_pad_get_current_caps(h->sinkpad), szCaps));
+  // A reference of another size than the frames fails each frame.
+  auto h3 = QvTest::Harness("qvcudanormalize", "video/x-raw,format=RGBA,width=3,height=2");
+  const std::string sOut = QvTest::PushCaptured(
+      h3.get(), QvTest::DeviceImageBuffer(QvTest::SeededImage(3, 2, EPixelType::RGBA, 9)),
+      GST_FLOW_ERROR);
+  EXPECT_NE(std::string::npos, sOut.find("Source and gray image are of different sizes")) << sOut;
   std::remove(sPath.c_str());
   unsetenv("QV_GRAY_REFERENCE");
 }
