@@ -479,7 +479,8 @@ SRigResult RunRig(bool bWall, int iWidth, int iHeight, int iSets) {
                 "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1", iWidth, iHeight);
   // The queue lets a camera's upload of frame N+1 overlap the demosaic and scale of frame N.
   const char* szBranch =
-      bWall ? "qvcudaupload" : "qvcudaupload ! qvcudadebayer ! qvcudascale ! queue";
+      bWall ? "qvcudaupload"
+            : "qvcudaupload ! qvcudadebayer ! qvcudascale ! queue max-size-buffers=2";
   std::string sPipeline = std::string("qvcudamix name=mix") + (bWall ? " type=videowall" : "") +
                           " ! fakesink name=sink sync=false signal-handoffs=true";
   for (int i = 0; i < kRigCameras; ++i)

@@ -75,6 +75,15 @@ rc=0; "$P/bin/qvproc-demo" --nosuch >"$P/out" 2>&1 || rc=$?
 [ $rc -eq 2 ] && grep -q "nosuch" "$P/out" && ! grep -q backend "$P/out" \
   || fail "qvproc-demo --nosuch ended with $rc: $(cat "$P/out")"
 
+# The six-camera rig as bench/README.md shows it, on small frames: it runs to its end, and every
+# queue holds at most two frames (a device-image buffer reports 1 byte, so no byte limit holds).
+rig=$(sed -n '/^gst-launch-1.0 qvcudamix name=m/,/^```/p' "$(dirname "$0")/../../bench/README.md" \
+  | grep -v '^```' | tr -d '\\\n' \
+  | sed 's/width=3840,height=2160/width=64,height=48/g; s/videotestsrc /videotestsrc num-buffers=3 /g')
+[ "$(echo "$rig" | grep -o 'queue' | wc -l)" -eq 6 ] \
+  && [ "$(echo "$rig" | grep -o 'queue max-size-buffers=2 ' | wc -l)" -eq 6 ] || fail "rig: $rig"
+QV_MESSAGES=off timeout 120 sh -c "$rig -q" >"$P/log" 2>&1 || fail "rig: $(cat "$P/log")"
+
 # Operator texts follow QV_MESSAGES, so that video written to standard output stays video.
 QV_MESSAGES=stderr timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=3 \
   ! video/x-raw,format=GRAY8,width=64,height=48 ! qvcudaupload ! qvcudadebayer ! qvcudadownload \
