@@ -258,7 +258,7 @@ static void gst_auto_adapt_class_init(GstQvAutoAdaptClass* klass) {
       g_param_spec_int("update", "Update", "Update intervall for brightness measure", 1, 1000, 5,
                        eFlags));
 
-  gst_element_class_set_static_metadata(pxElementClass, "qv auto exp/gain/wb element",
+  gst_element_class_set_static_metadata(pxElementClass, "qv auto exposure and gain",
                                         "Filter/Effect/Video", "Velmora Auto adapt camera settings",
                                         "qvvideoproc developers");
   gst_element_class_add_static_pad_template(pxElementClass, &src_template);

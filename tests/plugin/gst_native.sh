@@ -21,10 +21,16 @@ for e in bayer2rgb rgb2bayer videobox; do
 done
 timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=1 ! video/x-bayer,width=8,height=8 \
   ! bayer2rgb ! fakesink >"$P/log" 2>&1 || fail "bayer2rgb: $(cat "$P/log")"
+D="$(dirname "$0")/../../docs/decisions.md"
 for e in qvcudaupload qvcudadebayer qvcudascale qvcudamix qvcudayuv qvcudanormalize \
-    qvcudadownload qvbayer2rgb qvrgb2bayer qvbayer2lum; do
-  gst-inspect-1.0 "$e" >/dev/null 2>&1 || fail "gst-inspect-1.0 $e"
+    qvcudadownload qvbayer2rgb qvrgb2bayer qvbayer2lum qvautoadapt qvcudajpegsink qvcudasink; do
+  gst-inspect-1.0 "$e" >"$P/log" 2>&1 || fail "gst-inspect-1.0 $e"
+  # Each element's long name stands, with the text it replaces, in docs/decisions.md.
+  n=$(sed -n 's/^  Long-name  *//p' "$P/log")
+  grep -F "\`$e\`" "$D" | grep -qF "\"$n\"" || fail "$e: long name \"$n\" not in docs/decisions.md"
 done
+[ "$n" = "CUDA Sink" ] && gst-inspect-1.0 qvautoadapt | grep -q "Long-name *qv auto exposure and gain$" \
+  || fail "long names"
 [ "$(gst-inspect-1.0 --gst-debug-help | grep -c '^qv')" -ge 11 ] || fail "debug categories"
 
 # gst-launch-1.0 of GStreamer 1.22 sometimes stays in its loop after an error during preroll
@@ -60,7 +66,7 @@ rc=0; timeout 60 "$L" filesrc location="$P/in.rgba" blocksize=128 \
   ! fakesink async=false >"$P/out" 2>"$P/log" || rc=$?
 [ $rc -eq 1 ] && grep -q "exception catched: " "$P/out" && grep -q "^ERROR" "$P/log" \
   || fail "a failed frame ended with $rc: $(cat "$P/out" "$P/log")"
-rc=0; timeout --preserve-status -s INT 2 "$L" videotestsrc is-live=true ! fakesink >"$P/out" \
+rc=0; timeout --preserve-status -s INT 3 "$L" videotestsrc is-live=true ! fakesink >"$P/out" \
   2>"$P/log" || rc=$?
 [ $rc -eq 0 ] && grep -q "Interrupt: Stopping pipeline" "$P/out" && ! grep -q CRITICAL "$P/log" \
   || fail "Ctrl-C ended with $rc: $(cat "$P/out" "$P/log")"
