@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -94,7 +95,31 @@ struct SPipelineResult {
   double dMsPerFrame = 0;
   double dAllocationsPerFrame = 0;
   bool bPinned = false;
+  size_t uFirstBytes = 0;  // the size of the first output buffer
 };
+
+// The mixer. Six branches of appsrc feed qvcudamix; every buffer is queued before the pipeline
+// plays, so that the figure is the mixer's own cost per output frame, counted at the sink from
+// the first frame to the last.
+struct SMixResult {
+  double dMsPerFrame = 0;
+  int iFrames = 0;
+  std::vector<Clock::time_point> xTimes;
+  GstBuffer* pxFirst = NULL;  // the first output frame, for the check of what was timed
+};
+
+void CountFrame(GstElement* /*sink*/, GstBuffer* pxBuffer, GstPad* /*pad*/, gpointer pxData) {
+  auto* pxResult = static_cast<SMixResult*>(pxData);
+  if (pxResult->xTimes.empty()) pxResult->pxFirst = gst_buffer_ref(pxBuffer);
+  pxResult->xTimes.push_back(Clock::now());
+}
+
+// A figure that did not time what its line names ends the benchmark.
+void Require(bool bOk, const char* szLine, const char* szWhat) {
+  if (bOk) return;
+  std::fprintf(stderr, "qvbench: %s: %s; its figure would be wrong\n", szLine, szWhat);
+  std::exit(1);
+}
 
 // appsrc ! <chain> ! fakesink with one frame pushed again and again (from the upload
 // element's pinned pool where the chain starts with it), so that the source costs nothing and
@@ -106,7 +131,7 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
                 "video/x-bayer,format=grbg,width=%d,height=%d,framerate=30/1", iWidth, iHeight);
   const std::string sPipeline =
       std::string("appsrc name=src format=time block=true max-buffers=4 caps=\"") + szCaps +
-      "\" ! " + szChain + " ! fakesink sync=false";
+      "\" ! " + szChain + " ! fakesink name=sink sync=false signal-handoffs=true";
   GError* pxError = NULL;
   GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
   if (!pxPipeline || pxError) {
@@ -122,6 +147,10 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
     gst_object_unref(pxPeer);
     gst_object_unref(pxSrcPad);
   }
+  SMixResult xOut;
+  GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
+  g_signal_connect(pxSink, "handoff", G_CALLBACK(CountFrame), &xOut);
+  gst_object_unref(pxSink);
   gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
 
   const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, 0);
@@ -149,6 +178,12 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
   GstMessage* pxMsg = gst_bus_timed_pop_filtered(
       pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
   const double dMs = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+  // Every frame pushed (the first, five of warm-up, the timed ones) must have come out.
+  Require(pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_EOS &&
+              xOut.xTimes.size() == static_cast<size_t>(iFrames) + 6,
+          szChain, "not every frame came out");
+  xResult.uFirstBytes = gst_buffer_get_size(xOut.pxFirst);
+  gst_buffer_unref(xOut.pxFirst);
   if (pxMsg) gst_message_unref(pxMsg);
   xResult.dMsPerFrame = dMs / (iFrames + 0.0);
   xResult.dAllocationsPerFrame =
@@ -262,19 +297,6 @@ void DownloadBench(int iWidth, int iHeight, bool bCuda) {
   Csv("download", "qvcudadownload", dDownload, "ms/frame", dBare);
 }
 
-// The mixer. Six branches of appsrc feed qvcudamix; every buffer is queued before the pipeline
-// plays, so that the figure is the mixer's own cost per output frame, counted at the sink from
-// the first frame to the last.
-struct SMixResult {
-  double dMsPerFrame = 0;
-  int iFrames = 0;
-};
-
-void CountFrame(GstElement* /*sink*/, GstBuffer* /*buffer*/, GstPad* /*pad*/, gpointer pxData) {
-  auto* pxTimes = static_cast<std::vector<Clock::time_point>*>(pxData);
-  pxTimes->push_back(Clock::now());
-}
-
 // xBranches[i] is the list of buffers for branch i (taken). szMixer is the element line between
 // the branches and the sink, with the name "mix".
 SMixResult MixPipeline(const char* szMixer, const char* szCaps,
@@ -302,10 +324,10 @@ SMixResult MixPipeline(const char* szMixer, const char* szCaps,
     gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
     gst_object_unref(pxSrc);
   }
-  std::vector<Clock::time_point> xTimes;
+  std::vector<Clock::time_point>& xTimes = xResult.xTimes;
   xTimes.reserve(4096);
   GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
-  g_signal_connect(pxSink, "handoff", G_CALLBACK(CountFrame), &xTimes);
+  g_signal_connect(pxSink, "handoff", G_CALLBACK(CountFrame), &xResult);
   gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
   GstBus* pxBus = gst_element_get_bus(pxPipeline);
   GstMessage* pxMsg = gst_bus_timed_pop_filtered(
@@ -367,8 +389,9 @@ void MixBenchmarks(bool bCuda) {
   const int iFrames = bCuda ? 2000 : 150;
   const char* szRaw4k = "video/x-raw,format=GRAY8,width=3840,height=2160,framerate=25/1";
 
-  // Six camera images on the device, each pushed again and again. Every branch first holds a
-  // buffer over [0,1000 s); the images wait at 1000 s, so each frame pops one per camera.
+  // Six camera images on the device, each pushed again and again as frames of 40 ms one after
+  // the other (copies of one buffer sharing its image), so each output frame takes one per
+  // camera and copies six tiles.
   std::vector<GstBuffer*> xCameras;
   std::vector<Qv::CQvDeviceImage2D*> xImages;
   const std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(3840, 2160, 0);
@@ -381,8 +404,6 @@ void MixBenchmarks(bool bCuda) {
     pxImage->Create(Qv::CQvImageFormat(3840, 2160, Qv::EPixelType::BayerGR, Qv::EDataType::UByte),
                     xScene.data(), false);
     gst_buffer_unmap(pxBuffer, &xMap);
-    GST_BUFFER_PTS(pxBuffer) = 1000 * GST_SECOND;
-    GST_BUFFER_DURATION(pxBuffer) = 40 * GST_MSECOND;
     xCameras.push_back(pxBuffer);
     xImages.push_back(pxImage);
   }
@@ -391,14 +412,33 @@ void MixBenchmarks(bool bCuda) {
   BareWallMs(xImages, bCuda ? 200 : 20, dFloor, dTiles);
 
   std::vector<std::vector<GstBuffer*>> xBranches(6);
-  for (int i = 0; i < 6; ++i) {
-    GstBuffer* pxFirst = gst_buffer_new_allocate(NULL, 1, NULL);
-    GST_BUFFER_PTS(pxFirst) = 0;
-    GST_BUFFER_DURATION(pxFirst) = 1000 * GST_SECOND;
-    xBranches[i].push_back(pxFirst);
-    for (int k = 0; k < iFrames; ++k) xBranches[i].push_back(gst_buffer_ref(xCameras[i]));
+  for (int i = 0; i < 6; ++i)
+    for (int k = 0; k < iFrames; ++k) {
+      GstBuffer* pxFrame = gst_buffer_copy(xCameras[i]);
+      GST_BUFFER_PTS(pxFrame) = k * 40 * GST_MSECOND;
+      GST_BUFFER_DURATION(pxFrame) = 40 * GST_MSECOND;
+      xBranches[i].push_back(pxFrame);
+    }
+  SMixResult xWall = MixPipeline("qvcudamix name=mix type=videowall", szRaw4k, xBranches);
+  // Checked once before the figure counts: a frame for every input frame, each tile holding the
+  // top left 1280x1338 of its camera's image.
+  Require(xWall.iFrames == iFrames && xWall.pxFirst, "videowall", "frames missing");
+  {
+    GstMapInfo xMap;
+    Require(gst_buffer_map(xWall.pxFirst, &xMap, GST_MAP_READ), "videowall", "no device image");
+    const auto& xOut = *reinterpret_cast<const Qv::CQvDeviceImage2D*>(xMap.data);
+    Require(xOut.GetFormat().iWidth == 3840 && xOut.GetFormat().iHeight == 2676, "videowall",
+            "the frame is not a 3840x2676 wall");
+    std::vector<uint8_t> xWallBytes(3840u * 2676u);
+    xOut.Download(xWallBytes.data(), 3840);
+    gst_buffer_unmap(xWall.pxFirst, &xMap);
+    for (int t = 0; t < 6; ++t)
+      for (int y = 0; y < 1338; y += 223)
+        Require(std::memcmp(&xWallBytes[(t / 3 * 1338 + y) * 3840u + t % 3 * 1280],
+                            &xScene[y * 3840u], 1280) == 0,
+                "videowall", "a tile does not hold its camera's image");
+    gst_buffer_unref(xWall.pxFirst);
   }
-  const SMixResult xWall = MixPipeline("qvcudamix name=mix type=videowall", szRaw4k, xBranches);
   for (GstBuffer* pxBuffer : xCameras) gst_buffer_unref(pxBuffer);
 
   // The selector against input-selector: the same six branches of small timestamped buffers.
@@ -417,6 +457,8 @@ void MixBenchmarks(bool bCuda) {
   const SMixResult xSel = MixPipeline("qvcudamix name=mix", szRaw4k, xSelBranches);
   auto xInBranches = SelectorBranches();
   const SMixResult xIn = MixPipeline("input-selector name=mix", szRaw4k, xInBranches);
+  for (const SMixResult* px : {&xSel, &xIn})
+    if (px->pxFirst) gst_buffer_unref(px->pxFirst);
 
   const double dBytes = 2.0 * 6 * 1280 * 1338;
   std::printf("mix: byte floor, one copy of 6x1280x1338 bytes   %8.3f ms (%.1f GB/s read+write)\n",
@@ -836,12 +878,17 @@ int main(int argc, char** argv) {
         xChain.dMsPerFrame, 1000.0 / xChain.dMsPerFrame, xChain.dAllocationsPerFrame);
     double dCpuMs = NAN;
     if (HasFactories({"bayer2rgb", "videoscale", "videoconvert"})) {
+      GstElement* pxPeer = gst_element_factory_make("bayer2rgb", NULL);
+      Require(pxPeer && std::strcmp(G_OBJECT_TYPE_NAME(pxPeer), "GstBayer2RGB") == 0, "CPU chain",
+              "bayer2rgb is not GStreamer's demosaic");
+      gst_object_unref(pxPeer);
       char szCpu[160];
       std::snprintf(szCpu, sizeof(szCpu),
                     "bayer2rgb ! videoconvert ! videoscale ! video/x-raw,width=3840,height=1784");
       const SPipelineResult xCpu = RunPipeline(szCpu, iWidth, iHeight, 5);
+      Require(xCpu.uFirstBytes >= 3840u * 1784u * 3, "CPU chain", "no scaled RGB frame came out");
       std::printf(
-          "chain:  bayer2rgb ! videoscale on the CPU    %8.3f ms/frame (%.1f fps); ratio %.1f\n",
+          "chain:  bayer2rgb ! videoscale on the CPU    %8.3f ms/frame (%.1f fps); ratio %.3f\n",
           xCpu.dMsPerFrame, 1000.0 / xCpu.dMsPerFrame, xCpu.dMsPerFrame / xChain.dMsPerFrame);
       dCpuMs = xCpu.dMsPerFrame;
     } else {
