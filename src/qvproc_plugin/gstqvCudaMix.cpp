@@ -672,7 +672,9 @@ static gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* cap
       iFpsD = GST_VIDEO_INFO_FPS_D(&xPad);
     }
   }
-  if (g_atomic_int_get(&self->mix_type) == MixType_VideoWall) {
+  // Every wall frame is the whole mosaic: downstream takes that size or nothing.
+  const bool bWall = g_atomic_int_get(&self->mix_type) == MixType_VideoWall;
+  if (bWall) {
     iWidth = kWallWidth;
     iHeight = kWallHeight;
   }
@@ -707,17 +709,27 @@ static gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* cap
 
   GstCaps* pxPeer = gst_pad_peer_query_caps(self->srcpad, NULL);
   if (pxPeer && !gst_caps_can_intersect(pxPeer, caps)) {
-    // Downstream can't take the pad's caps as they are: let it choose size and rate nearest to
-    // the ones chosen here.
+    // Downstream can't take the pad's caps as they are: let it choose the rate, and in the
+    // selector also the size, nearest to the ones chosen here.
     GstCaps* pxRelaxed = gst_caps_make_writable(gst_caps_ref(caps));
-    for (guint i = 0; i < gst_caps_get_size(pxRelaxed); ++i)
-      gst_structure_set(gst_caps_get_structure(pxRelaxed, i), "width", GST_TYPE_INT_RANGE, 1,
-                        G_MAXINT, "height", GST_TYPE_INT_RANGE, 1, G_MAXINT, "framerate",
-                        GST_TYPE_FRACTION_RANGE, 0, 1, G_MAXINT, 1, NULL);
+    for (guint i = 0; i < gst_caps_get_size(pxRelaxed); ++i) {
+      GstStructure* s = gst_caps_get_structure(pxRelaxed, i);
+      gst_structure_set(s, "framerate", GST_TYPE_FRACTION_RANGE, 0, 1, G_MAXINT, 1, NULL);
+      if (bWall)
+        gst_structure_set(s, "width", G_TYPE_INT, iWidth, "height", G_TYPE_INT, iHeight, NULL);
+      else
+        gst_structure_set(s, "width", GST_TYPE_INT_RANGE, 1, G_MAXINT, "height", GST_TYPE_INT_RANGE,
+                          1, G_MAXINT, NULL);
+    }
     GstCaps* pxChosen = gst_caps_intersect(pxRelaxed, pxPeer);
     gst_caps_unref(pxRelaxed);
     if (gst_caps_is_empty(pxChosen)) {
       GST_DEBUG_OBJECT(self, "empty caps");
+      if (bWall)
+        GST_ELEMENT_ERROR(
+            self, CORE, NEGOTIATION,
+            ("Downstream cannot take the video wall's size of %dx%d.", iWidth, iHeight),
+            ("downstream takes %" GST_PTR_FORMAT, pxPeer));
       gst_caps_unref(pxChosen);
       gst_caps_unref(pxPeer);
       GST_CUDA_MIXER2_UNLOCK(self);

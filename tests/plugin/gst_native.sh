@@ -40,6 +40,19 @@ timeout 60 gst-launch-1.0 videotestsrc num-buffers=1 ! video/x-raw,format=GRAY8,
 grep -q "from element /GstPipeline:pipeline0/GstQvCudaDebayer:deb: buffer holds no device image" \
   "$P/log" || fail "no element error on the bus: $(cat "$P/log")"
 
+# The wall's frames are the whole mosaic: a downstream size of its own is refused at negotiation
+# with the cause on the bus, while the selector lets downstream choose the size.
+wall() {
+  timeout 60 gst-launch-1.0 videotestsrc num-buffers=2 ! video/x-raw,format=GRAY8,width=64,height=48 \
+    ! qvcudaupload ! qvcudamix type=$1 ! "video/x-raw,width=$2,height=$3" ! fakesink async=false \
+    >"$P/log" 2>&1
+}
+wall videowall 3840 2676 || fail "wall at its size: $(cat "$P/log")"
+wall selector 640 480 || fail "selector at a size of downstream's: $(cat "$P/log")"
+wall videowall 640 480 && fail "the wall went out at 640x480"
+grep -q "Downstream cannot take the video wall's size of 3840x2676" "$P/log" \
+  || fail "no negotiation error for the wall: $(cat "$P/log")"
+
 # Flat grays near white and near black as the sensor sees them (red at 0.7 and blue at 0.88 of
 # green): the centre pixel keeps its level within 2 only where videoconvert reads full range.
 for v in 250 50; do
