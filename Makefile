@@ -1,6 +1,5 @@
 # Thin wrapper around CMake; the README's commands.
 BUILD_DIR ?= build
-QV_CUDA_ARCHS ?= 75;87;90
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
@@ -12,7 +11,7 @@ deps:
 	@scripts/install-deps.sh
 
 configure: deps
-	cmake -S . -B $(BUILD_DIR) -DQV_CUDA_ARCHS="$(QV_CUDA_ARCHS)" $(CMAKE_FLAGS)
+	cmake -S . -B $(BUILD_DIR) $(if $(QV_CUDA_ARCHS),-DQV_CUDA_ARCHS="$(QV_CUDA_ARCHS)") $(CMAKE_FLAGS)
 
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
