@@ -182,24 +182,14 @@ __global__ void __launch_bounds__(DemosaicTile::kThreads, DemosaicTile::kMinBloc
   }
 }
 
-// As many blocks of the kernel as the device keeps resident at once: they walk all tiles.
-template <class F>
-unsigned ResidentBlocks(F fnKernel) {
-  int iDevice = 0, iSMs = 0, iPerSM = 0;
-  if (cudaGetDevice(&iDevice) != cudaSuccess ||
-      cudaDeviceGetAttribute(&iSMs, cudaDevAttrMultiProcessorCount, iDevice) != cudaSuccess ||
-      cudaOccupancyMaxActiveBlocksPerMultiprocessor(&iPerSM, fnKernel, DemosaicTile::kThreads, 0) !=
-          cudaSuccess)
-    return 1;
-  return static_cast<unsigned>(std::max(1, iSMs * iPerSM));
-}
-
 template <class TTarget, class S, int ePattern>
 void LaunchTiles(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource,
                  const SBayerGains& xGains, cudaStream_t hStream) {
   using namespace DemosaicTile;
   // Once a kernel instance (the device does not change); fewer blocks for small images.
-  static const unsigned s_uResident = ResidentBlocks(DemosaicImage<TTarget, S, ePattern>);
+  // The resident blocks walk all tiles.
+  static const unsigned s_uResident =
+      ResidentBlocks(DemosaicImage<TTarget, S, ePattern>, DemosaicTile::kThreads);
   const int iTiles = ((xSource.xFormat.iWidth + kWidth - 1) / kWidth) *
                      ((xSource.xFormat.iHeight + kHeight - 1) / kHeight);
   const unsigned uBlocks = std::min(s_uResident, static_cast<unsigned>(iTiles));

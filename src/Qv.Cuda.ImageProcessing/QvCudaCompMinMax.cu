@@ -7,6 +7,7 @@
 #include "QvDevice.h"
 #include "QvDeviceMMU.h"
 #include "QvException.h"
+#include "QvLaunch.cuh"
 #include "TextureBinding.h"
 
 namespace Qv {
@@ -71,22 +72,6 @@ namespace {
 
 const char* const kMinMaxLabel = "GetImageMinMax --> Kernel::GetImageMinMax";
 
-// Enough blocks to fill the device once; each thread then strides over several rows.
-unsigned ResidentBlocks(unsigned uThreadsPerBlock) {
-  static const unsigned uThreadsOnDevice = [] {
-    int iDevice = 0, iSMs = 0, iThreads = 0;
-    if (cudaGetDevice(&iDevice) != cudaSuccess ||
-        cudaDeviceGetAttribute(&iSMs, cudaDevAttrMultiProcessorCount, iDevice) != cudaSuccess ||
-        cudaDeviceGetAttribute(&iThreads, cudaDevAttrMaxThreadsPerMultiProcessor, iDevice) !=
-            cudaSuccess) {
-      cudaGetLastError();
-      return 16u * 1024u;
-    }
-    return static_cast<unsigned>(iSMs) * static_cast<unsigned>(iThreads);
-  }();
-  return uThreadsOnDevice / uThreadsPerBlock;
-}
-
 void CopyPair(void* pDst, const void* pSrc, cudaMemcpyKind eKind, cudaStream_t hStream) {
   if (!Device::IsCuda()) {
     std::memcpy(pDst, pSrc, 2 * sizeof(float));
@@ -105,7 +90,8 @@ void RunMinMax(CQvCudaComp& xComp, const SDeviceImageDesc2D& xImage, float* pfMi
   if (Device::IsCuda()) {
     dim3 xGrid = xComp.GetGrid();
     const dim3& xBlock = xComp.GetBlock();
-    const unsigned uBlocks = ResidentBlocks(xBlock.x * xBlock.y);
+    // Enough blocks to fill the device once; each thread then strides over several rows.
+    const unsigned uBlocks = ResidentBlocks(Kernel::GetImageMinMax<T, C>, xBlock.x * xBlock.y);
     // Rounded down: a second, small wave of blocks would take as long as the first.
     xGrid.y = std::max(1u, std::min(xGrid.y, uBlocks / xGrid.x));
     Kernel::GetImageMinMax<T, C><<<xGrid, xBlock, 0, hStream>>>(xImage, pfMin, pfMax);

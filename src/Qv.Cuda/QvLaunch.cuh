@@ -35,4 +35,19 @@ void LaunchPerPixel(CQvCudaComp& xComp, const char* szName, int iWidth, int iHei
   xComp.End(szName, hStream);
 }
 
+// As many blocks of a kernel, at uThreadsPerBlock threads each, as the device keeps resident at
+// once; 1 where the device cannot tell. Kernels that walk their work in a loop launch this many.
+template <class K>
+unsigned ResidentBlocks(K fnKernel, unsigned uThreadsPerBlock) {
+  int iDevice = 0, iSMs = 0, iPerSM = 0;
+  if (cudaGetDevice(&iDevice) != cudaSuccess ||
+      cudaDeviceGetAttribute(&iSMs, cudaDevAttrMultiProcessorCount, iDevice) != cudaSuccess ||
+      cudaOccupancyMaxActiveBlocksPerMultiprocessor(
+          &iPerSM, fnKernel, static_cast<int>(uThreadsPerBlock), 0) != cudaSuccess) {
+    cudaGetLastError();
+    return 1;
+  }
+  return static_cast<unsigned>(iSMs * iPerSM > 1 ? iSMs * iPerSM : 1);
+}
+
 }  // namespace Qv
