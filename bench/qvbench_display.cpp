@@ -16,9 +16,9 @@
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
 #include "QvGraphicsInterop.h"
-#include "gstUtil.h"
-#include "gstqvCudaSink.h"
-#include "nativewindow_glx.h"
+#include "common/gstUtil.h"
+#include "display/gstqvCudaSink.h"
+#include "display/nativewindow_glx.h"
 
 namespace {
 

@@ -32,10 +32,40 @@ install(PROGRAMS examples/rig.py DESTINATION "${CMAKE_INSTALL_DATADIR}/qvvideopr
 file(GLOB QV_PUBLIC_HEADERS
   ${PROJECT_SOURCE_DIR}/src/Qv.Core/*.h
   ${PROJECT_SOURCE_DIR}/src/Qv.Cuda/*.h
-  ${PROJECT_SOURCE_DIR}/src/Qv.Cuda.ImageProcessing/QvCudaComp*.h
-  ${PROJECT_SOURCE_DIR}/src/qvproc_plugin/*.h)
-list(FILTER QV_PUBLIC_HEADERS EXCLUDE REGEX "Priv\\.h$")
+  ${PROJECT_SOURCE_DIR}/src/Qv.Cuda.ImageProcessing/QvCudaComp*.h)
 install(FILES ${QV_PUBLIC_HEADERS} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qvvideoproc")
+# Of the plugin, what a host application uses: the element types' getters, the allocators, the
+# registration of the elements without a factory, the buffer meta, and what those headers
+# include. They keep their folders, since they include each other by them.
+set(QV_PLUGIN_PUBLIC_HEADERS
+  plugin.h
+  gstqvHostElements.h
+  common/gstqvMetaInfo.h
+  common/gstqvCudaMemory.h
+  common/gstqvSysMemAlloc.h
+  common/gstqvCudaBaseTransform.h
+  common/gstBufferMap.h
+  common/gstUtil.h
+  transform/gstqvCudaUpload.h
+  transform/gstqvCudaDebayer.h
+  transform/gstqvCudaScale.h
+  transform/gstqvCudaYUV.h
+  transform/gstqvCudaNormalize.h
+  transform/gstqvCudaDownload.h
+  transform/bayer2rgb.h
+  transform/rgb2bayer.h
+  transform/bayer2lum.h
+  mixer/gstqvCudaMix.h
+  display/gstqvCudaSink.h
+  adapt/gstqvAutoAdapt.h
+  adapt/AutoAdapt.h
+  jpeg/gstqvCudaJpegSink.h
+  jpeg/QvNvBuffer.h)
+foreach(sHeader IN LISTS QV_PLUGIN_PUBLIC_HEADERS)
+  get_filename_component(sDir "${sHeader}" DIRECTORY)
+  install(FILES ${PROJECT_SOURCE_DIR}/src/qvproc_plugin/${sHeader}
+    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qvvideoproc/${sDir}")
+endforeach()
 
 # Relocatable: the prefix is found from where the file lies.
 file(RELATIVE_PATH QV_PC_TO_PREFIX "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")

@@ -2,14 +2,14 @@
 
 #include <dlfcn.h>
 
-#include "bayer2lum.h"
-#include "bayer2rgb.h"
-#include "gstqvAutoAdapt.h"
-#include "gstqvCudaDownload.h"
-#include "gstqvCudaJpegSink.h"
-#include "gstqvCudaNormalize.h"
-#include "gstqvCudaYUV.h"
-#include "rgb2bayer.h"
+#include "adapt/gstqvAutoAdapt.h"
+#include "jpeg/gstqvCudaJpegSink.h"
+#include "transform/bayer2lum.h"
+#include "transform/bayer2rgb.h"
+#include "transform/gstqvCudaDownload.h"
+#include "transform/gstqvCudaNormalize.h"
+#include "transform/gstqvCudaYUV.h"
+#include "transform/rgb2bayer.h"
 
 // A factory is made once per process for each type: a second one would replace the first
 // under the element class, which keeps pointing at the factory it was first registered with.

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "GstTestUtil.h"
-#include "gstqvCudaMemory.h"
+#include "common/gstqvCudaMemory.h"
 
 namespace QvTest {
 

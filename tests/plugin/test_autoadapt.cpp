@@ -13,11 +13,11 @@
 #include <mutex>
 #include <thread>
 
-#include "AutoAdapt.h"
 #include "GstTestUtil.h"
-#include "H5Camera.h"
 #include "QvException.h"
-#include "gstqvAutoAdapt.h"
+#include "adapt/AutoAdapt.h"
+#include "adapt/H5Camera.h"
+#include "adapt/gstqvAutoAdapt.h"
 #include "gstqvHostElements.h"
 #include "plugin.h"
 

@@ -1,6 +1,6 @@
 // The debayer element against a reference worked out here, and the scale element.
 #include "GstTestUtil.h"
-#include "gstqvCudaScale.h"
+#include "transform/gstqvCudaScale.h"
 
 using namespace Qv;
 using QvTest::CapsAre;

@@ -22,8 +22,8 @@
 #include "QvException.h"
 #include "QvGraphicsInterop.h"
 #include "Texture2D.h"
-#include "gstqvCudaSink.h"
-#include "nativewindow_glx.h"
+#include "display/gstqvCudaSink.h"
+#include "display/nativewindow_glx.h"
 
 // clang-format off
 // After the image code: X11 defines None as a macro.

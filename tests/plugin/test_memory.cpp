@@ -1,6 +1,6 @@
 // Buffers that carry device images, and the helpers every transform shares.
 #include "GstTestUtil.h"
-#include "gstqvCudaMemory.h"
+#include "common/gstqvCudaMemory.h"
 
 using namespace Qv;
 

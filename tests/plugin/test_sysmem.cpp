@@ -1,6 +1,6 @@
 // Pinned host memory, and the allocation answer of the elements that take frames from sources.
 #include "GstTestUtil.h"
-#include "gstqvSysMemAlloc.h"
+#include "common/gstqvSysMemAlloc.h"
 
 TEST(SysMem, ProposalNeedsVideoCapsAndAPoolButRegistersTheAllocatorAnyway) {
   for (auto [szCaps, bNeedPool, bAnswer] :
