@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "AutoAdapt.h"
+#include "H5Camera.h"
 #include "QvBenchStats.h"
 #include "QvCudaCompDemosaic.h"
 #include "QvCudaCompYUV.h"
@@ -24,13 +26,11 @@
 #include "QvDeviceImage2D.h"
 #include "QvDeviceMMU.h"
 #include "QvException.h"
+#include "QvJpegEncoder.h"
+#include "QvNvBuffer.h"
 #include "QvSynthetic.h"
-#include "adapt/AutoAdapt.h"
-#include "adapt/H5Camera.h"
 #include "adapt/gstqvAutoAdapt.h"
 #include "common/gstUtil.h"
-#include "jpeg/QvJpegEncoder.h"
-#include "jpeg/QvNvBuffer.h"
 #include "jpeg/gstqvCudaJpegSink.h"
 #include "transform/gstqvCudaDownload.h"
 

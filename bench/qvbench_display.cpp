@@ -18,7 +18,7 @@
 #include "QvGraphicsInterop.h"
 #include "common/gstUtil.h"
 #include "display/gstqvCudaSink.h"
-#include "display/nativewindow_glx.h"
+#include "nativewindow_glx.h"
 
 namespace {
 

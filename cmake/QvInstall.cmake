@@ -42,6 +42,8 @@ file(GLOB QV_PUBLIC_HEADERS
   ${PROJECT_SOURCE_DIR}/src/Qv.Core/*.h
   ${PROJECT_SOURCE_DIR}/src/Qv.Cuda/*.h
   ${PROJECT_SOURCE_DIR}/src/Qv.Cuda.ImageProcessing/QvCudaComp*.h)
+list(APPEND QV_PUBLIC_HEADERS ${PROJECT_SOURCE_DIR}/src/Qv.Rig/AutoAdapt.h
+  ${PROJECT_SOURCE_DIR}/src/Qv.Rig/QvNvBuffer.h)
 install(FILES ${QV_PUBLIC_HEADERS} DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/qvvideoproc")
 # Of the plugin, what a host application uses: the element types' getters, the allocators, the
 # registration of the elements without a factory, the buffer meta, and what those headers
@@ -67,9 +69,7 @@ set(QV_PLUGIN_PUBLIC_HEADERS
   mixer/gstqvCudaMix.h
   display/gstqvCudaSink.h
   adapt/gstqvAutoAdapt.h
-  adapt/AutoAdapt.h
-  jpeg/gstqvCudaJpegSink.h
-  jpeg/QvNvBuffer.h)
+  jpeg/gstqvCudaJpegSink.h)
 foreach(sHeader IN LISTS QV_PLUGIN_PUBLIC_HEADERS)
   get_filename_component(sDir "${sHeader}" DIRECTORY)
   install(FILES ${PROJECT_SOURCE_DIR}/src/qvproc_plugin/${sHeader}

@@ -23,7 +23,7 @@
 #include "QvGraphicsInterop.h"
 #include "Texture2D.h"
 #include "display/gstqvCudaSink.h"
-#include "display/nativewindow_glx.h"
+#include "nativewindow_glx.h"
 
 // clang-format off
 // After the image code: X11 defines None as a macro.

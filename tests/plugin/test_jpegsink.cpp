@@ -16,8 +16,8 @@
 #include "GstTestUtil.h"
 #include "QvCudaCompYUV.h"
 #include "QvDeviceImage2D.h"
+#include "QvJpegEncoder.h"
 #include "gstqvHostElements.h"
-#include "jpeg/QvJpegEncoder.h"
 
 using namespace Qv;
 

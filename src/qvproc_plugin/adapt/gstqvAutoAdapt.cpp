@@ -23,9 +23,9 @@
 #include <mutex>
 #include <string>
 
+#include "H5Camera.h"
 #include "QvException.h"
 #include "QvImage.h"
-#include "adapt/H5Camera.h"
 #include "common/gstBufferMap.h"
 #include "common/gstUtil.h"
 #include "common/gstqvMetaInfo.h"

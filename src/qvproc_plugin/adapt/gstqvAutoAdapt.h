@@ -2,7 +2,7 @@
 #include <gst/base/gstbasetransform.h>
 #include <gst/gst.h>
 
-#include "adapt/AutoAdapt.h"
+#include "AutoAdapt.h"
 
 class CH5Camera;
 

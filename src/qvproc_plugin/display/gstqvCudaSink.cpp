@@ -22,7 +22,7 @@
 #include "QvMessage.h"
 #include "common/gstBufferMap.h"
 #include "common/gstUtil.h"
-#include "display/nativewindow_glx.h"
+#include "nativewindow_glx.h"
 
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_sink_debug);
 #define GST_CAT_DEFAULT gst_cuda_sink_debug

@@ -26,10 +26,10 @@
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
+#include "QvJpegEncoder.h"
 #include "QvMessage.h"
 #include "common/gstBufferMap.h"
 #include "common/gstUtil.h"
-#include "jpeg/QvJpegEncoder.h"
 
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_jpeg_sink_debug);
 #define GST_CAT_DEFAULT gst_cuda_jpeg_sink_debug

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <list>
 
-#include "jpeg/QvNvBuffer.h"
+#include "QvNvBuffer.h"
 
 namespace Qv {
 class CQvCudaCompYUV;

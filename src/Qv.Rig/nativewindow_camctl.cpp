@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "QvMessage.h"
-#include "display/nativewindow_glx.h"
+#include "nativewindow_glx.h"
 
 // clang-format off
 // After the image code: X11 defines None as a macro.

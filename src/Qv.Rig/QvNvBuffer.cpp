@@ -1,4 +1,4 @@
-#include "jpeg/QvNvBuffer.h"
+#include "QvNvBuffer.h"
 
 #include <sys/mman.h>
 #include <sys/stat.h>

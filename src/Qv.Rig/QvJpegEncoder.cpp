@@ -1,4 +1,4 @@
-#include "jpeg/QvJpegEncoder.h"
+#include "QvJpegEncoder.h"
 
 #include <dlfcn.h>
 #include <turbojpeg.h>

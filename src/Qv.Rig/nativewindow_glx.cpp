@@ -1,4 +1,4 @@
-#include "display/nativewindow_glx.h"
+#include "nativewindow_glx.h"
 
 #include <algorithm>
 #include <cstdio>

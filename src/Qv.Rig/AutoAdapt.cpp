@@ -1,4 +1,4 @@
-#include "adapt/AutoAdapt.h"
+#include "AutoAdapt.h"
 
 #include <algorithm>
 #include <cmath>

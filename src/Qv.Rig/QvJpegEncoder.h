@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "jpeg/QvNvBuffer.h"
+#include "QvNvBuffer.h"
 
 enum class EJpegEncoder { Auto, NvJpeg, Turbo };
 

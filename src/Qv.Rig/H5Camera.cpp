@@ -1,4 +1,4 @@
-#include "adapt/H5Camera.h"
+#include "H5Camera.h"
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
