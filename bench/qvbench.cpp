@@ -29,10 +29,10 @@
 #include "QvJpegEncoder.h"
 #include "QvNvBuffer.h"
 #include "QvSynthetic.h"
-#include "gstUtil.h"
-#include "gstqvAutoAdapt.h"
-#include "gstqvCudaDownload.h"
-#include "gstqvCudaJpegSink.h"
+#include "adapt/gstqvAutoAdapt.h"
+#include "common/gstUtil.h"
+#include "jpeg/gstqvCudaJpegSink.h"
+#include "transform/gstqvCudaDownload.h"
 
 namespace {
 

@@ -16,8 +16,8 @@
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
 #include "QvGraphicsInterop.h"
-#include "gstUtil.h"
-#include "gstqvCudaSink.h"
+#include "common/gstUtil.h"
+#include "display/gstqvCudaSink.h"
 #include "nativewindow_glx.h"
 
 namespace {

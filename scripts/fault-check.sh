@@ -22,7 +22,7 @@ fault() { IDS+=("$1") DESCS+=("$2") FILES+=("$3") EDITS+=("$4") TESTS+=("$5"); }
 
 S=src/Qv.Cuda/QvSampling.h
 P=src/qvproc_plugin
-M=$P/gstqvCudaMix.cpp
+M=$P/mixer/gstqvCudaMix.cpp
 fault 1 "row bytes count channel bytes only" src/Qv.Core/QvImageFormat.cpp \
   's/return static_cast<uint64_t>(iWidth) \* uBytesPerPixel;/return static_cast<uint64_t>(iWidth) * static_cast<uint64_t>(GetBytesPerChannel());/' "$CORE"
 fault 2 "16-bit PNG samples read in file byte order" src/Qv.Core/FileIO.cpp \
@@ -47,25 +47,25 @@ fault 11 "Gauss taps normalized by their count" src/Qv.Cuda.ImageProcessing/QvCu
   's|const float fNorm = 1\.0f / fSum;|const float fNorm = 1.0f / static_cast<float>(2 * iRadius + 1);|' "$IMGPROC"
 fault 12 "single-sample shrink half a pixel off" src/Qv.Cuda.ImageProcessing/ConvolveKernels.h \
   's/v = Fetch<T>(xSource, sx + 0\.5f, sy + 0\.5f);/v = Fetch<T>(xSource, sx, sy);/' "$IMGPROC"
-fault 13 "blue gain 0.88 instead of 1 / 0.88" $P/gstqvCudaDebayer.cpp \
+fault 13 "blue gain 0.88 instead of 1 / 0.88" $P/transform/gstqvCudaDebayer.cpp \
   's/kBlueGain = 1\.1363636f;/kBlueGain = 0.88f;/' "$PLUGIN"
-fault 14 "bayer2rgb divides only heights above the largest" $P/bayer2rgb.cpp \
+fault 14 "bayer2rgb divides only heights above the largest" $P/transform/bayer2rgb.cpp \
   's/if (iHeight < iMaxHeight) return iHeight;/if (iHeight <= iMaxHeight) return iHeight;/' "$PLUGIN"
 fault 15 "mixer interval end truncated, not rounded" $M \
   's/gst_util_uint64_scale_round(self->nframes + 1,/gst_util_uint64_scale(self->nframes + 1,/' "$PLUGIN"
 fault 16 "mixer: buffer ending at the output start kept" $M \
   's/if (output_start >= pxCol->end_time) {/if (output_start > pxCol->end_time) {/' "$PLUGIN"
-fault 17 "selector tour 7 changes camera every 240 calls" $P/gstqvCudaMixModes.cpp \
+fault 17 "selector tour 7 changes camera every 240 calls" $P/mixer/gstqvCudaMixModes.cpp \
   's|iCamera = (iCount / 250) % iPads;|iCamera = (iCount / 240) % iPads;|' "$PLUGIN"
 fault 18 "QoS: early report before 0 not clamped" $M \
   's/self->earliest_time = uEarly > timestamp ? 0 : timestamp - uEarly;/self->earliest_time = timestamp - uEarly;/' "$PLUGIN"
-fault 19 "RGB pixel type mapped to GStreamer BGR" $P/gstUtil.cpp \
+fault 19 "RGB pixel type mapped to GStreamer BGR" $P/common/gstUtil.cpp \
   's/return GST_VIDEO_FORMAT_RGB;/return GST_VIDEO_FORMAT_BGR;/' "$PLUGIN"
-fault 20 "frame copy steps rows by the image row" $P/gstUtil.cpp \
+fault 20 "frame copy steps rows by the image row" $P/common/gstUtil.cpp \
   's/std::memcpy(pDst + static_cast<uint64_t>(y) \* iStride,/std::memcpy(pDst + static_cast<uint64_t>(y) * uRow,/' "$PLUGIN"
-fault 21 "frame copy accepts rows shorter than the image's" $P/gstUtil.cpp \
+fault 21 "frame copy accepts rows shorter than the image's" $P/common/gstUtil.cpp \
   's/if (!pDst || iStride < 0 || static_cast<uint64_t>(iStride) < uRow)/if (!pDst || iStride < 0)/' "$PLUGIN"
-fault 22 "download leaves its buffer at twice a frame" $P/gstqvCudaDownload.cpp \
+fault 22 "download leaves its buffer at twice a frame" $P/transform/gstqvCudaDownload.cpp \
   's/^  gst_buffer_set_size(\*outbuf, .*$//' "$PLUGIN"
 
 OUT="" BUILD="" WANT=() DRY=0

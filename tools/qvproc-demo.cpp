@@ -22,8 +22,8 @@
 #include "QvDeviceMMU.h"
 #include "QvException.h"
 #include "QvSynthetic.h"
-#include "gstqvCudaScale.h"
 #include "gstqvHostElements.h"
+#include "transform/gstqvCudaScale.h"
 
 // clang-format off
 // After the image code: X11 defines None as a macro.

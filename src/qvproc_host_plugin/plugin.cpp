@@ -1,4 +1,4 @@
-// The companion plugin "qvvideoprochost": factories for the element types that the main library
+// The companion plugin "qvvideoprochost": factories for the element types that the element library
 // exports without one (qvcudanormalize, qvcudayuv, qvcudadownload, the caps filters and every
 // further type that qv_register_host_elements() registers), so that gst-inspect-1.0,
 // gst-launch-1.0 and Gst.ElementFactory.make find them through the registry.

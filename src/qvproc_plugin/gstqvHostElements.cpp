@@ -2,14 +2,14 @@
 
 #include <dlfcn.h>
 
-#include "bayer2lum.h"
-#include "bayer2rgb.h"
-#include "gstqvAutoAdapt.h"
-#include "gstqvCudaDownload.h"
-#include "gstqvCudaJpegSink.h"
-#include "gstqvCudaNormalize.h"
-#include "gstqvCudaYUV.h"
-#include "rgb2bayer.h"
+#include "adapt/gstqvAutoAdapt.h"
+#include "jpeg/gstqvCudaJpegSink.h"
+#include "transform/bayer2lum.h"
+#include "transform/bayer2rgb.h"
+#include "transform/gstqvCudaDownload.h"
+#include "transform/gstqvCudaNormalize.h"
+#include "transform/gstqvCudaYUV.h"
+#include "transform/rgb2bayer.h"
 
 // A factory is made once per process for each type: a second one would replace the first
 // under the element class, which keeps pointing at the factory it was first registered with.
@@ -57,8 +57,20 @@ gboolean qv_scan_plugin_dir(void) {
   Dl_info xInfo;
   if (!dladdr(reinterpret_cast<void*>(&qv_scan_plugin_dir), &xInfo) || !xInfo.dli_fname)
     return FALSE;
-  gchar* szDir = g_path_get_dirname(xInfo.dli_fname);
-  const gboolean bChanged = gst_registry_scan_path(gst_registry_get(), szDir);
-  g_free(szDir);
+  // The plugins lie where an install puts them beside this library, or in the build tree's
+  // plugin folder; the first of the two that holds the main plugin is scanned.
+  gchar* szLibDir = g_path_get_dirname(xInfo.dli_fname);
+  gboolean bChanged = FALSE;
+  for (const char* szPlugins : {QV_INSTALLED_PLUGINS_DIR, QV_BUILT_PLUGINS_DIR}) {
+    gchar* szDir = g_path_is_absolute(szPlugins) ? g_strdup(szPlugins)
+                                                 : g_build_filename(szLibDir, szPlugins, NULL);
+    gchar* szMain = g_build_filename(szDir, "libgstqvvideoproc.so", NULL);
+    const gboolean bFound = g_file_test(szMain, G_FILE_TEST_EXISTS);
+    if (bFound) bChanged = gst_registry_scan_path(gst_registry_get(), szDir);
+    g_free(szMain);
+    g_free(szDir);
+    if (bFound) break;
+  }
+  g_free(szLibDir);
   return bChanged;
 }

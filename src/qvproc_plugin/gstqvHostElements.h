@@ -18,9 +18,9 @@ gboolean qv_register_host_elements(void);
 // An element already registered in this process, by either way, keeps its factory.
 gboolean qv_register_host_elements_into(GstPlugin* plugin);
 
-// Adds the folder this library was loaded from to the registry, so that a host application
-// finds the very plugin it runs with, built or installed, also where GST_PLUGIN_PATH does not
-// name it (and never a second copy of the library from elsewhere).
+// Adds the plugins' folder beside this library (installed or in the build tree) to the registry,
+// so that a host application finds the very plugins it runs with, also where GST_PLUGIN_PATH
+// does not name them (and never a second copy of the plugins from elsewhere).
 gboolean qv_scan_plugin_dir(void);
 
 G_END_DECLS

@@ -15,7 +15,7 @@
 
 #include "QvDeviceImage2D.h"
 #include "QvTestRandom.h"
-#include "gstUtil.h"
+#include "common/gstUtil.h"
 #include "gstqvHostElements.h"
 #include "plugin.h"
 

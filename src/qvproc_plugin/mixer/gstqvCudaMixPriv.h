@@ -1,0 +1,74 @@
+#pragma once
+// Shared by the mixer's two units: the element and pads (gstqvCudaMix) and the two ways of
+// making an output frame with their process-wide pools (gstqvCudaMixModes).
+#include <gst/gst.h>
+
+#include <string>
+#include <vector>
+
+#include "mixer/gstqvCudaMix.h"
+
+#if defined(__SANITIZE_THREAD__)
+#define QV_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QV_TSAN 1
+#endif
+#endif
+#if defined(QV_TSAN)
+#include <sanitizer/tsan_interface.h>
+#endif
+
+GST_DEBUG_CATEGORY_EXTERN(gst_cudamixer2_debug);
+
+// GLib's GMutex is a bare futex on Linux, which ThreadSanitizer cannot see. The element's locks
+// tell it about each hand-over, so that what it reports about the mixer is a real race.
+inline void QvMixMutexLock(GMutex* pxMutex) {
+  g_mutex_lock(pxMutex);
+#if defined(QV_TSAN)
+  __tsan_acquire(pxMutex);
+#endif
+}
+
+inline void QvMixMutexUnlock(GMutex* pxMutex) {
+#if defined(QV_TSAN)
+  __tsan_release(pxMutex);
+#endif
+  g_mutex_unlock(pxMutex);
+}
+
+#define GST_CUDA_MIXER2_LOCK(mix) QvMixMutexLock(&(mix)->lock)
+#define GST_CUDA_MIXER2_UNLOCK(mix) QvMixMutexUnlock(&(mix)->lock)
+#define GST_CUDA_MIXER2_SETCAPS_LOCK(mix) QvMixMutexLock(&(mix)->setcaps_lock)
+#define GST_CUDA_MIXER2_SETCAPS_UNLOCK(mix) QvMixMutexUnlock(&(mix)->setcaps_lock)
+#define GST_CUDA_MIXER2_OBJECT_LOCK(mix) QvMixMutexLock(GST_OBJECT_GET_LOCK(mix))
+#define GST_CUDA_MIXER2_OBJECT_UNLOCK(mix) QvMixMutexUnlock(GST_OBJECT_GET_LOCK(mix))
+
+// The video wall's geometry: a fixed raw mosaic of 3 x 2 tiles, each the top-left corner of one
+// camera's image.
+constexpr int kWallWidth = 3840;
+constexpr int kWallHeight = 2676;
+constexpr int kTileWidthBytes = 1280;
+constexpr int kTileHeight = 1338;
+constexpr int kTilesPerRow = 3;
+constexpr int kMaxTiles = 6;
+
+// What a mode function leaves behind: the output buffer, if any, and the messages to post once
+// `lock` is released (a bus sync handler must never run under the element's lock).
+struct SMixFrame {
+  GstBuffer* pxBuffer = nullptr;
+  std::vector<GstMessage*> xMessages;
+};
+
+// Both run with `lock` held. On failure the frame holds an error message and no buffer; the
+// selector leaves no buffer when its camera has no frame.
+GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFrame);
+GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame);
+
+// Gives back the mixer's hold on the wall's shared pool, which goes when no mixer holds it.
+// Called when the mixer stops and at finalize.
+void gst_cudamixer2_release_pools(GstCudaMixer2* self);
+
+// An error or warning message of the element, built now and posted later.
+GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType,
+                                       const std::string& sText, const std::string& sDebug);
