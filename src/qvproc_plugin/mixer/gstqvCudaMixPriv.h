@@ -1,6 +1,7 @@
 #pragma once
-// Shared by the mixer's two units: the element and pads (gstqvCudaMix) and the two ways of
-// making an output frame with their process-wide pools (gstqvCudaMixModes).
+// Shared by the mixer's units: the element, pads, events and queries (gstqvCudaMix),
+// negotiation (gstqvCudaMixCaps), the collect loop and quality of service (gstqvCudaMixCollect),
+// and the two ways of making an output frame with their process-wide pools (gstqvCudaMixModes).
 #include <gst/gst.h>
 
 #include <string>
@@ -60,6 +61,13 @@ struct SMixFrame {
   std::vector<GstMessage*> xMessages;
 };
 
+// The pad has no current buffer any more; the next pass takes a new one.
+inline void DropCurrent(GstCudaMixer2Collect* pxCol) {
+  gst_buffer_replace(&pxCol->buffer, NULL);
+  pxCol->start_time = GST_CLOCK_TIME_NONE;
+  pxCol->end_time = GST_CLOCK_TIME_NONE;
+}
+
 // Both run with `lock` held. On failure the frame holds an error message and no buffer; the
 // selector leaves no buffer when its camera has no frame.
 GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFrame);
@@ -72,3 +80,25 @@ void gst_cudamixer2_release_pools(GstCudaMixer2* self);
 // An error or warning message of the element, built now and posted later.
 GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType,
                                        const std::string& sText, const std::string& sDebug);
+
+// Negotiation (gstqvCudaMixCaps).
+// A sink pad's new caps: the converters and the output caps follow.
+gboolean gst_cudamixer2_pad_sink_setcaps(GstPad* pad, GstCudaMixer2* self, GstCaps* caps);
+// Caps, accept-caps and allocation queries on a sink pad.
+gboolean gst_cudamixer2_sink_query(GstCollectPads* pads, GstCollectData* cdata, GstQuery* query,
+                                   gpointer user_data);
+// The output format from the pads' formats. Runs with `lock` held.
+gboolean gst_cudamixer2_update_converters(GstCudaMixer2* self);
+// The output caps from the pads' sizes and rates and what downstream takes.
+gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps);
+
+// The collect loop and quality of service (gstqvCudaMixCollect).
+// One pass of the collect loop: at most one output frame.
+GstFlowReturn gst_cudamixer2_collected(GstCollectPads* pads, gpointer user_data);
+// Drops what lies outside a pad's segment and times the rest in running time.
+GstFlowReturn gst_cudamixer2_sink_clip(GstCollectPads* pads, GstCollectData* cdata, GstBuffer* buf,
+                                       GstBuffer** outbuf, gpointer user_data);
+// Quality of service from downstream's QoS events.
+void gst_cudamixer2_reset_qos(GstCudaMixer2* self);
+void gst_cudamixer2_update_qos(GstCudaMixer2* self, gdouble proportion, GstClockTimeDiff diff,
+                               GstClockTime timestamp);
