@@ -286,9 +286,11 @@ static void gst_cudamixer2_release_pad(GstElement* element, GstPad* pad) {
   self->numpads--;
   // The output format follows the remaining pads; the caps on the source pad stay until the
   // next caps event on a sink pad.
-  gst_cudamixer2_update_converters(self);
+  std::vector<GstMessage*> xMessages;
+  gst_cudamixer2_update_converters(self, xMessages);
   GST_CUDA_MIXER2_UNLOCK(self);
   GST_COLLECT_PADS_STREAM_UNLOCK(self->collect);
+  gst_cudamixer2_post_messages(self, xMessages);
   // Announced without the locks: a handler may well ask the element for its children.
   gst_child_proxy_child_removed(GST_CHILD_PROXY(self), G_OBJECT(pad), GST_OBJECT_NAME(pad));
 

@@ -1,6 +1,8 @@
 // The mixer's negotiation: what a sink pad takes, the output format and its caps.
 #include <cstring>
 #include <map>
+#include <string>
+#include <vector>
 
 #include "QvDevice.h"
 #include "QvException.h"
@@ -76,7 +78,8 @@ gboolean gst_cudamixer2_sink_query(GstCollectPads* /*pads*/, GstCollectData* cda
 }
 
 // Picks the output format from the pads. Runs with the stream lock of `collect` and `lock` held.
-gboolean gst_cudamixer2_update_converters(GstCudaMixer2* self) {
+gboolean gst_cudamixer2_update_converters(GstCudaMixer2* self,
+                                          std::vector<GstMessage*>& xMessages) {
   GstCaps* pxDownstream = gst_pad_get_allowed_caps(self->srcpad);
   if (!pxDownstream || gst_caps_is_empty(pxDownstream)) {
     if (pxDownstream) gst_caps_unref(pxDownstream);
@@ -136,7 +139,8 @@ gboolean gst_cudamixer2_update_converters(GstCudaMixer2* self) {
         "At least one of the input pads contains alpha, but downstream can't support alpha.";
     static const char* szDebug =
         "Either convert your inputs to not contain alpha or add a videoconvert after the mixer";
-    GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("%s", szText), ("%s", szDebug));
+    xMessages.push_back(gst_cudamixer2_new_message(self, GST_MESSAGE_ERROR, szText, szDebug,
+                                                   GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION));
     GST_WARNING_OBJECT(self, "error: %s", szText);
     GST_WARNING_OBJECT(self, "error: %s", szDebug);
     return FALSE;
@@ -168,9 +172,10 @@ gboolean gst_cudamixer2_update_converters(GstCudaMixer2* self) {
 
 // Picks width, height and rate of the output and makes its caps. Runs with the stream lock of
 // `collect` held.
-gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps) {
-  GST_CUDA_MIXER2_SETCAPS_LOCK(self);
-  GST_CUDA_MIXER2_LOCK(self);
+gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps,
+                                        std::vector<GstMessage*>& xMessages) {
+  CMixLock xSetCaps(&self->setcaps_lock);
+  CMixLock xLock(&self->lock);
 
   gint iWidth = 0, iHeight = 0, iFpsN = 0, iFpsD = 1;
   gdouble dBestFps = 0.0;
@@ -200,14 +205,10 @@ gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps) {
   }
   if (iWidth <= 0 || iHeight <= 0) {
     // The source caps wait for a pad with a size.
-    GST_CUDA_MIXER2_UNLOCK(self);
-    GST_CUDA_MIXER2_SETCAPS_UNLOCK(self);
     return TRUE;
   }
   if (GST_VIDEO_INFO_FORMAT(&self->info) == GST_VIDEO_FORMAT_UNKNOWN) {
     GST_DEBUG_OBJECT(self, "no output format to make caps of");
-    GST_CUDA_MIXER2_UNLOCK(self);
-    GST_CUDA_MIXER2_SETCAPS_UNLOCK(self);
     return FALSE;
   }
   if ((iFpsN != GST_VIDEO_INFO_FPS_N(&self->info) || iFpsD != GST_VIDEO_INFO_FPS_D(&self->info)) &&
@@ -241,15 +242,17 @@ gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps) {
     gst_caps_unref(pxRelaxed);
     if (gst_caps_is_empty(pxChosen)) {
       GST_DEBUG_OBJECT(self, "empty caps");
-      if (bWall)
-        GST_ELEMENT_ERROR(
-            self, CORE, NEGOTIATION,
-            ("Downstream cannot take the video wall's size of %dx%d.", iWidth, iHeight),
-            ("downstream takes %" GST_PTR_FORMAT, pxPeer));
+      if (bWall) {
+        gchar* szPeer = gst_caps_to_string(pxPeer);
+        xMessages.push_back(gst_cudamixer2_new_message(
+            self, GST_MESSAGE_ERROR,
+            "Downstream cannot take the video wall's size of " + std::to_string(iWidth) + "x" +
+                std::to_string(iHeight) + ".",
+            std::string("downstream takes ") + szPeer, GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION));
+        g_free(szPeer);
+      }
       gst_caps_unref(pxChosen);
       gst_caps_unref(pxPeer);
-      GST_CUDA_MIXER2_UNLOCK(self);
-      GST_CUDA_MIXER2_SETCAPS_UNLOCK(self);
       return FALSE;
     }
     pxChosen = gst_caps_truncate(pxChosen);
@@ -267,15 +270,14 @@ gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps) {
   if (pxPeer) gst_caps_unref(pxPeer);
 
   GstCaps* pxNew = gst_video_info_to_caps(&xInfo);
-  GST_CUDA_MIXER2_UNLOCK(self);
+  xLock.Unlock();
   GstVideoInfo xParsed;
   if (!pxNew || !gst_video_info_from_caps(&xParsed, pxNew)) {
     if (pxNew) gst_caps_unref(pxNew);
-    GST_CUDA_MIXER2_SETCAPS_UNLOCK(self);
     return FALSE;
   }
 
-  GST_CUDA_MIXER2_LOCK(self);
+  CMixLock xInfoLock(&self->lock);
   if (GST_VIDEO_INFO_FPS_N(&xParsed) != GST_VIDEO_INFO_FPS_N(&self->info) ||
       GST_VIDEO_INFO_FPS_D(&xParsed) != GST_VIDEO_INFO_FPS_D(&self->info)) {
     if (GST_CLOCK_TIME_IS_VALID(self->segment.position)) {
@@ -285,7 +287,7 @@ gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps) {
     gst_cudamixer2_reset_qos(self);
   }
   self->info = xParsed;
-  GST_CUDA_MIXER2_UNLOCK(self);
+  xInfoLock.Unlock();
 
   if (self->current_caps && gst_caps_is_equal(self->current_caps, pxNew)) {
     gst_caps_unref(pxNew);
@@ -294,7 +296,6 @@ gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps) {
     gst_caps_take(&self->current_caps, pxNew);
     self->send_caps = TRUE;
   }
-  GST_CUDA_MIXER2_SETCAPS_UNLOCK(self);
   return TRUE;
 }
 
@@ -330,9 +331,11 @@ gboolean gst_cudamixer2_pad_sink_setcaps(GstPad* pad, GstCudaMixer2* self, GstCa
   }
   pxPad->info = xInfo;
   pxPad->bWarnedTile = FALSE;
-  gboolean bOk = gst_cudamixer2_update_converters(self);
+  std::vector<GstMessage*> xMessages;
+  gboolean bOk = gst_cudamixer2_update_converters(self, xMessages);
   GST_CUDA_MIXER2_UNLOCK(self);
-  if (bOk) bOk = gst_cudamixer2_update_src_caps(self, caps);
+  if (bOk) bOk = gst_cudamixer2_update_src_caps(self, caps, xMessages);
   GST_COLLECT_PADS_STREAM_UNLOCK(self->collect);
+  gst_cudamixer2_post_messages(self, xMessages);
   return bOk;
 }

@@ -244,12 +244,17 @@ static EFillResult gst_cudamixer2_fill_queues(GstCudaMixer2* self, GstClockTime 
 // A segment with the segment flag has run to its stop: SEGMENT_DONE goes out once, and until a
 // seek or flush starts a new segment the passes make no frames. What arrives meanwhile lies
 // behind the stop and is dropped, so that no pad stays blocked and no pass repeats at once.
-// Called with `lock` held; releases it.
-static GstFlowReturn gst_cudamixer2_segment_done(GstCudaMixer2* self) {
-  const gboolean bAnnounce = !self->bSegmentDone;
+// Runs with `lock` held and gives it back held; the caller sends what it returns once the lock
+// is released (SendSegmentDone).
+struct SSegmentDone {
+  gboolean bAnnounce;
+  gboolean bAllEos;
+  gint64 iStop;
+};
+
+static SSegmentDone gst_cudamixer2_segment_done(GstCudaMixer2* self) {
+  SSegmentDone xDone = {!self->bSegmentDone, TRUE, static_cast<gint64>(self->segment.stop)};
   self->bSegmentDone = TRUE;
-  const gint64 iStop = static_cast<gint64>(self->segment.stop);
-  gboolean bAllEos = TRUE;
   for (GSList* l = self->sinkpads; l; l = l->next) {
     GstCudaMixer2Collect* pxCol = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol;
     GstBuffer* pxBuffer = gst_collect_pads_pop(self->collect, &pxCol->collect);
@@ -258,18 +263,21 @@ static GstFlowReturn gst_cudamixer2_segment_done(GstCudaMixer2* self) {
       gst_buffer_unref(pxBuffer);
     }
     if (!GST_COLLECT_PADS_STATE_IS_SET(&pxCol->collect, GST_COLLECT_PADS_STATE_EOS))
-      bAllEos = FALSE;
+      xDone.bAllEos = FALSE;
   }
-  GST_CUDA_MIXER2_UNLOCK(self);
+  return xDone;
+}
 
-  if (bAnnounce) {
+static GstFlowReturn SendSegmentDone(GstCudaMixer2* self, const SSegmentDone& xDone) {
+  if (xDone.bAnnounce) {
     GST_DEBUG_OBJECT(self, "posting segment-done at %" GST_TIME_FORMAT,
-                     GST_TIME_ARGS(static_cast<GstClockTime>(iStop)));
+                     GST_TIME_ARGS(static_cast<GstClockTime>(xDone.iStop)));
     gst_element_post_message(
-        GST_ELEMENT(self), gst_message_new_segment_done(GST_OBJECT(self), GST_FORMAT_TIME, iStop));
-    gst_pad_push_event(self->srcpad, gst_event_new_segment_done(GST_FORMAT_TIME, iStop));
+        GST_ELEMENT(self),
+        gst_message_new_segment_done(GST_OBJECT(self), GST_FORMAT_TIME, xDone.iStop));
+    gst_pad_push_event(self->srcpad, gst_event_new_segment_done(GST_FORMAT_TIME, xDone.iStop));
   }
-  if (bAllEos) {
+  if (xDone.bAllEos) {
     GST_DEBUG_OBJECT(self, "All sinkpads are EOS -- forwarding");
     gst_pad_push_event(self->srcpad, gst_event_new_eos());
     return GST_FLOW_EOS;
@@ -335,8 +343,11 @@ GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer user_d
       gst_pad_push_event(self->srcpad, gst_event_new_eos());
       return GST_FLOW_EOS;
     }
-    if (self->bSegmentDone || uStart >= self->segment.stop)
-      return gst_cudamixer2_segment_done(self);
+    if (self->bSegmentDone || uStart >= self->segment.stop) {
+      const SSegmentDone xDone = gst_cudamixer2_segment_done(self);
+      GST_CUDA_MIXER2_UNLOCK(self);
+      return SendSegmentDone(self, xDone);
+    }
     uEnd = self->segment.stop;
   }
 
@@ -403,12 +414,15 @@ GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer user_d
 
   if (pxNewCaps) {
     GST_CUDA_MIXER2_LOCK(self);
-    gboolean bOk = gst_cudamixer2_update_converters(self);
+    gboolean bOk = gst_cudamixer2_update_converters(self, xFrame.xMessages);
     GST_CUDA_MIXER2_UNLOCK(self);
-    if (bOk) bOk = gst_cudamixer2_update_src_caps(self, pxNewCaps);
+    if (bOk) bOk = gst_cudamixer2_update_src_caps(self, pxNewCaps, xFrame.xMessages);
     if (!bOk) {
-      GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("Cannot renegotiate the output."),
-                        ("new input caps %" GST_PTR_FORMAT, pxNewCaps));
+      gchar* szCaps = gst_caps_to_string(pxNewCaps);
+      xFrame.xMessages.push_back(gst_cudamixer2_new_message(
+          self, GST_MESSAGE_ERROR, "Cannot renegotiate the output.",
+          std::string("new input caps ") + szCaps, GST_CORE_ERROR, GST_CORE_ERROR_NEGOTIATION));
+      g_free(szCaps);
       eResult = GST_FLOW_NOT_NEGOTIATED;
       gst_buffer_replace(&xFrame.pxBuffer, NULL);
     }
@@ -416,8 +430,7 @@ GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer user_d
     SendCaps(self);
   }
 
-  for (GstMessage* pxMessage : xFrame.xMessages)
-    gst_element_post_message(GST_ELEMENT(self), pxMessage);
+  gst_cudamixer2_post_messages(self, xFrame.xMessages);
   if (eResult != GST_FLOW_OK) return eResult;
   if (!xFrame.pxBuffer) return GST_FLOW_OK;
   GST_LOG_OBJECT(self, "Pushing buffer with ts %" GST_TIME_FORMAT " and duration %" GST_TIME_FORMAT,

@@ -123,14 +123,19 @@ void gst_cudamixer2_release_pools(GstCudaMixer2* self) {
 }
 
 GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType,
-                                       const std::string& sText, const std::string& sDebug) {
-  GError* pxError =
-      g_error_new_literal(GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_FAILED, sText.c_str());
+                                       const std::string& sText, const std::string& sDebug,
+                                       GQuark uDomain, gint iCode) {
+  GError* pxError = g_error_new_literal(uDomain, iCode, sText.c_str());
   GstMessage* pxMessage = eType == GST_MESSAGE_ERROR
                               ? gst_message_new_error(GST_OBJECT(self), pxError, sDebug.c_str())
                               : gst_message_new_warning(GST_OBJECT(self), pxError, sDebug.c_str());
   g_error_free(pxError);
   return pxMessage;
+}
+
+void gst_cudamixer2_post_messages(GstCudaMixer2* self, std::vector<GstMessage*>& xMessages) {
+  for (GstMessage* pxMessage : xMessages) gst_element_post_message(GST_ELEMENT(self), pxMessage);
+  xMessages.clear();
 }
 
 GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFrame) {

@@ -38,6 +38,24 @@ inline void QvMixMutexUnlock(GMutex* pxMutex) {
   g_mutex_unlock(pxMutex);
 }
 
+// Holds one of the element's locks for a scope, with the same annotations; Unlock() lets go
+// early.
+class CMixLock {
+ public:
+  explicit CMixLock(GMutex* pxMutex) : m_pxMutex(pxMutex) { QvMixMutexLock(m_pxMutex); }
+  ~CMixLock() { Unlock(); }
+  CMixLock(const CMixLock&) = delete;
+  CMixLock& operator=(const CMixLock&) = delete;
+  void Unlock() {
+    if (m_bHeld) QvMixMutexUnlock(m_pxMutex);
+    m_bHeld = false;
+  }
+
+ private:
+  GMutex* m_pxMutex;
+  bool m_bHeld = true;
+};
+
 #define GST_CUDA_MIXER2_LOCK(mix) QvMixMutexLock(&(mix)->lock)
 #define GST_CUDA_MIXER2_UNLOCK(mix) QvMixMutexUnlock(&(mix)->lock)
 #define GST_CUDA_MIXER2_SETCAPS_LOCK(mix) QvMixMutexLock(&(mix)->setcaps_lock)
@@ -79,7 +97,12 @@ void gst_cudamixer2_release_pools(GstCudaMixer2* self);
 
 // An error or warning message of the element, built now and posted later.
 GstMessage* gst_cudamixer2_new_message(GstCudaMixer2* self, GstMessageType eType,
-                                       const std::string& sText, const std::string& sDebug);
+                                       const std::string& sText, const std::string& sDebug,
+                                       GQuark uDomain = GST_RESOURCE_ERROR,
+                                       gint iCode = GST_RESOURCE_ERROR_FAILED);
+// Posts what a pass or a negotiation left behind; called with none of the element's locks held,
+// since a bus sync handler must never run under them.
+void gst_cudamixer2_post_messages(GstCudaMixer2* self, std::vector<GstMessage*>& xMessages);
 
 // Negotiation (gstqvCudaMixCaps).
 // A sink pad's new caps: the converters and the output caps follow.
@@ -87,10 +110,12 @@ gboolean gst_cudamixer2_pad_sink_setcaps(GstPad* pad, GstCudaMixer2* self, GstCa
 // Caps, accept-caps and allocation queries on a sink pad.
 gboolean gst_cudamixer2_sink_query(GstCollectPads* pads, GstCollectData* cdata, GstQuery* query,
                                    gpointer user_data);
-// The output format from the pads' formats. Runs with `lock` held.
-gboolean gst_cudamixer2_update_converters(GstCudaMixer2* self);
+// The output format from the pads' formats. Runs with `lock` held; an error goes into
+// xMessages.
+gboolean gst_cudamixer2_update_converters(GstCudaMixer2* self, std::vector<GstMessage*>& xMessages);
 // The output caps from the pads' sizes and rates and what downstream takes.
-gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps);
+gboolean gst_cudamixer2_update_src_caps(GstCudaMixer2* self, GstCaps* caps,
+                                        std::vector<GstMessage*>& xMessages);
 
 // The collect loop and quality of service (gstqvCudaMixCollect).
 // One pass of the collect loop: at most one output frame.
