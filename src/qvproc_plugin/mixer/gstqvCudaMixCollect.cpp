@@ -111,6 +111,30 @@ static void DiscardCandidate(GstCudaMixer2* self, GstCudaMixer2Collect* pxCol, b
 }
 
 // Decides pad by pad which buffer covers [output_start, output_end). Runs with `lock` held.
+SCandidate gst_cudamixer2_place_candidate(const GstSegment& xSegment, gdouble dRate,
+                                          GstClockTime uStart, GstClockTime uEnd,
+                                          GstClockTime uCurrentEnd, GstClockTime uOutStart,
+                                          GstClockTime uOutEnd) {
+  const SCandidate xOutside = {ECandidate::Drop, uStart, uEnd, "Buffer outside the segment"};
+  if ((GST_CLOCK_TIME_IS_VALID(xSegment.stop) && uStart >= xSegment.stop) || uEnd < xSegment.start)
+    return xOutside;
+  uStart = MAX(uStart, xSegment.start);
+  if (GST_CLOCK_TIME_IS_VALID(xSegment.stop)) uEnd = MIN(uEnd, xSegment.stop);
+  uStart = gst_segment_to_running_time(&xSegment, GST_FORMAT_TIME, uStart);
+  uEnd = gst_segment_to_running_time(&xSegment, GST_FORMAT_TIME, uEnd);
+  if (!GST_CLOCK_TIME_IS_VALID(uStart) || !GST_CLOCK_TIME_IS_VALID(uEnd)) return xOutside;
+  if (dRate != 1.0) {
+    // Input running time is stretched to the output segment's rate.
+    uStart = static_cast<GstClockTime>(uStart * dRate);
+    uEnd = static_cast<GstClockTime>(uEnd * dRate);
+  }
+  if (GST_CLOCK_TIME_IS_VALID(uCurrentEnd) && uCurrentEnd > uEnd)
+    return {ECandidate::Drop, uStart, uEnd, "Buffer from the past"};
+  if (uOutStart <= uEnd && uStart < uOutEnd) return {ECandidate::Take, uStart, uEnd, nullptr};
+  if (uStart >= uOutEnd) return {ECandidate::Keep, uStart, uEnd, nullptr};
+  return {ECandidate::Drop, uStart, uEnd, "Too old buffer"};
+}
+
 static EFillResult gst_cudamixer2_fill_queues(GstCudaMixer2* self, GstClockTime output_start,
                                               GstClockTime output_end) {
   gboolean bEos = TRUE;
@@ -170,41 +194,19 @@ static EFillResult gst_cudamixer2_fill_queues(GstCudaMixer2* self, GstClockTime 
         continue;
       }
     }
-    GstClockTime uEnd = uStart + uDuration;
-
-    GstSegment* pxSegment = PadSegment(pxPad);
-    if ((GST_CLOCK_TIME_IS_VALID(pxSegment->stop) && uStart >= pxSegment->stop) ||
-        uEnd < pxSegment->start) {
-      GST_DEBUG_OBJECT(pxPad, "Buffer outside the segment");
+    const SCandidate xPlace =
+        gst_cudamixer2_place_candidate(*PadSegment(pxPad), dRate, uStart, uStart + uDuration,
+                                       pxCol->end_time, output_start, output_end);
+    const GstClockTime uRunStart = xPlace.uStart, uRunEnd = xPlace.uEnd;
+    if (xPlace.eWhat == ECandidate::Drop) {
+      GST_DEBUG_OBJECT(pxPad, "%s -- dropping", xPlace.szWhy);
       DiscardCandidate(self, pxCol, bQueued);
       bNeedMore = TRUE;
       continue;
     }
-    uStart = MAX(uStart, pxSegment->start);
-    if (GST_CLOCK_TIME_IS_VALID(pxSegment->stop)) uEnd = MIN(uEnd, pxSegment->stop);
-    uStart = gst_segment_to_running_time(pxSegment, GST_FORMAT_TIME, uStart);
-    uEnd = gst_segment_to_running_time(pxSegment, GST_FORMAT_TIME, uEnd);
-    if (!GST_CLOCK_TIME_IS_VALID(uStart) || !GST_CLOCK_TIME_IS_VALID(uEnd)) {
-      GST_DEBUG_OBJECT(pxPad, "Buffer outside the segment");
-      DiscardCandidate(self, pxCol, bQueued);
-      bNeedMore = TRUE;
-      continue;
-    }
-    if (dRate != 1.0) {
-      // Input running time is stretched to the output segment's rate.
-      uStart = static_cast<GstClockTime>(uStart * dRate);
-      uEnd = static_cast<GstClockTime>(uEnd * dRate);
-    }
-    if (GST_CLOCK_TIME_IS_VALID(pxCol->end_time) && pxCol->end_time > uEnd) {
-      GST_DEBUG_OBJECT(pxPad, "Buffer from the past, dropping");
-      DiscardCandidate(self, pxCol, bQueued);
-      bNeedMore = TRUE;
-      continue;
-    }
-
-    if (output_start <= uEnd && uStart < output_end) {
+    if (xPlace.eWhat == ECandidate::Take) {
       GST_DEBUG_OBJECT(pxPad, "Taking new buffer with start time %" GST_TIME_FORMAT,
-                       GST_TIME_ARGS(uStart));
+                       GST_TIME_ARGS(uRunStart));
       GstBuffer* pxTaken;
       GstCaps** ppxCaps = bQueued ? &pxCol->queued_caps : &pxCol->pending_caps;
       if (bQueued) {
@@ -222,18 +224,13 @@ static EFillResult gst_cudamixer2_fill_queues(GstCudaMixer2* self, GstClockTime 
       }
       gst_buffer_replace(&pxCol->buffer, NULL);
       pxCol->buffer = pxTaken;
-      pxCol->start_time = uStart;
-      pxCol->end_time = uEnd;
-      bEos = FALSE;
-    } else if (uStart >= output_end) {
-      // It stays where it is, and its pad's streaming thread stays blocked.
-      GST_DEBUG_OBJECT(pxPad, "Keeping buffer until %" GST_TIME_FORMAT, GST_TIME_ARGS(uStart));
-      bEos = FALSE;
+      pxCol->start_time = uRunStart;
+      pxCol->end_time = uRunEnd;
     } else {
-      GST_DEBUG_OBJECT(pxPad, "Too old buffer -- dropping");
-      DiscardCandidate(self, pxCol, bQueued);
-      bNeedMore = TRUE;
+      // It stays where it is, and its pad's streaming thread stays blocked.
+      GST_DEBUG_OBJECT(pxPad, "Keeping buffer until %" GST_TIME_FORMAT, GST_TIME_ARGS(uRunStart));
     }
+    bEos = FALSE;
   }
 
   if (bNeedMore) return FILL_NEED_MORE;

@@ -127,3 +127,19 @@ GstFlowReturn gst_cudamixer2_sink_clip(GstCollectPads* pads, GstCollectData* cda
 void gst_cudamixer2_reset_qos(GstCudaMixer2* self);
 void gst_cudamixer2_update_qos(GstCudaMixer2* self, gdouble proportion, GstClockTimeDiff diff,
                                GstClockTime timestamp);
+
+// Where a pad's next buffer, covering [uStart, uEnd) in the pad's own time, falls against the
+// output interval [uOutStart, uOutEnd): taken for it, kept for a later one, or dropped (outside
+// the pad's segment, or older than the pad's current buffer, which ends at uCurrentEnd). The
+// times given back are running times in the output's rate. Pure, so that the time rules are
+// tested without threads.
+enum class ECandidate { Take, Keep, Drop };
+struct SCandidate {
+  ECandidate eWhat;
+  GstClockTime uStart, uEnd;
+  const char* szWhy;  // of a drop
+};
+SCandidate gst_cudamixer2_place_candidate(const GstSegment& xSegment, gdouble dRate,
+                                          GstClockTime uStart, GstClockTime uEnd,
+                                          GstClockTime uCurrentEnd, GstClockTime uOutStart,
+                                          GstClockTime uOutEnd);

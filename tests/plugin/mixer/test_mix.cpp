@@ -11,6 +11,7 @@
 
 #include "GstTestUtil.h"
 #include "MixerRig.h"
+#include "mixer/gstqvCudaMixPriv.h"
 
 using namespace QvTest;
 
@@ -196,6 +197,32 @@ TEST(MixTimeline, SegmentStopEndsTheStreamOrWithTheFlagShortensTheLastInterval) 
     gst_message_parse_segment_done(xDone[0], &eFormat, &iPosition);
     EXPECT_EQ(std::pair(GST_FORMAT_TIME, static_cast<gint64>(100 * kMs)),
               std::pair(eFormat, iPosition));
+  }
+}
+
+TEST(MixTimeline, APadsNextBufferIsTakenKeptOrDroppedByItsRunningTime) {
+  // A segment [100, 300) ms, the output interval [40, 80) ms of running time; times in ms.
+  GstSegment xSegment;
+  gst_segment_init(&xSegment, GST_FORMAT_TIME);
+  xSegment.start = 100 * kMs;
+  xSegment.stop = 300 * kMs;
+  const ECandidate T = ECandidate::Take, K = ECandidate::Keep, D = ECandidate::Drop;
+  const struct {
+    gdouble dRate;
+    int iStart, iEnd, iCurrentEnd;  // -1: no current buffer
+    ECandidate eWhat;
+    int iRunStart, iRunEnd;
+  } xTable[] = {{1.0, 140, 180, -1, T, 40, 80},   {1.0, 90, 150, -1, T, 0, 50},
+                {1.0, 180, 220, -1, K, 80, 120},  {1.0, 100, 130, -1, D, 0, 30},
+                {1.0, 300, 340, -1, D, 300, 340}, {1.0, 40, 90, -1, D, 40, 90},
+                {1.0, 150, 170, 100, D, 50, 70},  {2.0, 120, 140, -1, T, 40, 80}};
+  for (const auto& r : xTable) {
+    const SCandidate x = gst_cudamixer2_place_candidate(
+        xSegment, r.dRate, r.iStart * kMs, r.iEnd * kMs,
+        r.iCurrentEnd < 0 ? GST_CLOCK_TIME_NONE : r.iCurrentEnd * kMs, 40 * kMs, 80 * kMs);
+    EXPECT_EQ(std::tuple(r.eWhat, r.iRunStart * kMs, r.iRunEnd * kMs),
+              std::tuple(x.eWhat, x.uStart, x.uEnd))
+        << r.iStart << " " << r.iEnd << " at rate " << r.dRate;
   }
 }
 
