@@ -95,6 +95,8 @@ void HandleException(const Qv::IException& exception, GstElement* element) {
   g_string_free(pxDebug, TRUE);
 }
 
+// The element's trace of what it does; nothing is kept, so callers pass fixed texts only and
+// format nothing for it.
 void LogMessage(const char* /*text*/) {}
 
 Qv::CQvDeviceImage2D* DeviceImageOfBuffer(GstBuffer* buffer, guint8* mapped) {
@@ -108,10 +110,6 @@ Qv::CQvDeviceImage2D* DeviceImageOfBuffer(GstBuffer* buffer, guint8* mapped) {
     QV_THROW(sText.ToCString());
   }
   return reinterpret_cast<Qv::CQvDeviceImage2D*>(mapped);
-}
-
-void LogMessage(Qv::CQvString text) {
-  LogMessage(text.ToCString());
 }
 
 GstVideoFormat MapQvToGstFormat(Qv::EPixelType::ID pixelType) {

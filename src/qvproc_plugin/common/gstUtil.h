@@ -25,7 +25,6 @@ void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf);
 // the text, files and lines as the debug text.
 void HandleException(const Qv::IException& exception, GstElement* element = NULL);
 void LogMessage(const char* text);
-void LogMessage(Qv::CQvString text);
 // The device image of a mapped input buffer: null when the map gave none. A buffer of other
 // memory is refused, since its host bytes would be taken for an image.
 Qv::CQvDeviceImage2D* DeviceImageOfBuffer(GstBuffer* buffer, guint8* mapped);

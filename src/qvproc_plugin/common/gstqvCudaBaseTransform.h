@@ -67,7 +67,6 @@ GstFlowReturn QvRunDeviceFrame(GstQvCudaBaseTransform* self, GstBuffer* inbuf, G
     Qv::CQvDeviceImage2D* pxInImage = DeviceImageOfBuffer(inbuf, xIn.Data());
     if (!pxInImage) QV_THROW(xTexts.szNoImage);
     LogMessage(xTexts.szFoundImage);
-    LogMessage(pxInImage->GetFormat().ToString());
     if (self->comp) self->comp->SetStream(self->stream);
     fnCompute(*pxInImage, *reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data()));
     CopyMetData(outbuf, inbuf);

@@ -23,8 +23,7 @@ static GstMemory* my_sysmem_alloc(GstAllocator* allocator, gsize size,
   const gsize uTotal = size + params->prefix + params->padding;
   guint8* pData = NULL;
   try {
-    LogMessage(Qv::CQvString("allocating cuda Host memory: ")
-               << static_cast<unsigned long>(size) << " bytes");
+    LogMessage("allocating cuda Host memory");
     pData = static_cast<guint8*>(Qv::Device::AllocPinnedHost(uTotal));
   } catch (const Qv::IException& e) {
     HandleException(e);
@@ -91,9 +90,7 @@ gboolean ProposeAllocation(GstBaseTransform* trans, GstQuery* /*decideQuery*/, G
   GstAllocator* pxAllocator = NULL;
   GstBufferPool* pxPool = NULL;
   try {
-    gchar* szQuery = gst_structure_to_string(gst_query_get_structure(query));
-    LogMessage(Qv::CQvString("Propose Allocation - query struct: ") << szQuery);
-    g_free(szQuery);
+    GST_LOG("Propose Allocation - query %" GST_PTR_FORMAT, query);
     GstCaps* pxCaps = NULL;
     gboolean bNeedPool = FALSE;
     gst_query_parse_allocation(query, &pxCaps, &bNeedPool);
