@@ -3,7 +3,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-#include <cstring>
 
 #include "QvDevice.h"
 #include "QvException.h"
@@ -128,14 +127,11 @@ cudaError_t CopyYUVToNvBuffer(Qv::CQvDeviceImage2D* image, int fd, _NvBufferPara
   if (pMapped == MAP_FAILED) return cudaErrorInvalidValue;
   Qv::OperatorMessage("memcpy Y%zu bytes \n", static_cast<size_t>(uRow * uRows));
   cudaError_t eResult = cudaSuccess;
-  if (Qv::Device::IsCuda()) {
-    eResult = cudaMemcpy2D(pMapped, uPitch, image->GetDevicePointer(), image->GetDevicePitch(),
-                           uRow, uRows, cudaMemcpyDeviceToHost);
-  } else {
-    const auto* pSrc = static_cast<const uint8_t*>(image->GetDevicePointer());
-    for (size_t y = 0; y < uRows; ++y)
-      std::memcpy(static_cast<uint8_t*>(pMapped) + y * uPitch, pSrc + y * image->GetDevicePitch(),
-                  uRow);
+  try {
+    Qv::Device::Copy2D(pMapped, uPitch, image->GetDevicePointer(), image->GetDevicePitch(), uRow,
+                       uRows, Qv::Device::ECopyKind::DeviceToHost, nullptr, false);
+  } catch (const Qv::IException&) {
+    eResult = cudaErrorUnknown;
   }
   munmap(pMapped, uExtent);
   return eResult;
