@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "QvMessage.h"
+
 namespace QvTest {
 
 GstBuffer* BufferFromBytes(const std::vector<uint8_t>& xBytes) {
@@ -116,9 +118,9 @@ CHarness Harness(const char* szElements, const char* szCaps) {
 }
 
 std::string PushCaptured(GstHarness* pxHarness, GstBuffer* pxIn, GstFlowReturn eExpected) {
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   const GstFlowReturn eFlow = gst_harness_push(pxHarness, pxIn);
-  const std::string sOut = testing::internal::GetCapturedStdout();
+  const std::string sOut = xMessages.Text();
   EXPECT_EQ(eExpected, eFlow) << sOut;
   return sOut;
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "QvDeviceImage2D.h"
+#include "QvMessage.h"
 #include "QvTestRandom.h"
 #include "common/gstUtil.h"
 #include "gstqvHostElements.h"

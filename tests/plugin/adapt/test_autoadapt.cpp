@@ -16,6 +16,7 @@
 #include "GstTestUtil.h"
 #include "H5Camera.h"
 #include "QvException.h"
+#include "QvMessage.h"
 #include "adapt/gstqvAutoAdapt.h"
 #include "gstqvHostElements.h"
 #include "plugin.h"
@@ -129,10 +130,9 @@ TEST_F(AutoAdaptTest, CameraConvertsControlsFailsOnEveryFrameAndClosesItsFile) {
     GstHarness* h = Adapt("/dev/null", 1, false);
     for (const char* szDevice : {"/dev/null", "/dev/zero"}) {
       g_object_set(h->element, "device", szDevice, NULL);
-      testing::internal::CaptureStdout();
+      Qv::CMessageCapture xMessages;
       EXPECT_EQ(GST_FLOW_ERROR, Push(h, 0));
-      EXPECT_NE(std::string::npos,
-                testing::internal::GetCapturedStdout().find("  :   ioctl failed with error 25\n"));
+      EXPECT_NE(std::string::npos, xMessages.Text().find("  :   ioctl failed with error 25\n"));
     }
     EXPECT_EQ(iBefore + 1, OpenFiles()) << i;
     gst_harness_teardown(h);

@@ -35,12 +35,11 @@ TEST(SysMem, ElementsOfferSourcesAPoolOfPinnedFrames) {
         {"qvbayer2rgb", "video/x-bayer,format=grbg,width=4,height=6,framerate=30/1", 24u},
         {"qvrgb2bayer", "video/x-raw,format=RGB,width=4,height=2,framerate=30/1", 24u},
         {"qvbayer2lum", "video/x-bayer,format=rggb,width=6,height=4,framerate=30/1", 24u}}) {
-    testing::internal::CaptureStdout();
+    Qv::CMessageCapture xMessages;
     auto h = QvTest::Harness(szName, szCaps);
     g_autoptr(GstCaps) pxCaps = gst_caps_from_string(szCaps);
     g_autoptr(GstQuery) pxQuery = gst_query_new_allocation(pxCaps, TRUE);
     EXPECT_TRUE(gst_pad_peer_query(h->srcpad, pxQuery));
-    testing::internal::GetCapturedStdout();
     ASSERT_EQ(1u, gst_query_get_n_allocation_pools(pxQuery)) << szName;
     ASSERT_EQ(1u, gst_query_get_n_allocation_params(pxQuery)) << szName;
     g_autoptr(GstBufferPool) pxPool = NULL;

@@ -21,6 +21,7 @@
 #include "QvDevice.h"
 #include "QvException.h"
 #include "QvGraphicsInterop.h"
+#include "QvMessage.h"
 #include "Texture2D.h"
 #include "display/gstqvCudaSink.h"
 #include "nativewindow_glx.h"
@@ -244,10 +245,9 @@ TEST_F(DisplaySink, PictureKeepsAspectFollowsTheWindowAndDropsFramesWhenBusy) {
   EXPECT_GT(Win()->GetShownCount(), 2u);
   // Generous: a loaded 2-core machine with a software GL takes seconds for one upload.
   EXPECT_LT(xLongest, std::chrono::seconds(10)) << "a render waited for more than one upload";
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   gst_harness_push(m_pxH, gst_buffer_new());
-  EXPECT_NE(std::string::npos,
-            testing::internal::GetCapturedStdout().find("No device image embedded\n"));
+  EXPECT_NE(std::string::npos, xMessages.Text().find("No device image embedded\n"));
 }
 
 TEST_F(DisplaySink, KeysPickCameraMipMapAndViewAndRunV4l2CtlInDeviceOrder) {
@@ -383,9 +383,9 @@ TEST(DisplayPipeline, EndsCleanlyAndLeavesNoThreadWindowOrConnection) {
   if (!g_pxX) GTEST_SKIP() << "Xvfb is not installed: the display tests need it";
   EXPECT_EQ("error: Output window was closed", RunPipeline(100000, kClose));
   const int iThreads = CountEntries("/proc/self/task"), iFds = CountEntries("/proc/self/fd");
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   for (int i = 0; i < 10; ++i) ASSERT_EQ("", RunPipeline(i ? 10 : 50, kNothing)) << "run " << i;
-  const std::string sOut = testing::internal::GetCapturedStdout();
+  const std::string sOut = xMessages.Text();
   int iFps = 0, iWindows = -1;
   for (size_t i = sOut.find("FPS: "); i != std::string::npos; i = sOut.find("FPS: ", i + 1)) ++iFps;
   EXPECT_EQ(2, iFps) << "one rate every 25 frames";

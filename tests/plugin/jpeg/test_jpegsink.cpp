@@ -17,6 +17,7 @@
 #include "QvCudaCompYUV.h"
 #include "QvDeviceImage2D.h"
 #include "QvJpegEncoder.h"
+#include "QvMessage.h"
 #include "gstqvHostElements.h"
 
 using namespace Qv;
@@ -86,9 +87,9 @@ class JpegSinkTest : public ::testing::Test {
   void TearDown() override {
     // Messages on the bus hold the element.
     gst_bus_set_flushing(m_pxBus, TRUE);
-    testing::internal::CaptureStdout();
+    Qv::CMessageCapture xMessages;
     gst_harness_teardown(m_pxHarness);
-    EXPECT_EQ(" sink finalize \n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(" sink finalize \n", xMessages.Text());
     gst_object_unref(m_pxBus);
     std::filesystem::remove_all(m_sDir);
   }
@@ -145,9 +146,9 @@ TEST_F(JpegSinkTest, NumberingStartsAtOneAndGoesOnOverAStopAndStart) {
   Start(16, 8);
   SetLocation("n%d.jpg");
   // One rate line, at the fifth frame.
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   for (int i = 0; i < 5; ++i) ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
-  const std::string sOut = testing::internal::GetCapturedStdout();
+  const std::string sOut = xMessages.Text();
   EXPECT_TRUE(sOut.rfind("FPS: ", 0) == 0 && sOut.find('\n') == sOut.size() - 1) << sOut;
   gst_element_set_state(m_pxHarness->element, GST_STATE_NULL);
   gst_harness_play(m_pxHarness);
@@ -210,10 +211,10 @@ TEST_F(JpegSinkTest, RefusedSizesAndLostFramesSayWhy) {
   ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
   EXPECT_NE(std::string::npos, BusText().find(m_sDir + "/missing/f1.jpg"));
   SetLocation("f%d.jpg");
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   ASSERT_EQ(GST_FLOW_OK, Push(32, 8));
-  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find(
-                                   "a frame of 32x8 does not fit the platform buffer of 16x8"));
+  EXPECT_NE(std::string::npos,
+            xMessages.Text().find("a frame of 32x8 does not fit the platform buffer of 16x8"));
   ASSERT_EQ(GST_FLOW_OK, Push(16, 8));
   EXPECT_EQ(std::vector<std::string>{"f3.jpg"}, Files());
   ExpectJpegClose(DecodedLuma(m_sDir + "/f3.jpg", 16, 8), ExpectedLuma(TestFrame(16, 8)), "f3");

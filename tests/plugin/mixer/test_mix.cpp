@@ -11,6 +11,7 @@
 
 #include "GstTestUtil.h"
 #include "MixerRig.h"
+#include "QvMessage.h"
 #include "mixer/gstqvCudaMixPriv.h"
 
 using namespace QvTest;
@@ -48,7 +49,7 @@ TEST(MixPads, TypePropertyTakesTwoExactValuesAndReadsVideoWallWithCapitalW) {
     return s;
   };
   EXPECT_EQ("selector", Type());
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   g_object_set(pxMixer, "type", "videowall", NULL);
   EXPECT_EQ("videoWall", Type());
   g_object_set(pxMixer, "type", "selector", NULL);
@@ -57,7 +58,7 @@ TEST(MixPads, TypePropertyTakesTwoExactValuesAndReadsVideoWallWithCapitalW) {
   EXPECT_EQ(
       "Setting Mixer Type to: videowall\nSetting Mixer Type to: MixType_VideoWall \n"
       "Setting Mixer Type to: selector\nSetting Mixer Type to: videoWall\n",
-      testing::internal::GetCapturedStdout());
+      xMessages.Text());
   gst_object_unref(pxMixer);
 }
 
@@ -94,7 +95,7 @@ TEST(MixCaps, OutputTakesTheLargestSizeAndRateOrTheWallSize) {
        "video/x-raw GRAY8 64x48 30/1"},
   };
   for (const auto& xRow : xTable) {
-    testing::internal::CaptureStdout();
+    Qv::CMessageCapture xMessages;
     CMixerRig x(xRow.szType, xRow.xCaps);
     for (size_t i = 0; i < xRow.xCaps.size(); ++i) x.Push(i, TimedBuffer(0, 40 * kMs));
     ASSERT_TRUE(x.WaitForBuffers(1));
@@ -109,7 +110,6 @@ TEST(MixCaps, OutputTakesTheLargestSizeAndRateOrTheWallSize) {
                                    "x" + std::to_string(h) + " " + std::to_string(n) + "/" +
                                    std::to_string(d))
         << xRow.szType << " " << xRow.xCaps[0];
-    testing::internal::GetCapturedStdout();
   }
 }
 
@@ -162,13 +162,12 @@ TEST(MixTimeline, WorkedExamplesGiveTheExpectedFrames) {
   };
   for (const auto& xRow : xTable) {
     SCOPED_TRACE(xRow.szCase);
-    testing::internal::CaptureStdout();
+    Qv::CMessageCapture xMessages;
     CMixerRig x(nullptr, kTwoPads);
     EXPECT_TRUE(x.SelectCamera(xRow.iCamera));
     x.Feed(xRow.szSteps);
     ASSERT_TRUE(x.WaitForEos());
     EXPECT_EQ(xRow.szExpected, x.Labels());
-    testing::internal::GetCapturedStdout();
   }
 }
 
@@ -291,7 +290,7 @@ TEST(MixSelector, CameraWithoutPadOrFrameSkipsFramesAndSaysSoOncePerCamera) {
 TEST(MixWall, TilesFollowThePadsWithACurrentBufferAndRefusedImagesAreSaidOncePerPad) {
   // Pad 0 keeps its buffer at 200 ms and has no current one: its tile stays a gap, so pad 1's
   // image lands in tile 1. Pad 2 gives no device image and pad 3 one too small for a tile.
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   CMixerRig x("videowall", {kGray25, kGray25, kGray25, kGray25});
   const std::vector<uint8_t> xTile = FrameBytes(1280 * 1338, 71), xSmall = FrameBytes(64 * 48, 72);
   auto Image = [](int w, int h, const std::vector<uint8_t>& xBytes, int f) {
@@ -311,7 +310,6 @@ TEST(MixWall, TilesFollowThePadsWithACurrentBufferAndRefusedImagesAreSaidOncePer
   }
   x.Feed("a. b. c. d.");
   ASSERT_TRUE(x.WaitForEos());
-  testing::internal::GetCapturedStdout();
   const std::vector<SOutBuffer> xOut = x.Out();
   ASSERT_LE(2u, xOut.size());
   EXPECT_EQ("wall", xOut[0].sLabel);
@@ -369,14 +367,13 @@ TEST(MixEvents, FlushingSeekClearsCurrentBuffersAndPlainSeekKeepsThem) {
 // One pad with a buffer over [0,2 s) and a kept one at 2 s: one pass per 40 ms interval. Returns
 // how often the mixer printed that it drops a frame.
 size_t RunQos(CMixerRig& x, GstEvent* pxReport) {
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   if (pxReport) {
     EXPECT_TRUE(x.Upstream(pxReport));
   }
   x.Feed("a@0+2000 a@2000+40 a.");
   EXPECT_TRUE(x.WaitForEos());
-  const std::string s = testing::internal::GetCapturedStdout(),
-                    sLine = "Have jitter, dropping frames!\n";
+  const std::string s = xMessages.Text(), sLine = "Have jitter, dropping frames!\n";
   size_t n = 0;
   for (size_t i = s.find(sLine); i != std::string::npos; i = s.find(sLine, i + 1)) ++n;
   return n;

@@ -8,6 +8,7 @@
 #include "MixerRig.h"
 #include "QvDevice.h"
 #include "QvException.h"
+#include "QvMessage.h"
 
 using namespace QvTest;
 
@@ -19,10 +20,9 @@ TEST(MixWithoutDevice, TheWallFailsTheFrameWithAnElementError) {
   }
   for (auto [szType, szError, szDebug] : {std::tuple{
            "videowall", "Cannot make the video wall frame.", "QV_DEVICE=cuda was requested"}}) {
-    testing::internal::CaptureStdout();
+    Qv::CMessageCapture xMessages;
     CMixerRig x(szType, {kGray25});
     EXPECT_EQ(GST_FLOW_ERROR, x.PushNow(0, TimedBuffer(0, 40 * kMs))) << szType;
-    testing::internal::GetCapturedStdout();
     EXPECT_TRUE(x.Out().empty());
     std::vector<GstMessage*> xErrors = x.RawMessages(GST_MESSAGE_ERROR);
     ASSERT_EQ(1u, xErrors.size()) << szType;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "GstTestUtil.h"
+#include "QvMessage.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ TEST(MixPipeline, WallHoldsEveryCamerasTileAndTheSelectorItsCameraInEveryFrame) 
   for (auto [szType, iCameras] : {std::pair{"videowall", 6}, {"videowall", 7}, {"selector", 3}}) {
     SCOPED_TRACE(std::string(szType) + ", " + std::to_string(iCameras) + " cameras");
     const bool bWall = szType[0] == 'v';
-    testing::internal::CaptureStdout();
+    Qv::CMessageCapture xMessages;
     QvTest::CPipeline x(RigLaunch(szType, iCameras));
     gst_element_send_event(
         x.Element("m"),
@@ -80,14 +81,13 @@ TEST(MixPipeline, WallHoldsEveryCamerasTileAndTheSelectorItsCameraInEveryFrame) 
     const std::vector<std::string> xSeventh = {
         "warning: The video wall has six tiles; the images of sink_6 and later pads are left out."};
     EXPECT_EQ(iCameras == 7 ? xSeventh : std::vector<std::string>{}, x.RunToEnd());
-    testing::internal::GetCapturedStdout();
   }
 }
 
 TEST(MixPipeline, ACameraThatChangesSizeAfterAGapSendsEachFrameUnderItsOwnCaps) {
   // 64x48, 32x24 at 33 ms, 64x48 at 100 ms: the small frame, repeated over the gap, must not go
   // out under the caps of the large one that follows it.
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   QvTest::CPipeline x(
       "appsrc name=cam format=time ! qvcudaupload ! qvcudamix ! qvcudadebayer ! qvcudadownload ! "
       "appsink name=out sync=false");
@@ -115,7 +115,6 @@ TEST(MixPipeline, ACameraThatChangesSizeAfterAGapSendsEachFrameUnderItsOwnCaps) 
               " ";
     gst_sample_unref(pxSample);
   }
-  testing::internal::GetCapturedStdout();
   EXPECT_EQ("100 100 100 100 ", sSizes);  // percent of the caps' frame size
 }
 

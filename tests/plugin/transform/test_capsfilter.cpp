@@ -11,7 +11,7 @@ TEST(CapsFilter, TheVeryBufferGoesOnWithItsMemoryMetaAndTimes) {
          "video/x-bayer,format=bggr,width=4,height=6,framerate=30/1"},
         {"qvbayer2lum", "video/x-bayer,format=rggb,width=6,height=4,framerate=30/1",
          "video/x-raw,format=GRAY8,width=6,height=4,framerate=30/1"}}) {
-    testing::internal::CaptureStdout();
+    Qv::CMessageCapture xMessages;
     auto h = QvTest::Harness(szName, szIn);
     // A buffer held elsewhere too is not writable; it still goes on as it is.
     for (bool bShared : {false, true}) {
@@ -31,7 +31,6 @@ TEST(CapsFilter, TheVeryBufferGoesOnWithItsMemoryMetaAndTimes) {
       EXPECT_EQ(QvTest::FrameBytes(24, 3), xBytes);
       if (bShared) gst_buffer_unref(pxIn);
     }
-    testing::internal::GetCapturedStdout();
     EXPECT_TRUE(QvTest::CapsAre(gst_pad_get_current_caps(h->sinkpad), szOut)) << szName;
   }
 }

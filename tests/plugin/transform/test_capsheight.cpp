@@ -43,7 +43,7 @@ TEST(CapsHeight, EachFilterDividesOrMultipliesByItsBoundAndLeavesTheRest) {
        "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1"},
       {"qvbayer2lum", SRC, "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1",
        BAYER "width=640,height=480,framerate=30/1"}};
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   for (const auto& r : aRows)
     EXPECT_TRUE(QvTest::CapsAre(
         QvTest::TransformCaps(xElements[r.szElement], r.e, r.szIn, r.szFilter), r.szOut))
@@ -51,7 +51,7 @@ TEST(CapsHeight, EachFilterDividesOrMultipliesByItsBoundAndLeavesTheRest) {
   EXPECT_EQ(
       "Height before transform 1000\nHeight before transform 1200\n"
       "Height before transform 500\nHeight before transform 0\n",
-      testing::internal::GetCapturedStdout());
+      xMessages.Text());
 
   // Writable caps take the new height, so asking again gives the same; held ones stay.
   for (auto [szElement, szIn, iOut, iGiven, bShared] :

@@ -128,7 +128,7 @@ TEST_F(DownloadTest, BadInputFailsTheFrameWithItsCauseAndTheNextOnePasses) {
 }
 
 TEST_F(DownloadTest, PoolFollowsTheFrameSizeAndAFourthFrameWaitsForOneOfThree) {
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   gst_harness_set_src_caps_str(h, Caps("RGBA", 2, 2).c_str());
   g_autoptr(GstBuffer) pxSmall =
       gst_harness_push_and_pull(h, DeviceImageBuffer(SeededImage(2, 2, RGBA, 1)));
@@ -152,6 +152,5 @@ TEST_F(DownloadTest, PoolFollowsTheFrameSizeAndAFourthFrameWaitsForOneOfThree) {
   while (eFourth == GST_FLOW_CUSTOM_ERROR && g_get_monotonic_time() < iDeadline) g_usleep(1000);
   for (GstBuffer* p : xHeld) gst_buffer_unref(p);  // frees the pusher in any case
   xPusher.join();
-  testing::internal::GetCapturedStdout();
   EXPECT_EQ(GST_FLOW_OK, eFourth.load());
 }

@@ -20,9 +20,9 @@ TEST(Normalize, FramesAreDividedByTheReferenceThatGrayNamesAtStart) {
   std::memcpy(xGray.GetDataPtr(), aGray, 8);
   // Nothing is read or printed when the element is made; a start without the file fails on the
   // bus and names it.
-  testing::internal::CaptureStdout();
+  Qv::CMessageCapture xMessages;
   g_autoptr(GstElement) pxElement = gst_element_factory_make("qvcudanormalize", NULL);
-  EXPECT_EQ("", testing::internal::GetCapturedStdout());
+  EXPECT_EQ("", xMessages.Text());
   g_autofree gchar* szDefault = NULL;
   g_object_get(pxElement, "gray", &szDefault, NULL);
   EXPECT_EQ(sPath, szDefault);
