@@ -3,11 +3,11 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-
 #include "QvDevice.h"
 #include "QvException.h"
 #include "QvImageFormat.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 
 namespace {
 
@@ -125,7 +125,7 @@ cudaError_t CopyYUVToNvBuffer(Qv::CQvDeviceImage2D* image, int fd, _NvBufferPara
     return cudaErrorInvalidValue;
   void* pMapped = mmap(nullptr, uExtent, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (pMapped == MAP_FAILED) return cudaErrorInvalidValue;
-  Qv::OperatorMessage("memcpy Y%zu bytes \n", static_cast<size_t>(uRow * uRows));
+  Qv::OperatorMessage(QV_TEXT_MEMCPY_Y, static_cast<size_t>(uRow * uRows));
   cudaError_t eResult = cudaSuccess;
   try {
     Qv::Device::Copy2D(pMapped, uPitch, image->GetDevicePointer(), image->GetDevicePitch(), uRow,

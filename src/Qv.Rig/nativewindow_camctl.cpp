@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "nativewindow_glx.h"
 
 // clang-format off
@@ -20,17 +21,17 @@ const int aiVideoDevice[6] = {0, 4, 1, 3, 2, 5};
 }  // namespace
 
 std::string execCommand(std::string command) {
-  Qv::OperatorMessage(" execute command: %s\n", command.c_str());
+  Qv::OperatorMessage(QV_TEXT_EXECUTE_COMMAND, command.c_str());
   FILE* pxPipe = popen(command.c_str(), "r");
   if (!pxPipe) {
-    Qv::OperatorMessage("Failed to run command\n");
+    Qv::OperatorMessage(QV_TEXT_COMMAND_FAILED);
     return std::string();
   }
   std::string sResult;
   char szLine[1024];
   while (std::fgets(szLine, 1023, pxPipe)) sResult = szLine;
   pclose(pxPipe);
-  Qv::OperatorMessage(" got result %s\n", sResult.c_str());
+  Qv::OperatorMessage(QV_TEXT_COMMAND_RESULT, sResult.c_str());
   return sResult;
 }
 

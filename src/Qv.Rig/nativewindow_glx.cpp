@@ -6,6 +6,7 @@
 #include "QvDevice.h"
 #include "QvException.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "Texture2D.h"
 
 // clang-format off
@@ -84,12 +85,12 @@ int OnXError(Display* pxDpy, XErrorEvent* pxEvent) {
   if (!Own(pxDpy)) return g_pfnOtherErrors ? g_pfnOtherErrors(pxDpy, pxEvent) : 0;
   char szText[160] = {};
   XGetErrorText(pxDpy, pxEvent->error_code, szText, sizeof(szText));
-  return t_pxWindow->Fail(std::string("X error: ") + szText + "\n");
+  return t_pxWindow->Fail(std::string(QV_TEXT_X_ERROR) + szText + "\n");
 }
 
 int OnXIOError(Display* pxDpy) {
   if (!Own(pxDpy)) return g_pfnOtherIOErrors ? g_pfnOtherIOErrors(pxDpy) : 0;
-  return t_pxWindow->Fail("\n\tX server connection lost\n\n");
+  return t_pxWindow->Fail(QV_TEXT_X_CONNECTION_LOST);
 }
 
 // Installs, or puts back where ours is still the present one: a later handler may chain to it.
@@ -158,18 +159,18 @@ int CNativeWindowX11GLX::CreateContext() {
   XInitThreads();
   // A plugin never ends its host: each failure ends this thread, and the sink reports it.
   Display* pxDpy = XOpenDisplay(nullptr);
-  if (!pxDpy) return Fail("\n\tcannot connect to X server\n\n"), -1;
+  if (!pxDpy) return Fail(QV_TEXT_NO_X_SERVER), -1;
   pxDisplay = reinterpret_cast<_XDisplay*>(pxDpy);
   WatchXErrors(this);
   // Where the server goes away, Xlib's default exit here would end the process.
   XSetIOErrorExitHandler(
       pxDpy, [](Display*, void*) {}, nullptr);
-  Qv::OperatorMessage("XOpenDisplay success: \n");
+  Qv::OperatorMessage(QV_TEXT_XOPENDISPLAY);
   GLint aiAttributes[] = {GLX_RGBA, None};
   XVisualInfo* pxVi = glXChooseVisual(pxDpy, DefaultScreen(pxDpy), aiAttributes);
-  if (!pxVi) return Fail("\n\tno appropriate visual found\n\n"), -1;
+  if (!pxVi) return Fail(QV_TEXT_NO_VISUAL), -1;
   pxVisual = pxVi;
-  Qv::OperatorMessage("\n\tvisual %p selected\n", reinterpret_cast<void*>(pxVi->visualid));
+  Qv::OperatorMessage(QV_TEXT_VISUAL_SELECTED, reinterpret_cast<void*>(pxVi->visualid));
   const Window xRoot = RootWindow(pxDpy, pxVi->screen);
   xColormap = XCreateColormap(pxDpy, xRoot, pxVi->visual, AllocNone);
   XSetWindowAttributes xAttributes = {};
@@ -186,7 +187,7 @@ int CNativeWindowX11GLX::CreateContext() {
   xContext = reinterpret_cast<__GLXcontextRec*>(glXCreateContext(pxDpy, pxVi, nullptr, True));
   // Without a current context the GL calls that follow would crash.
   if (!xContext || !glXMakeCurrent(pxDpy, xWindow, AsContext(xContext)))
-    return Fail("Cannot make context current on create context"), -1;
+    return Fail(QV_TEXT_NO_CURRENT_CONTEXT), -1;
   ReshapeWindow(kWindowWidth, kWindowHeight);
   XSelectInput(pxDpy, xWindow,
                KeyPressMask | EnterWindowMask | LeaveWindowMask | PointerMotionMask |
@@ -200,7 +201,7 @@ int CNativeWindowX11GLX::CreateNativeWindow(int /*x*/, int /*y*/, int width, int
   const GLenum eGlew = glewInit();
   if (eGlew != GLEW_OK)
     std::fprintf(stderr, "Error: %s\n", reinterpret_cast<const char*>(glewGetErrorString(eGlew)));
-  Qv::OperatorMessage("Status: Using GLEW %s\n",
+  Qv::OperatorMessage(QV_TEXT_USING_GLEW,
                       reinterpret_cast<const char*>(glewGetString(GLEW_VERSION)));
   if (!CreateShaders()) return -1;
   ReshapeWindow(width, height);
@@ -216,9 +217,9 @@ int CNativeWindowX11GLX::CreateNativeWindow(int /*x*/, int /*y*/, int width, int
 bool CNativeWindowX11GLX::CreateShaders() {
   std::string sLog;
   const GLuint uFragment = CompileShader(GL_FRAGMENT_SHADER, fragShaderText, sLog);
-  if (!uFragment) return Fail("Error: fragment shader did not compile!\n" + sLog + "\n");
+  if (!uFragment) return Fail(QV_TEXT_FRAGMENT_SHADER + sLog + "\n");
   const GLuint uVertex = CompileShader(GL_VERTEX_SHADER, vertShaderText, sLog);
-  if (!uVertex) return Fail("Error: vertex shader did not compile!\n" + sLog + "\n");
+  if (!uVertex) return Fail(QV_TEXT_VERTEX_SHADER + sLog + "\n");
   uProgram = glCreateProgram();
   glAttachShader(uProgram, uFragment);
   glAttachShader(uProgram, uVertex);
@@ -228,7 +229,7 @@ bool CNativeWindowX11GLX::CreateShaders() {
   if (!iStatus) {
     char szLog[1000] = {};
     glGetProgramInfoLog(uProgram, sizeof(szLog), nullptr, szLog);
-    return Fail("Error: linking:\n" + std::string(szLog) + "\n");
+    return Fail(QV_TEXT_LINKING + std::string(szLog) + "\n");
   }
   // They go with the program.
   glDeleteShader(uFragment);
@@ -259,7 +260,7 @@ void CNativeWindowX11GLX::UpdateTextureThreaded(Qv::CQvDeviceImage2D* image) {
     return;
   }
   ++uSkipped;
-  Qv::OperatorMessage("skip update \n");
+  Qv::OperatorMessage(QV_TEXT_SKIP_UPDATE);
 }
 
 void CNativeWindowX11GLX::UpdateTexture(Qv::CQvDeviceImage2D* image) {

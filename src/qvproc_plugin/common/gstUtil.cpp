@@ -6,6 +6,7 @@
 
 #include "QvDevice.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "QvPixel.h"
 #include "common/gstqvCudaMemory.h"
 #include "common/gstqvMetaInfo.h"
@@ -76,13 +77,13 @@ void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf) {
 }
 
 void HandleException(const Qv::IException& exception, GstElement* element) {
-  Qv::OperatorMessage("exception catched: \n");
+  Qv::OperatorMessage(QV_TEXT_EXCEPTION_CATCHED);
   GString* pxText = g_string_new(NULL);
   GString* pxDebug = g_string_new(NULL);
   for (const Qv::IException* pxEx = &exception; pxEx; pxEx = pxEx->GetInnerException()) {
     const char* szFile = pxEx->GetFile();
     const char* szText = pxEx->GetMessageText();
-    Qv::OperatorMessage("%s : %d  :   %s\n", szFile ? szFile : "", pxEx->GetLine(),
+    Qv::OperatorMessage(QV_TEXT_EXCEPTION_LINE, szFile ? szFile : "", pxEx->GetLine(),
                         szText ? szText : "");
     if (szText && *szText) g_string_append_printf(pxText, "%s%s", pxText->len ? ": " : "", szText);
     g_string_append_printf(pxDebug, "%s%s:%d: %s", pxDebug->len ? "\n" : "", szFile ? szFile : "",

@@ -20,6 +20,7 @@
 
 #include "QvException.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "common/gstBufferMap.h"
 #include "common/gstUtil.h"
 #include "nativewindow_glx.h"
@@ -164,7 +165,7 @@ static void gst_cuda_sink_count_frame(GstQvCudaSink* self) {
     const float fSpan = static_cast<float>(xTimes.back() - xTimes.front());
     const float fFps = 1000.0f / (fSpan / (static_cast<float>(xTimes.size()) - 1.0f));
     // %g is the default stream format of a float.
-    Qv::OperatorMessage("FPS: %g\n", static_cast<double>(fFps));
+    Qv::OperatorMessage(QV_TEXT_FPS, static_cast<double>(fFps));
   }
   if (xTimes.size() > MAX_TIMES) xTimes.pop_front();
 }
@@ -186,7 +187,7 @@ static GstFlowReturn gst_cuda_sink_render(GstBaseSink* sink, GstBuffer* buffer) 
     // Memory of any other allocator is refused rather than taken for an image.
     Qv::CQvDeviceImage2D* pxImage = DeviceImageOfBuffer(buffer, xMap.Data());
     if (!pxImage) {
-      Qv::OperatorMessage("No device image embedded\n");
+      Qv::OperatorMessage(QV_TEXT_NO_DEVICE_IMAGE);
     } else {
       self->pxWindow->UpdateTextureThreaded(pxImage);
     }

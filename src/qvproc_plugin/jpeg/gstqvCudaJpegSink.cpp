@@ -28,6 +28,7 @@
 #include "QvException.h"
 #include "QvJpegEncoder.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "common/gstBufferMap.h"
 #include "common/gstUtil.h"
 
@@ -140,7 +141,7 @@ static void gst_cuda_jpeg_sink_finalize(GObject* object) {
   self->xBufferShim.Destroy();
   delete[] self->pJpegData;
   self->pJpegData = nullptr;
-  Qv::OperatorMessage(" sink finalize \n");
+  Qv::OperatorMessage(QV_TEXT_SINK_FINALIZE);
   delete self->pxEncoder;
   delete self->pxYuvComp;
   if (self->pxStream) {
@@ -299,7 +300,7 @@ static void gst_cuda_jpeg_sink_count_frame(GstQvCudaJpegSink* self) {
     const float fFps = 1000.0f / (static_cast<float>(xTimes.back() - xTimes.front()) /
                                   (static_cast<float>(xTimes.size()) - 1.0f));
     // %g is the default stream format of a float.
-    Qv::OperatorMessage("FPS: %g\n", static_cast<double>(fFps));
+    Qv::OperatorMessage(QV_TEXT_FPS, static_cast<double>(fFps));
   }
   if (xTimes.size() > FPS_EVERY) xTimes.pop_front();
 }

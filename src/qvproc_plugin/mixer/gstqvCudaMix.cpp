@@ -24,6 +24,7 @@
 #include "QvDevice.h"
 #include "QvException.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "common/gstqvSysMemAlloc.h"
 #include "mixer/gstqvCudaMixPriv.h"
 
@@ -176,11 +177,11 @@ static void gst_cudamixer2_set_property(GObject* object, guint prop_id, const GV
   switch (prop_id) {
     case PROP_TYPE: {
       const gchar* szType = g_value_get_string(value);
-      Qv::OperatorMessage("Setting Mixer Type to: %s\n", szType ? szType : "(null)");
+      Qv::OperatorMessage(QV_TEXT_SETTING_MIXER_TYPE, szType ? szType : "(null)");
       if (g_strcmp0(szType, "selector") == 0) {
         g_atomic_int_set(&self->mix_type, MixType_Selector);
       } else if (g_strcmp0(szType, "videowall") == 0) {
-        Qv::OperatorMessage("Setting Mixer Type to: MixType_VideoWall \n");
+        Qv::OperatorMessage(QV_TEXT_MIXER_TYPE_VIDEOWALL);
         g_atomic_int_set(&self->mix_type, MixType_VideoWall);
       } else {
         g_warning(

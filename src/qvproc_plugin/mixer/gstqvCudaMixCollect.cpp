@@ -5,6 +5,7 @@
 #include "QvDevice.h"
 #include "QvException.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "common/gstqvSysMemAlloc.h"
 #include "mixer/gstqvCudaMix.h"
 #include "mixer/gstqvCudaMixPriv.h"
@@ -310,7 +311,7 @@ GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer user_d
 
   GST_CUDA_MIXER2_LOCK(self);
   if (self->newseg_pending) {
-    Qv::OperatorMessage("Sending NEWSEGMENT even\n");
+    Qv::OperatorMessage(QV_TEXT_SENDING_NEWSEGMENT);
     GST_DEBUG_OBJECT(self, "Sending NEWSEGMENT event");
     GstEvent* pxSegment = gst_event_new_segment(&self->segment);
     GST_CUDA_MIXER2_UNLOCK(self);
@@ -377,7 +378,7 @@ GstFlowReturn gst_cudamixer2_collected(GstCollectPads* /*pads*/, gpointer user_d
   GstFlowReturn eResult = GST_FLOW_OK;
   const GstClockTimeDiff iJitter = gst_cudamixer2_do_qos(self, uStart);
   if (iJitter > 0) {
-    Qv::OperatorMessage("Have jitter, dropping frames!\n");
+    Qv::OperatorMessage(QV_TEXT_HAVE_JITTER);
     GST_CUDA_MIXER2_OBJECT_LOCK(self);
     const guint64 uDropped = ++self->qos_dropped;
     const guint64 uProcessed = self->qos_processed;

@@ -18,6 +18,7 @@
 #include "QvException.h"
 #include "QvImage.h"
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "common/gstBufferMap.h"
 #include "common/gstUtil.h"
 #include "common/gstqvSysMemAlloc.h"
@@ -339,7 +340,7 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
   GstQvCudaDownload* self = GST_CUDA_DOWNLOAD(trans);
   GstVideoFrame xFrame;
   if (!gst_video_frame_map(&xFrame, &self->videoInfo, outbuf, GST_MAP_WRITE)) {
-    Qv::OperatorMessage("MAPPING FAILED !!!\n");
+    Qv::OperatorMessage(QV_TEXT_MAPPING_FAILED);
     GST_ELEMENT_ERROR(trans, STREAM, FAILED, ("Cannot map the output frame."), (NULL));
     return GST_FLOW_ERROR;
   }
@@ -349,7 +350,7 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
     Qv::CQvDeviceImage2D* pxImage = DeviceImageOfBuffer(inbuf, xIn.Data());
     if (!pxImage) QV_THROW("No device image in meta found");
     if (pxImage->GetFormat().ePixelType != Qv::EPixelType::Lum) {
-      Qv::OperatorMessage("download format: %s\n", pxImage->GetFormat().ToString().ToCString());
+      Qv::OperatorMessage(QV_TEXT_DOWNLOAD_FORMAT, pxImage->GetFormat().ToString().ToCString());
       Qv::CQvImage xHost;
       pxImage->CopyTo(xHost);
       copyQvImageToGSTFrame(xHost, &xFrame);

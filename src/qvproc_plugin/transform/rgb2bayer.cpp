@@ -15,6 +15,7 @@
 #include <cstdio>
 
 #include "QvMessage.h"
+#include "QvOperatorTexts.h"
 #include "common/gstqvCapsFilter.h"
 
 GST_DEBUG_CATEGORY_STATIC(gst_rgb2bayer_debug);
@@ -42,7 +43,7 @@ static void gst_rgb2bayer_init(GstQvRgb2Bayer* self) {
 // seen so far is an RGB height and is multiplied by three; a larger one is taken as done.
 static gint gst_rgb2bayer_height(gint iHeight) {
   static gint iMaxHeight = 99999;
-  Qv::OperatorMessage("Height before transform %d\n", iHeight);
+  Qv::OperatorMessage(QV_TEXT_HEIGHT_BEFORE, iHeight);
   if (iHeight <= 0 || iHeight > iMaxHeight) return iHeight;
   iMaxHeight = iHeight;
   return 3 * iHeight;
