@@ -214,37 +214,41 @@ TEST_F(AutoAdaptTest, ASeventhDeviceStopsTheJointStepForGood) {
 
 // Frames one at a time through a real pipeline: bytes unchanged, every frame stamped with the
 // values read before its own adaption, two writes at every update-th frame.
-TEST_F(AutoAdaptTest, PipelineMeasuresEveryUpdateFramesAndPassesTheBytesWithTheMeta) {
-  const struct {
-    const char* szProperties;
-    int iUpdate, iFrames;
-  } axRows[] = {
-      {"update=1", 1, 3}, {"update=1000", 1000, 1000}, {"update=2 autoexp=0 autogain=0", 2, 4}};
-  for (const auto& r : axRows) {
-    g_axCams[2] = SFakeCam();
-    g_xWrites.clear();
-    const std::string sLaunch = std::string("appsrc name=src format=time caps=\"" CAPS
-                                            "\" ! qvautoadapt device=/dev/video2 ") +
-                                r.szProperties + " ! appsink name=sink sync=false";
-    QvTest::CPipeline xPipeline(sLaunch);
-    GstElement *pxSrc = xPipeline.Element("src"), *pxSink = xPipeline.Element("sink");
-    for (int i = 1; i <= r.iFrames; ++i) {
-      const std::vector<uint8_t> xBytes = QvTest::FrameBytes(64, i);
-      const SFakeCam x = g_axCams[2];
-      SCOPED_TRACE(std::string(r.szProperties) + " frame " + std::to_string(i));
-      ASSERT_EQ(GST_FLOW_OK,
-                gst_app_src_push_buffer(GST_APP_SRC(pxSrc), QvTest::BufferFromBytes(xBytes)));
-      GstSample* pxSample = gst_app_sink_pull_sample(GST_APP_SINK(pxSink));
-      GstBuffer* pxOut = gst_sample_get_buffer(pxSample);
-      ASSERT_EQ(0, gst_buffer_memcmp(pxOut, 0, xBytes.data(), xBytes.size()));
-      auto* m = reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut, MY_META_INFO_API_TYPE));
-      ASSERT_TRUE(m && kLine * x.iExposure == m->exposure && float(x.iGain / 52) == m->gain);
-      ASSERT_EQ(2u * (i / r.iUpdate), g_xWrites.size());
-      gst_sample_unref(pxSample);
-    }
-    for (const SWrite& w : g_xWrites)  // without flags, what was read goes back
-      EXPECT_TRUE(r.iUpdate != 2 || w.iValue == (w.uId == kExposureId ? 100 : 104));
+struct SAdaptRow {
+  const char* szProperties;
+  int iUpdate, iFrames;
+};
+class AutoAdaptRows : public AutoAdaptTest, public testing::WithParamInterface<SAdaptRow> {};
+INSTANTIATE_TEST_SUITE_P(Rows, AutoAdaptRows,
+                         testing::Values(SAdaptRow{"update=1", 1, 3},
+                                         SAdaptRow{"update=1000", 1000, 1000},
+                                         SAdaptRow{"update=2 autoexp=0 autogain=0", 2, 4}));
+
+TEST_P(AutoAdaptRows, PipelineMeasuresEveryUpdateFramesAndPassesTheBytesWithTheMeta) {
+  const SAdaptRow& r = GetParam();
+  g_axCams[2] = SFakeCam();
+  g_xWrites.clear();
+  const std::string sLaunch = std::string("appsrc name=src format=time caps=\"" CAPS
+                                          "\" ! qvautoadapt device=/dev/video2 ") +
+                              r.szProperties + " ! appsink name=sink sync=false";
+  QvTest::CPipeline xPipeline(sLaunch);
+  GstElement *pxSrc = xPipeline.Element("src"), *pxSink = xPipeline.Element("sink");
+  for (int i = 1; i <= r.iFrames; ++i) {
+    const std::vector<uint8_t> xBytes = QvTest::FrameBytes(64, i);
+    const SFakeCam x = g_axCams[2];
+    SCOPED_TRACE(std::string(r.szProperties) + " frame " + std::to_string(i));
+    ASSERT_EQ(GST_FLOW_OK,
+              gst_app_src_push_buffer(GST_APP_SRC(pxSrc), QvTest::BufferFromBytes(xBytes)));
+    GstSample* pxSample = gst_app_sink_pull_sample(GST_APP_SINK(pxSink));
+    GstBuffer* pxOut = gst_sample_get_buffer(pxSample);
+    ASSERT_EQ(0, gst_buffer_memcmp(pxOut, 0, xBytes.data(), xBytes.size()));
+    auto* m = reinterpret_cast<MyMetaInfo*>(gst_buffer_get_meta(pxOut, MY_META_INFO_API_TYPE));
+    ASSERT_TRUE(m && kLine * x.iExposure == m->exposure && float(x.iGain / 52) == m->gain);
+    ASSERT_EQ(2u * (i / r.iUpdate), g_xWrites.size());
+    gst_sample_unref(pxSample);
   }
+  for (const SWrite& w : g_xWrites)  // without flags, what was read goes back
+    EXPECT_TRUE(r.iUpdate != 2 || w.iValue == (w.uId == kExposureId ? 100 : 104));
 }
 
 }  // namespace

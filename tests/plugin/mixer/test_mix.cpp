@@ -74,43 +74,46 @@ TEST(MixPads, AutomaticNamesGoOnWithFreeNumbersAfterTheLargestOne) {
   gst_object_unref(pxMixer);
 }
 
-TEST(MixCaps, OutputTakesTheLargestSizeAndRateOrTheWallSize) {
-  const std::vector<const char*> xThree = {
-      "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1",
-      "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1",
-      "video/x-raw,format=GRAY8,width=1280,height=720,framerate=15/1"};
-  const struct {
-    const char* szType;
-    std::vector<const char*> xCaps;
-    const char* szExpected;
-  } xTable[] = {
-      {"selector", xThree, "video/x-raw GRAY8 1280x720 30/1"},
-      {"videowall", xThree, "video/x-raw GRAY8 3840x2676 30/1"},
-      {"selector",
-       {"video/x-raw,format=GRAY8,width=64,height=48,framerate=0/1"},
-       "video/x-raw GRAY8 64x48 25/1"},
-      // A raw mosaic under bayer caps goes out as GRAY8, the label of a raw device image.
-      {"selector",
-       {"video/x-bayer,format=grbg,width=64,height=48,framerate=30/1"},
-       "video/x-raw GRAY8 64x48 30/1"},
-  };
-  for (const auto& xRow : xTable) {
-    Qv::CMessageCapture xMessages;
-    CMixerRig x(xRow.szType, xRow.xCaps);
-    for (size_t i = 0; i < xRow.xCaps.size(); ++i) x.Push(i, TimedBuffer(0, 40 * kMs));
-    ASSERT_TRUE(x.WaitForBuffers(1));
-    GstCaps* pxCaps = NULL;
-    gst_event_parse_caps(x.Events(GST_EVENT_CAPS).back(), &pxCaps);
-    const GstStructure* s = gst_caps_get_structure(pxCaps, 0);
-    int w = 0, h = 0, n = 0, d = 0;
-    gst_structure_get(s, "width", G_TYPE_INT, &w, "height", G_TYPE_INT, &h, "framerate",
-                      GST_TYPE_FRACTION, &n, &d, NULL);
-    EXPECT_EQ(xRow.szExpected, std::string(gst_structure_get_name(s)) + " " +
-                                   gst_structure_get_string(s, "format") + " " + std::to_string(w) +
-                                   "x" + std::to_string(h) + " " + std::to_string(n) + "/" +
-                                   std::to_string(d))
-        << xRow.szType << " " << xRow.xCaps[0];
-  }
+struct SCapsRow {
+  const char* szType;
+  std::vector<const char*> xCaps;
+  const char* szExpected;
+};
+class MixCaps : public testing::TestWithParam<SCapsRow> {};
+const std::vector<const char*> kThree = {
+    "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1",
+    "video/x-raw,format=GRAY8,width=640,height=480,framerate=30/1",
+    "video/x-raw,format=GRAY8,width=1280,height=720,framerate=15/1"};
+INSTANTIATE_TEST_SUITE_P(
+    Rows, MixCaps,
+    testing::Values(SCapsRow{"selector", kThree, "video/x-raw GRAY8 1280x720 30/1"},
+                    SCapsRow{"videowall", kThree, "video/x-raw GRAY8 3840x2676 30/1"},
+                    SCapsRow{"selector",
+                             {"video/x-raw,format=GRAY8,width=64,height=48,framerate=0/1"},
+                             "video/x-raw GRAY8 64x48 25/1"},
+                    // A raw mosaic under bayer caps goes out as GRAY8, the label of a raw
+                    // device image.
+                    SCapsRow{"selector",
+                             {"video/x-bayer,format=grbg,width=64,height=48,framerate=30/1"},
+                             "video/x-raw GRAY8 64x48 30/1"}));
+
+TEST_P(MixCaps, OutputTakesTheLargestSizeAndRateOrTheWallSize) {
+  const SCapsRow& xRow = GetParam();
+  Qv::CMessageCapture xMessages;
+  CMixerRig x(xRow.szType, xRow.xCaps);
+  for (size_t i = 0; i < xRow.xCaps.size(); ++i) x.Push(i, TimedBuffer(0, 40 * kMs));
+  ASSERT_TRUE(x.WaitForBuffers(1));
+  GstCaps* pxCaps = NULL;
+  gst_event_parse_caps(x.Events(GST_EVENT_CAPS).back(), &pxCaps);
+  const GstStructure* s = gst_caps_get_structure(pxCaps, 0);
+  int w = 0, h = 0, n = 0, d = 0;
+  gst_structure_get(s, "width", G_TYPE_INT, &w, "height", G_TYPE_INT, &h, "framerate",
+                    GST_TYPE_FRACTION, &n, &d, NULL);
+  EXPECT_EQ(xRow.szExpected, std::string(gst_structure_get_name(s)) + " " +
+                                 gst_structure_get_string(s, "format") + " " + std::to_string(w) +
+                                 "x" + std::to_string(h) + " " + std::to_string(n) + "/" +
+                                 std::to_string(d))
+      << xRow.szType << " " << xRow.xCaps[0];
 }
 
 TEST(MixTimeline, IntervalsEndOnTheRoundedNanosecondAndARateChangeGoesOnWithoutAJump) {
@@ -138,37 +141,41 @@ TEST(MixTimeline, IntervalsEndOnTheRoundedNanosecondAndARateChangeGoesOnWithoutA
   EXPECT_EQ(std::pair(50, 1), std::pair(n, d));
 }
 
-TEST(MixTimeline, WorkedExamplesGiveTheExpectedFrames) {
-  const struct {
-    const char* szCase;
-    int iCamera;
-    const char* szSteps;
-    const char* szExpected;
-  } xTable[] = {
-      // [0,40) takes a0 and keeps b50, [40,80) takes both.
-      {"take and keep", 0, "a0@0+40 b50@50+40 a40@40+40 a. b.", "a0 a40"},
-      {"take and keep, camera B", 1, "a0@0+40 b50@50+40 a40@40+40 a. b.", "b50"},
-      // B's buffer at 200 ms waits through five intervals and is taken in [200,240).
-      {"running ahead", 1,
-       "a@0+40 a@40+40 a@80+40 a@120+40 a@160+40 a@200+40 a@240+40 b200@200+40 a. b.", "b200"},
-      // Without duration a buffer waits for its successor; the last is still queued at EOS.
-      {"no duration", 0, "b. a0@0 a40@40 a80@80 a.", "a0 a40"},
-      {"all at EOS", 0, "a. b.", ""},
-      // Alone at EOS, a current buffer of 200 ms doesn't hold the stream open.
-      {"EOS with a long buffer", 0, "b. a0@0+200 a.", "a0"},
-      // Beside a live pad, B's last buffer stays current until the position reaches its end.
-      {"EOS beside a live pad", 1, "b0@0+120 b. a@0+40 a@40+40 a@80+40 a@120+40 a@160+40 a.",
-       "b0 b0 b0"},
-  };
-  for (const auto& xRow : xTable) {
-    SCOPED_TRACE(xRow.szCase);
-    Qv::CMessageCapture xMessages;
-    CMixerRig x(nullptr, kTwoPads);
-    EXPECT_TRUE(x.SelectCamera(xRow.iCamera));
-    x.Feed(xRow.szSteps);
-    ASSERT_TRUE(x.WaitForEos());
-    EXPECT_EQ(xRow.szExpected, x.Labels());
-  }
+struct SExampleRow {
+  const char* szCase;
+  int iCamera;
+  const char* szSteps;
+  const char* szExpected;
+};
+class MixExamples : public testing::TestWithParam<SExampleRow> {};
+INSTANTIATE_TEST_SUITE_P(
+    Rows, MixExamples,
+    testing::ValuesIn(std::vector<SExampleRow>{
+        // [0,40) takes a0 and keeps b50, [40,80) takes both.
+        {"take and keep", 0, "a0@0+40 b50@50+40 a40@40+40 a. b.", "a0 a40"},
+        {"take and keep, camera B", 1, "a0@0+40 b50@50+40 a40@40+40 a. b.", "b50"},
+        // B's buffer at 200 ms waits through five intervals and is taken in [200,240).
+        {"running ahead", 1,
+         "a@0+40 a@40+40 a@80+40 a@120+40 a@160+40 a@200+40 a@240+40 b200@200+40 a. b.", "b200"},
+        // Without duration a buffer waits for its successor; the last is still queued at EOS.
+        {"no duration", 0, "b. a0@0 a40@40 a80@80 a.", "a0 a40"},
+        {"all at EOS", 0, "a. b.", ""},
+        // Alone at EOS, a current buffer of 200 ms doesn't hold the stream open.
+        {"EOS with a long buffer", 0, "b. a0@0+200 a.", "a0"},
+        // Beside a live pad, B's last buffer stays current until the position reaches its end.
+        {"EOS beside a live pad", 1, "b0@0+120 b. a@0+40 a@40+40 a@80+40 a@120+40 a@160+40 a.",
+         "b0 b0 b0"},
+    }));
+
+TEST_P(MixExamples, WorkedExamplesGiveTheExpectedFrames) {
+  const SExampleRow& xRow = GetParam();
+  SCOPED_TRACE(xRow.szCase);
+  Qv::CMessageCapture xMessages;
+  CMixerRig x(nullptr, kTwoPads);
+  EXPECT_TRUE(x.SelectCamera(xRow.iCamera));
+  x.Feed(xRow.szSteps);
+  ASSERT_TRUE(x.WaitForEos());
+  EXPECT_EQ(xRow.szExpected, x.Labels());
 }
 
 TEST(MixTimeline, SegmentStopEndsTheStreamOrWithTheFlagShortensTheLastInterval) {
