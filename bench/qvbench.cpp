@@ -121,6 +121,22 @@ void Require(bool bOk, const char* szLine, const char* szWhat) {
   std::exit(1);
 }
 
+// Pushes pxFrame iFrames times, ends the stream and waits for its end (or an error), which it
+// hands back with the milliseconds from the first push.
+GstMessage* PushAndDrain(GstElement* pxPipeline, GstElement* pxSrc, GstBuffer* pxFrame, int iFrames,
+                         double& dMs) {
+  const auto t0 = Clock::now();
+  for (int i = 0; i < iFrames; ++i)
+    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
+  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
+  GstBus* pxBus = gst_element_get_bus(pxPipeline);
+  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
+      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
+  dMs = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+  gst_object_unref(pxBus);
+  return pxMsg;
+}
+
 // appsrc ! <chain> ! fakesink with one frame pushed again and again (from the upload
 // element's pinned pool where the chain starts with it), so that the source costs nothing and
 // the figure is the chain's own.
@@ -170,14 +186,8 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
   for (int i = 0; i < 5; ++i) gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
   g_usleep(200000);
   const uint64_t uAllocs = Qv::CQvDeviceMMU::GetAllocationCount();
-  const auto t0 = Clock::now();
-  for (int i = 0; i < iFrames; ++i)
-    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
-  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
-  GstBus* pxBus = gst_element_get_bus(pxPipeline);
-  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
-      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  const double dMs = std::chrono::duration<double, std::milli>(Clock::now() - t0).count();
+  double dMs = 0.0;
+  GstMessage* pxMsg = PushAndDrain(pxPipeline, pxSrc, pxFrame, iFrames, dMs);
   // Every frame pushed (the first, five of warm-up, the timed ones) must have come out.
   Require(pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_EOS &&
               xOut.xTimes.size() == static_cast<size_t>(iFrames) + 6,
@@ -192,7 +202,6 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
   gst_element_set_state(pxPipeline, GST_STATE_NULL);
   gst_buffer_unref(pxFrame);
   gst_caps_unref(pxCaps);
-  gst_object_unref(pxBus);
   gst_object_unref(pxSrc);
   gst_object_unref(pxFirstElement);
   gst_object_unref(pxPipeline);
@@ -226,17 +235,11 @@ double PushedFrameMs(const std::string& sPipeline, GstBuffer* pxFrame, int iWarm
   for (int i = 0; i < iWarm; ++i)
     gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
   if (iWarm > 0) g_usleep(200000);
-  const auto t0 = Clock::now();
-  for (int i = 0; i < iFrames; ++i)
-    gst_app_src_push_buffer(GST_APP_SRC(pxSrc), gst_buffer_ref(pxFrame));
-  gst_app_src_end_of_stream(GST_APP_SRC(pxSrc));
-  GstBus* pxBus = gst_element_get_bus(pxPipeline);
-  GstMessage* pxMsg = gst_bus_timed_pop_filtered(
-      pxBus, GST_CLOCK_TIME_NONE, static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR));
-  const double dMs = MsSince(t0) / iFrames;
+  double dMs = 0.0;
+  GstMessage* pxMsg = PushAndDrain(pxPipeline, pxSrc, pxFrame, iFrames, dMs);
+  dMs /= iFrames;
   if (pxMsg) gst_message_unref(pxMsg);
   gst_element_set_state(pxPipeline, GST_STATE_NULL);
-  gst_object_unref(pxBus);
   gst_object_unref(pxSrc);
   gst_object_unref(pxPipeline);
   return dMs;
