@@ -17,6 +17,15 @@
 #include "QvException.h"
 #include "QvImage.h"
 
+// Inside a table's loop: a result of another format than expected fails its row, and the
+// table goes on with the next row instead of reading past the result.
+#define QV_EXPECT_FORMAT_OR_NEXT(expected, actual)                     \
+  if (!((expected) == (actual))) {                                     \
+    ADD_FAILURE() << (actual).ToString().ToCString() << " instead of " \
+                  << (expected).ToString().ToCString();                \
+    continue;                                                          \
+  }
+
 namespace QvTest {
 
 // The messages of the exception and its inner ones, outermost first, joined by " > ".

@@ -208,11 +208,11 @@ TEST(Convert, ChannelsAndDataTypesFollowTheScalingRulesOrAreRefused) {
       EXPECT_FALSE(xTarget.IsValid());
       continue;
     }
-    ASSERT_EQ(sThrown, "");
-    ASSERT_EQ(xTarget.GetFormat(), CQvImageFormat(w, 1, c.eTo, c.eToData));
+    EXPECT_EQ(sThrown, "");
+    QV_EXPECT_FORMAT_OR_NEXT(CQvImageFormat(w, 1, c.eTo, c.eToData), xTarget.GetFormat());
     const V xOut = Samples(xTarget);
-    ASSERT_EQ(xOut.size(), c.xExpected.size());
-    for (size_t i = 0; i < xOut.size(); ++i)
+    EXPECT_EQ(xOut.size(), c.xExpected.size());
+    for (size_t i = 0; i < std::min(xOut.size(), c.xExpected.size()); ++i)
       EXPECT_NEAR(xOut[i], c.xExpected[i], c.eToData == F ? 1e-7 : 0) << i;
   }
 }

@@ -51,7 +51,8 @@ TEST(Normalize, EveryChannelIsDividedByTheGrayImageAndStored) {
       bGray ? CQvCudaCompNormalize().Normalize(xTarget, xRaw, CQvDeviceImage2D(c.xGray), eData)
             : CQvCudaCompNormalize().Normalize(xTarget, xRaw, eData);
       const CQvImageFormat& f = c.xRaw.GetFormat();
-      ASSERT_EQ(CQvImageFormat(f.iWidth, f.iHeight, f.ePixelType, eData), xTarget.GetFormat());
+      QV_EXPECT_FORMAT_OR_NEXT(CQvImageFormat(f.iWidth, f.iHeight, f.ePixelType, eData),
+                               xTarget.GetFormat());
       const V xOut = QvTest::Download(xTarget);
       const int n = f.GetComponentCount();
       for (size_t k = 0; k < xOut.size(); ++k) {
@@ -100,7 +101,8 @@ TEST(CustomDataType, SamplesSpreadOverSixteenBits) {
     }
     CQvDeviceImage2D xTarget;
     CQvCudaCompNormalize().ConvertCustomDataType(xTarget, QvTest::SRawImage(c.f, c.xBytes));
-    ASSERT_EQ(CQvImageFormat(c.f.iWidth, c.f.iHeight, c.f.ePixelType, US), xTarget.GetFormat());
+    QV_EXPECT_FORMAT_OR_NEXT(CQvImageFormat(c.f.iWidth, c.f.iHeight, c.f.ePixelType, US),
+                             xTarget.GetFormat());
     const V x = QvTest::Download(xTarget);
     for (size_t n = 0; n < x.size(); ++n)
       EXPECT_EQ(QvTest::StoreRule(CustomValue(c.f.eDataType, c.xBytes, n), 65535.0f), x[n]) << n;

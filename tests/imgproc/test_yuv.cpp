@@ -45,8 +45,9 @@ TEST(YuvStacked, LumaRowsThenFlatChromaRunsForAwkwardSizes) {
       const int W = xSrc.w, H = xSrc.h, iTotal = H * 3 / 2, iVStart = H * 5 / 4;
       CQvDeviceImage2D xSource(xSrc.xImage), xTarget;
       CQvCudaCompYUV().Convert(xTarget, xSource);
-      ASSERT_EQ(CQvImageFormat(W, iTotal, EPixelType::Lum, xSrc.xImage.GetFormat().eDataType),
-                xTarget.GetFormat());
+      QV_EXPECT_FORMAT_OR_NEXT(
+          CQvImageFormat(W, iTotal, EPixelType::Lum, xSrc.xImage.GetFormat().eDataType),
+          xTarget.GetFormat());
       std::vector<double> xExpected;
       for (int y = 0; y < iTotal; ++y) {
         for (int x = 0; x < W; ++x) {
@@ -87,8 +88,9 @@ TEST(YuvPlanes, ThreePlanesGetLumaAndTopLeftChromaAndNothingElse) {
         const double dExpected = !bWritten     ? (b16 ? 0xA5A5 : 0xA5)
                                  : iPlane == 0 ? xSrc.Yuv(0, px, py)
                                                : xSrc.Yuv(iPlane, 2 * px, 2 * py);
-        ASSERT_EQ(dExpected, QvTest::GetSample(&xBytes[i], eData, 0))
+        EXPECT_EQ(dExpected, QvTest::GetSample(&xBytes[i], eData, 0))
             << (b16 ? "16" : "8") << "-bit plane " << iPlane << " at " << px << "," << py;
+        if (dExpected != QvTest::GetSample(&xBytes[i], eData, 0)) break;  // one a plane
       }
     }
   }

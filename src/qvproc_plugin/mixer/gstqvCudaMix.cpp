@@ -235,7 +235,7 @@ static GstPad* gst_cudamixer2_request_new_pad(GstElement* element, GstPadTemplat
   GstElementClass* pxClass = GST_ELEMENT_GET_CLASS(element);
   if (templ != gst_element_class_get_pad_template(pxClass, "sink_%u")) return NULL;
 
-  GST_CUDA_MIXER2_LOCK(self);
+  CMixLock xLock(&self->lock);
   const bool bNamed = req_name && strlen(req_name) > 5 && g_str_has_prefix(req_name, "sink_");
   guint uSerial =
       bNamed ? static_cast<guint>(g_ascii_strtoull(&req_name[5], NULL, 10)) : self->next_sinkpad;
@@ -243,7 +243,6 @@ static GstPad* gst_cudamixer2_request_new_pad(GstElement* element, GstPadTemplat
   while (!bNamed && PadNameInUse(self, uSerial)) ++uSerial;
   // A name already in use is refused: the element could not add a second pad of that name.
   if (PadNameInUse(self, uSerial)) {
-    GST_CUDA_MIXER2_UNLOCK(self);
     GST_WARNING_OBJECT(self, "A pad named sink_%u exists already; request refused", uSerial);
     return NULL;
   }
@@ -264,7 +263,7 @@ static GstPad* gst_cudamixer2_request_new_pad(GstElement* element, GstPadTemplat
 
   self->sinkpads = g_slist_append(self->sinkpads, pxPad);
   self->numpads++;
-  GST_CUDA_MIXER2_UNLOCK(self);
+  xLock.Unlock();
 
   GST_DEBUG_OBJECT(self, "Adding pad %s", GST_PAD_NAME(pxPad));
   gst_element_add_pad(element, GST_PAD(pxPad));
