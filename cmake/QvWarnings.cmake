@@ -17,3 +17,19 @@ if(QV_TSAN)
     $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-fsanitize=thread,-fno-omit-frame-pointer>)
   target_link_options(qv_build_flags INTERFACE -fsanitize=thread)
 endif()
+# fmaf is exact whether the processor fuses or a library routine does, so the bits stay; with
+# the instruction the host backend's arithmetic stays inline. Only where the build machine has
+# it (x86-64 without FMA, before Haswell, would fault), and never on other architectures'
+# defaults (aarch64 fuses natively).
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+  include(CheckCXXSourceRuns)
+  set(CMAKE_REQUIRED_FLAGS -mfma)
+  check_cxx_source_runs("int main() { return __builtin_cpu_supports(\"fma\") ? 0 : 1; }"
+                        QV_HOST_HAS_FMA)
+  unset(CMAKE_REQUIRED_FLAGS)
+  option(QV_HOST_FMA "Use the processor's FMA instruction in host code" ${QV_HOST_HAS_FMA})
+  if(QV_HOST_FMA)
+    target_compile_options(qv_build_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-mfma>
+                                                    $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-mfma>)
+  endif()
+endif()

@@ -241,9 +241,35 @@ void LaunchDemosaic(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xT
   // The host backend, and images that do not allow the tile's vector accesses: one pixel a
   // thread through the texture.
   CTextureBinding xBinding(xSource, false, false, cudaAddressModeClamp);
-  LaunchPerPixel(
-      xComp, szName, xFormat.iWidth, xFormat.iHeight,
-      Kernel::FDemosaic<TTarget, S>{xTarget.GetDesc(), xBinding.Get(), eBayerType, xGains});
+  const Kernel::FDemosaic<TTarget, S> fnPixel{xTarget.GetDesc(), xBinding.Get(), eBayerType,
+                                              xGains};
+  if (Device::IsCuda()) {
+    LaunchPerPixel(xComp, szName, xFormat.iWidth, xFormat.iHeight, fnPixel);
+    return;
+  }
+  // On the host, a pixel whose whole diamond lies inside the mosaic reads the rows directly:
+  // the same samples the clamped texture read gives there, into the same arithmetic. The two
+  // rows and columns at each edge go through the texture.
+  const int w = xFormat.iWidth, h = xFormat.iHeight;
+  const SDeviceImageDesc2D xSrc = xSource.GetDesc(), xTrg = xTarget.GetDesc();
+  xComp.Begin(szName, xComp.GetStream());
+  Device::HostParallelFor(h, w, [&](int y0, int y1) {
+    for (int y = y0; y < y1; ++y) {
+      const int xInner0 = y >= 2 && y < h - 2 ? 2 : w, xInner1 = std::max(xInner0, w - 2);
+      for (int x = 0; x < std::min(xInner0, w); ++x) fnPixel(x, y);
+      const typename S::Element* apRow[5] = {};
+      if (xInner0 < xInner1)
+        for (int k = 0; k < 5; ++k) apRow[k] = PixelPtr<S>(xSrc, 0, y - 2 + k);
+      for (int x = xInner0; x < xInner1; ++x) {
+        const float3 c = Kernel::DemosaicPixel(
+            Kernel::BayerPhase(eBayerType, x, y), xGains,
+            [&](int dx, int dy) { return ReadChannel<S>(apRow[dy + 2][x + dx]); });
+        StorePixel<TTarget>(xTrg, x, y, make_float4(c.x, c.y, c.z, 1.0f));
+      }
+      for (int x = std::max(xInner1, std::min(xInner0, w)); x < w; ++x) fnPixel(x, y);
+    }
+  });
+  xComp.End(szName, xComp.GetStream());
 }
 
 }  // namespace

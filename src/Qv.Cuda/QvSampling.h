@@ -64,13 +64,16 @@ QV_HD QV_FORCEINLINE typename T::Element StoreChannel(float v) {
   } else {
     const float fM = T::fStoreScale;
     float s = v * fM;
-    s = fminf(fM, s);
 #if defined(__CUDA_ARCH__)
+    s = fminf(fM, s);
     // The device's conversion to unsigned truncates and takes everything below zero to 0,
     // which is what the max with 0 and the truncation do together.
     return static_cast<typename T::Element>(__float2uint_rz(s));
 #else
-    s = fmaxf(s, 0.0f);
+    // fminf(fM, s) and fmaxf(s, 0) as comparisons, which stay inline: a NaN becomes fM, as
+    // fminf makes it.
+    s = s < fM ? s : fM;
+    s = s > 0.0f ? s : 0.0f;
     return static_cast<typename T::Element>(s);
 #endif
   }
