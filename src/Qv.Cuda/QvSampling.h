@@ -106,7 +106,7 @@ QV_HD QV_FORCEINLINE void StorePixel(const SDeviceImageDesc2D& xDesc, int x, int
 namespace Detail {
 
 template <class T>
-inline float4 HostTexel(const SDeviceImageDesc2D& xDesc, int ix, int iy) {
+QV_FORCEINLINE float4 HostTexel(const SDeviceImageDesc2D& xDesc, int ix, int iy) {
   ix = ix < 0 ? 0 : (ix >= xDesc.xFormat.iWidth ? xDesc.xFormat.iWidth - 1 : ix);
   iy = iy < 0 ? 0 : (iy >= xDesc.xFormat.iHeight ? xDesc.xFormat.iHeight - 1 : iy);
   const typename T::Element* p = PixelPtr<T>(xDesc, ix, iy);
@@ -125,16 +125,17 @@ inline float4 HostTexel(const SDeviceImageDesc2D& xDesc, int ix, int iy) {
 }
 
 // The texture unit keeps the blend weight as 9-bit fixed point with 8 fractional bits.
-inline float QuantizeWeight(float fFrac) {
+QV_FORCEINLINE float QuantizeWeight(float fFrac) {
   return std::floor(fFrac * 256.0f + 0.5f) / 256.0f;
 }
 
-inline float Blend(float a, float b, float c, float d, float wa, float wb, float wc, float wd) {
+QV_FORCEINLINE float Blend(float a, float b, float c, float d, float wa, float wb, float wc,
+                           float wd) {
   return wa * a + wb * b + wc * c + wd * d;
 }
 
 template <class T>
-inline float4 HostFetch(const STexture2D& xTex, float x, float y) {
+QV_FORCEINLINE float4 HostFetch(const STexture2D& xTex, float x, float y) {
   const SDeviceImageDesc2D& xDesc = xTex.xImage;
   if (xTex.bNormalizedCoordinates) {
     x = x * static_cast<float>(xDesc.xFormat.iWidth);
