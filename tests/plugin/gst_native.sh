@@ -53,6 +53,33 @@ wall videowall 640 480 && fail "the wall went out at 640x480"
 grep -q "Downstream cannot take the video wall's size of 3840x2676" "$P/log" \
   || fail "no negotiation error for the wall: $(cat "$P/log")"
 
+# bayer-order: a scene that is red at the red sites of each order comes out red when upload
+# reads it in that order, named by the property or taken from the caps.
+for o in grbg rggb bggr gbrg; do
+  python3 -c "import sys; r = {'grbg': (1, 0), 'rggb': (0, 0), 'bggr': (1, 1), 'gbrg': (0, 1)}['$o']
+sys.stdout.buffer.write(bytes(255 if (x % 2, y % 2) == r else 0 for y in range(8) for x in range(8)))" \
+    >"$P/red.raw"
+  for p in "$o" caps; do
+    timeout 60 gst-launch-1.0 -q filesrc location="$P/red.raw" blocksize=64 \
+      ! video/x-bayer,format=$o,width=8,height=8,framerate=30/1 ! qvcudaupload bayer-order=$p \
+      ! qvcudadebayer ! qvcudadownload ! filesink location="$P/rgba.raw" >"$P/log" 2>&1
+    rgb=$(od -An -tu1 -j $(((3 * 8 + 3) * 4)) -N 3 "$P/rgba.raw")
+    set -- $rgb
+    [ "$1" -ge 200 ] && [ "$2" -le 10 ] && [ "$3" -le 10 ] || fail "$o read as $p: $rgb $(cat "$P/log")"
+  done
+done
+
+# The wall keeps its cameras' order: a red scene from an RGGB camera stays red in its tile.
+python3 -c "import sys; sys.stdout.buffer.write(bytes(255 if x % 2 == 0 and y % 2 == 0 else 0 \
+  for y in range(1338) for x in range(1280)))" >"$P/red.raw"
+timeout 60 gst-launch-1.0 -q qvcudamix name=m type=videowall ! qvcudadebayer ! qvcudadownload \
+  ! filesink location="$P/rgba.raw" filesrc location="$P/red.raw" \
+  ! rawvideoparse format=gray8 width=1280 height=1338 ! qvcudaupload bayer-order=rggb ! m. \
+  >"$P/log" 2>&1
+rgb=$(od -An -tu1 -j $(((100 * 3840 + 100) * 4)) -N 3 "$P/rgba.raw")
+set -- $rgb
+[ "$1" -ge 200 ] && [ "$2" -le 10 ] && [ "$3" -le 10 ] || fail "wall of rggb: $rgb $(cat "$P/log")"
+
 # Flat grays near white and near black as the sensor sees them (red at 0.7 and blue at 0.88 of
 # green): the centre pixel keeps its level within 2 only where videoconvert reads full range.
 for v in 250 50; do

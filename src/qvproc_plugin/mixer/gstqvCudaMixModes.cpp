@@ -191,6 +191,19 @@ GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFr
   return GST_FLOW_OK;
 }
 
+// The wall's mosaic order: the first tile's. Tiles start on even rows and columns, so each keeps
+// its camera's order; cameras of one rig share it.
+static Qv::EPixelType::ID WallOrder(GstCudaMixer2* self) {
+  for (GSList* l = self->sinkpads; l; l = l->next) {
+    GstBuffer* pxBuffer = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol->buffer;
+    std::string sReason;
+    const Qv::CQvDeviceImage2D* pxImage = pxBuffer ? TileSource(pxBuffer, sReason) : NULL;
+    if (pxImage && Qv::IsBayerPixelType(pxImage->GetFormat().ePixelType))
+      return pxImage->GetFormat().ePixelType;
+  }
+  return Qv::EPixelType::BayerGR;
+}
+
 GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) {
   GstBuffer* pxOut = AcquireOutput(self, xFrame);
   if (!pxOut) return GST_FLOW_ERROR;
@@ -214,7 +227,7 @@ GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) 
   try {
     if (!pxWall) QV_THROW("the wall's output buffer carries no device image");
     pxWall->Create(
-        Qv::CQvImageFormat(kWallWidth, kWallHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte));
+        Qv::CQvImageFormat(kWallWidth, kWallHeight, WallOrder(self), Qv::EDataType::UByte));
     if (!self->stream && Qv::Device::IsCuda()) self->stream = Qv::Device::CreateStream();
     auto* pWall = static_cast<uint8_t*>(pxWall->GetDevicePointer());
     const size_t uWallPitch = pxWall->GetDevicePitch();

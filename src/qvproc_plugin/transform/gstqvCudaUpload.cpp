@@ -43,6 +43,64 @@ G_DEFINE_TYPE_WITH_CODE(GstQvCudaUpload, gst_cuda_upload, GST_TYPE_QV_CUDA_BASE_
                         GST_DEBUG_CATEGORY_INIT(gst_cuda_upload_debug, "qvcudaupload", 0,
                                                 "qvvideoproc upload element"))
 
+// Which order of the 2 x 2 colour pattern the mosaic is read in: one fixed order, or the one
+// that video/x-bayer caps name.
+enum EUploadOrder { ORDER_GRBG, ORDER_RGGB, ORDER_BGGR, ORDER_GBRG, ORDER_CAPS };
+enum { PROP_0, PROP_BAYER_ORDER };
+
+static GType gst_qv_bayer_order_get_type() {
+  static GType s_eType = 0;
+  static const GEnumValue axValues[] = {
+      {ORDER_GRBG, "GRBG (green, red / blue, green)", "grbg"},
+      {ORDER_RGGB, "RGGB", "rggb"},
+      {ORDER_BGGR, "BGGR", "bggr"},
+      {ORDER_GBRG, "GBRG", "gbrg"},
+      {ORDER_CAPS, "The order that video/x-bayer caps name (BA81 is BGGR); GRBG for GRAY8", "caps"},
+      {0, NULL, NULL}};
+  if (g_once_init_enter(&s_eType))
+    g_once_init_leave(&s_eType, g_enum_register_static("GstQvBayerOrder", axValues));
+  return s_eType;
+}
+
+// The device image's pixel type of an order, by property value or caps name.
+static gint OrderPixelType(gint eOrder) {
+  switch (eOrder) {
+    case ORDER_RGGB:
+      return Qv::EPixelType::BayerRG;
+    case ORDER_BGGR:
+      return Qv::EPixelType::BayerBG;
+    case ORDER_GBRG:
+      return Qv::EPixelType::BayerGB;
+    default:
+      return Qv::EPixelType::BayerGR;
+  }
+}
+
+static gint CapsOrder(const gchar* szFormat) {
+  if (g_strcmp0(szFormat, "rggb") == 0) return ORDER_RGGB;
+  if (g_strcmp0(szFormat, "bggr") == 0 || g_strcmp0(szFormat, "BA81") == 0) return ORDER_BGGR;
+  if (g_strcmp0(szFormat, "gbrg") == 0) return ORDER_GBRG;
+  return ORDER_GRBG;
+}
+
+static void gst_cuda_upload_set_property(GObject* object, guint prop_id, const GValue* value,
+                                         GParamSpec* pspec) {
+  GstQvCudaUpload* self = GST_CUDA_UPLOAD(object);
+  if (prop_id == PROP_BAYER_ORDER)
+    g_atomic_int_set(&self->eOrder, g_value_get_enum(value));
+  else
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, prop_id, pspec);
+}
+
+static void gst_cuda_upload_get_property(GObject* object, guint prop_id, GValue* value,
+                                         GParamSpec* pspec) {
+  GstQvCudaUpload* self = GST_CUDA_UPLOAD(object);
+  if (prop_id == PROP_BAYER_ORDER)
+    g_value_set_enum(value, g_atomic_int_get(&self->eOrder));
+  else
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, prop_id, pspec);
+}
+
 static GstCaps* gst_cuda_upload_transform_caps(GstBaseTransform* trans, GstPadDirection direction,
                                                GstCaps* caps, GstCaps* filter);
 static gboolean gst_cuda_upload_set_caps(GstBaseTransform* trans, GstCaps* incaps,
@@ -59,6 +117,16 @@ static void gst_cuda_upload_class_init(GstQvCudaUploadClass* klass) {
                               GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_frame),
                               GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_caps));
   pxTransClass->set_caps = GST_DEBUG_FUNCPTR(gst_cuda_upload_set_caps);
+  GObjectClass* pxObjectClass = G_OBJECT_CLASS(klass);
+  pxObjectClass->set_property = gst_cuda_upload_set_property;
+  pxObjectClass->get_property = gst_cuda_upload_get_property;
+  g_object_class_install_property(
+      pxObjectClass, PROP_BAYER_ORDER,
+      g_param_spec_enum("bayer-order", "Bayer order",
+                        "Order of the sensor's 2 x 2 colour pattern that the device image is "
+                        "read in; takes effect at the next caps",
+                        gst_qv_bayer_order_get_type(), ORDER_GRBG,
+                        static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
   pxTransClass->propose_allocation = GST_DEBUG_FUNCPTR(ProposeAllocation);
 }
 
@@ -66,6 +134,8 @@ static void gst_cuda_upload_init(GstQvCudaUpload* self) {
   my_memory_init();
   self->width = 0;
   self->height = 0;
+  self->eOrder = ORDER_GRBG;
+  self->ePixelType = Qv::EPixelType::BayerGR;
   gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(self), FALSE);
 }
 
@@ -83,17 +153,23 @@ static gboolean gst_cuda_upload_set_caps(GstBaseTransform* trans, GstCaps* incap
   gst_structure_get_int(pxStructure, "width", &self->width);
   gst_structure_get_int(pxStructure, "height", &self->height);
   self->iCapsStride = 0;
+  const gint eOrder = g_atomic_int_get(&self->eOrder);
+  gint eUsed = eOrder == ORDER_CAPS ? ORDER_GRBG : eOrder;
   if (gst_structure_has_name(pxStructure, "video/x-raw")) {
     GstVideoInfo xInfo;
     if (gst_video_info_from_caps(&xInfo, incaps))
       self->iCapsStride = GST_VIDEO_INFO_PLANE_STRIDE(&xInfo, 0);
   } else {
-    // The device image is always read as GRBG; another order gives wrong colours downstream.
     const gchar* szOrder = gst_structure_get_string(pxStructure, "format");
-    if (szOrder && g_strcmp0(szOrder, "grbg") != 0)
+    if (eOrder == ORDER_CAPS) {
+      eUsed = CapsOrder(szOrder);
+    } else if (eOrder == ORDER_GRBG && szOrder && g_strcmp0(szOrder, "grbg") != 0) {
+      // Read as GRBG by default; another order gives wrong colours downstream.
       GST_ELEMENT_WARNING(self, STREAM, FORMAT,
                           ("the mosaic is read as GRBG; the caps say %s", szOrder), (NULL));
+    }
   }
+  self->ePixelType = OrderPixelType(eUsed);
   return TRUE;
 }
 
@@ -140,7 +216,8 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
       QV_THROW(sText.ToCString());
     }
     auto* pxImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data());
-    pxImage->Create(Qv::CQvImageFormat(self->width, self->height, Qv::EPixelType::BayerGR,
+    pxImage->Create(Qv::CQvImageFormat(self->width, self->height,
+                                       static_cast<Qv::EPixelType::ID>(self->ePixelType),
                                        Qv::EDataType::UByte));
     pxImage->Upload(static_cast<const guint8*>(xIn.Data()) + uOffset, uStride, self->parent.stream,
                     true);

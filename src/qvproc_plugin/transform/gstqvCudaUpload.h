@@ -14,6 +14,8 @@ typedef struct _GstQvCudaUpload {
   // Row stride of GRAY8 frames without a video meta, from the caps (GStreamer pads GRAY8 rows
   // to 4 bytes); 0 for bayer caps, whose buffers may come packed or padded.
   gint iCapsStride;
+  gint eOrder;      // the bayer-order property (EUploadOrder)
+  gint ePixelType;  // the device image's mosaic order, from the property or the caps
 } GstQvCudaUpload;
 
 typedef struct _GstQvCudaUploadClass {
