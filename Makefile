@@ -3,7 +3,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps configure build demo test test-gpu bench install clean
+.PHONY: all deps configure build demo test test-gpu gpu-bundle bench install clean
 
 all: build
 
@@ -25,6 +25,12 @@ test: build
 # On a machine with a GPU: the same tests forced onto the CUDA backend.
 test-gpu: build
 	QV_DEVICE=cuda ctest --test-dir $(BUILD_DIR) --output-on-failure
+
+# For a GPU host (no GStreamer, no internet there): a stripped Release build for sm_87 and
+# sm_90 with tests and benchmarks, packed into build-gpu/gpu-bundle.tar.xz, and the Debian
+# runtime in .gpu-runtime/. There: scripts/gpu-check.sh.
+gpu-bundle: deps
+	scripts/gpu-bundle.sh
 
 bench: build
 	$(BUILD_DIR)/bench/qvbench-kernels

@@ -810,8 +810,7 @@ void JpegBench(int iWidth, int iHeight, bool bCuda) {
 int main(int argc, char** argv) {
   gst_init(&argc, &argv);
   gst_registry_scan_path(gst_registry_get(), QV_PLUGIN_DIR);
-  // Only the download element: the caps filters' GstBayer2RGB would take the type name of the
-  // CPU peer's bayer2rgb.
+  // The host elements that the lines use, registered as a host application does.
   gst_element_register(NULL, "qvcudadownload", GST_RANK_NONE, gst_cuda_download_get_type());
   gst_element_register(NULL, "qvcudajpegsink", GST_RANK_NONE, gst_cuda_jpeg_sink_get_type());
   const int iWidth = 3840, iHeight = 2160;
