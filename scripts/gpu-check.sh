@@ -44,7 +44,8 @@ step() {
   shift 4
   echo "step $n: $name"
   local log="$OUT/step-$n.log"
-  timeout "$limit" "$@" >"$log" 2>&1
+  # A bash of its own, so that the limit also holds for this script's functions.
+  timeout "$limit" bash -c '"$@"' step "$@" >"$log" 2>&1
   local rc=$? result=pass
   [ $rc -eq 0 ] || result="fail ($rc)"
   local figure
@@ -104,7 +105,8 @@ display() {
     GST_PLUGIN_PATH="$B/plugin" QV_DEVICE=cuda "$B"/tests/plugin/qv_plugin_test_display
 }
 
-export GST_PLUGIN_PATH="$B/plugin"
+export GST_PLUGIN_PATH="$B/plugin" B ROOT OUT
+export -f run_tests sanitize display qv_start_xvfb
 step 1 test-gpu 200 '^tests:' run_tests
 step 2 compute-sanitizer 120 '^sanitizers:' sanitize
 step 3 qvbench-kernels 60 '^Debayer' "$B"/bench/qvbench-kernels
