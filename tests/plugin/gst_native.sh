@@ -69,6 +69,20 @@ sys.stdout.buffer.write(bytes(255 if (x % 2, y % 2) == r else 0 for y in range(8
   done
 done
 
+# 16-bit words: a 10-bit sensor's 1023 fills the range after the shift on upload, and the frame
+# comes back as RGBA64_LE; red sites of GRBG at 1023 (10 bits) or 65535 (GRAY16_LE) read red.
+for caps in "video/x-bayer,format=grbg10le 1023" "video/x-raw,format=GRAY16_LE 65535"; do
+  set -- $caps
+  python3 -c "import sys; sys.stdout.buffer.write(b''.join(($2 if (x % 2, y % 2) == (1, 0) else 0) \
+    .to_bytes(2, 'little') for y in range(8) for x in range(8)))" >"$P/red16.raw"
+  timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
+    ! "$1,width=8,height=8,framerate=30/1" ! qvcudaupload ! qvcudadebayer ! qvcudadownload \
+    ! video/x-raw,format=RGBA64_LE ! filesink location="$P/rgba64.raw" >"$P/log" 2>&1
+  rgb=$(od -An -tu2 -j $(((3 * 8 + 3) * 8)) -N 6 "$P/rgba64.raw")
+  set -- $rgb
+  [ "$1" -ge 65000 ] && [ "$2" -le 600 ] && [ "$3" -le 600 ] || fail "$caps: $rgb $(cat "$P/log")"
+done
+
 # The wall keeps its cameras' order: a red scene from an RGGB camera stays red in its tile.
 python3 -c "import sys; sys.stdout.buffer.write(bytes(255 if x % 2 == 0 and y % 2 == 0 else 0 \
   for y in range(1338) for x in range(1280)))" >"$P/red.raw"

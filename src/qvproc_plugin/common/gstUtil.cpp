@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <opencv2/core/cuda.hpp>
+#include <utility>
 
 #include "QvDevice.h"
 #include "QvMessage.h"
@@ -26,6 +27,43 @@ GstCaps* defaultNegotiation(const gchar* sinkCapsText, const gchar* srcCapsText,
       const GValue* pxValue = gst_structure_get_value(pxIn, szField);
       if (pxValue) gst_structure_set_value(pxOut, szField, pxValue);
     }
+  }
+  if (!filter) return pxResult;
+  GstCaps* pxFiltered = gst_caps_intersect_full(filter, pxResult, GST_CAPS_INTERSECT_FIRST);
+  gst_caps_unref(pxResult);
+  return pxFiltered;
+}
+
+GstCaps* DepthNegotiation(const SDepthCaps& xSink, const SDepthCaps& xSrc,
+                          GstPadDirection direction, GstCaps* caps, GstCaps* filter) {
+  const SDepthCaps& xThis = direction == GST_PAD_SINK ? xSink : xSrc;
+  const SDepthCaps& xOther = direction == GST_PAD_SINK ? xSrc : xSink;
+  const GstStructure* pxIn =
+      caps && gst_caps_get_size(caps) > 0 ? gst_caps_get_structure(caps, 0) : NULL;
+  const std::pair<const gchar*, const gchar*> axDepths[] = {{xThis.sz8, xOther.sz8},
+                                                            {xThis.sz16, xOther.sz16}};
+  bool abMay[2] = {false, false};
+  for (int i = 0; i < 2; ++i) {
+    GstCaps* pxThis = gst_caps_from_string(axDepths[i].first);
+    abMay[i] = pxThis && caps && gst_caps_can_intersect(caps, pxThis);
+    if (pxThis) gst_caps_unref(pxThis);
+  }
+  // Caps of neither depth (an empty answer while downstream renegotiates) constrain nothing,
+  // as a plain template answer would.
+  if (!abMay[0] && !abMay[1]) abMay[0] = abMay[1] = true;
+  GstCaps* pxResult = gst_caps_new_empty();
+  for (int d = 0; d < 2; ++d) {
+    const auto& xDepth = axDepths[d];
+    const bool bMay = abMay[d];
+    GstCaps* pxOther = bMay ? gst_caps_from_string(xDepth.second) : NULL;
+    if (!pxOther) continue;
+    pxOther = gst_caps_make_writable(pxOther);
+    for (guint i = 0; pxIn && i < gst_caps_get_size(pxOther); ++i)
+      for (const char* szField : {"width", "height", "framerate"}) {
+        const GValue* pxValue = gst_structure_get_value(pxIn, szField);
+        if (pxValue) gst_structure_set_value(gst_caps_get_structure(pxOther, i), szField, pxValue);
+      }
+    gst_caps_append(pxResult, pxOther);
   }
   if (!filter) return pxResult;
   GstCaps* pxFiltered = gst_caps_intersect_full(filter, pxResult, GST_CAPS_INTERSECT_FIRST);
@@ -143,6 +181,7 @@ Qv::EPixelType::ID MapGstToQvPixType(const GstVideoFrame* frame) {
       return EPixelType::Lum;
     case GST_VIDEO_FORMAT_RGBx:
     case GST_VIDEO_FORMAT_RGBA:
+    case GST_VIDEO_FORMAT_RGBA64_LE:
       return EPixelType::RGBA;
     case GST_VIDEO_FORMAT_BGRx:
     case GST_VIDEO_FORMAT_BGRA:
@@ -165,6 +204,7 @@ Qv::EDataType::ID MapGstToQvDataType(const GstVideoFrame* frame) {
     case GST_VIDEO_FORMAT_ENCODED:
     case GST_VIDEO_FORMAT_GRAY16_BE:
     case GST_VIDEO_FORMAT_GRAY16_LE:
+    case GST_VIDEO_FORMAT_RGBA64_LE:
     case GST_VIDEO_FORMAT_RGB16:
     case GST_VIDEO_FORMAT_BGR16:
       return EDataType::UShort;

@@ -17,6 +17,15 @@ class GpuMat;
 
 GstCaps* defaultNegotiation(const gchar* sinkCapsText, const gchar* srcCapsText,
                             GstPadDirection direction, GstCaps* caps, GstCaps* filter);
+// One pad's caps by sample depth: what it takes or gives with 8-bit and with 16-bit samples.
+struct SDepthCaps {
+  const gchar* sz8;
+  const gchar* sz16;
+};
+// The other pad's caps for caps of this one: each depth that caps may have maps to the same
+// depth on the other side, with caps' size and rate; so 8-bit input never gives 16-bit output.
+GstCaps* DepthNegotiation(const SDepthCaps& xSink, const SDepthCaps& xSrc,
+                          GstPadDirection direction, GstCaps* caps, GstCaps* filter);
 GstFlowReturn PrepareOutputBufferCuda(GstBaseTransform* trans, GstBuffer* inbuf,
                                       GstBuffer** outbuf);
 void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf);

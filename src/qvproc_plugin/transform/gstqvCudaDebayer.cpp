@@ -18,12 +18,13 @@
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_debayer_debug);
 #define GST_CAT_DEFAULT gst_cuda_debayer_debug
 
-#define DEBAYER_SINK_CAPS                                                                    \
-  "video/x-raw, format = (string) { GRAY8 }, width = (int) [ 1, max ], height = (int) [ 1, " \
-  "max ], framerate = (fraction) [ 0, max ]"
-#define DEBAYER_SRC_CAPS                                                                    \
-  "video/x-raw, format = (string) { RGBA }, width = (int) [ 1, max ], height = (int) [ 1, " \
-  "max ], framerate = (fraction) [ 0, max ]"
+#define DEBAYER_SIZE "width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]"
+#define DEBAYER_SINK8 "video/x-raw,format=(string)GRAY8," DEBAYER_SIZE
+#define DEBAYER_SINK16 "video/x-raw,format=(string)GRAY16_LE," DEBAYER_SIZE
+#define DEBAYER_SRC8 "video/x-raw,format=(string)RGBA," DEBAYER_SIZE
+#define DEBAYER_SRC16 "video/x-raw,format=(string)RGBA64_LE," DEBAYER_SIZE
+#define DEBAYER_SINK_CAPS DEBAYER_SINK8 ";" DEBAYER_SINK16
+#define DEBAYER_SRC_CAPS DEBAYER_SRC8 ";" DEBAYER_SRC16
 
 // The fixed white balance of the camera rig.
 static const float kRedGain = 1.4285715f;
@@ -60,7 +61,9 @@ static void gst_cuda_debayer_init(GstQvCudaDebayer* self) {
 static GstCaps* gst_cuda_debayer_transform_caps(GstBaseTransform* /*trans*/,
                                                 GstPadDirection direction, GstCaps* caps,
                                                 GstCaps* filter) {
-  return defaultNegotiation(DEBAYER_SINK_CAPS, DEBAYER_SRC_CAPS, direction, caps, filter);
+  // 16-bit mosaics give RGBA with 16-bit channels.
+  return DepthNegotiation({DEBAYER_SINK8, DEBAYER_SINK16}, {DEBAYER_SRC8, DEBAYER_SRC16}, direction,
+                          caps, filter);
 }
 
 static GstFlowReturn gst_cuda_debayer_transform_frame(GstBaseTransform* trans, GstBuffer* inbuf,

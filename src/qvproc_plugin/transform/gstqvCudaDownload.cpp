@@ -26,18 +26,20 @@
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_download_debug);
 #define GST_CAT_DEFAULT gst_cuda_download_debug
 
-#define DOWNLOAD_CAPS                                                                           \
-  "video/x-raw, format = (string) {  RGBA, I420 }, width = (int) [ 1, max ], height = (int) [ " \
+#define DOWNLOAD_CAPS                                                                              \
+  "video/x-raw, format = (string) {  RGBA, RGBA64_LE, I420 }, width = (int) [ 1, max ], height = " \
+  "(int) [ "                                                                                       \
   "1, max ], framerate = (fraction) [ 0, max ]"
 
 static GstStaticPadTemplate sink_template =
     GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(DOWNLOAD_CAPS));
 // I420 planes come from qvcudayuv: full range, BT.601 matrix, which a converter must be told.
-#define DOWNLOAD_SRC_CAPS                                                                      \
-  "video/x-raw, format = (string) RGBA, width = (int) [ 1, max ], height = (int) [ 1, max ], " \
-  "framerate = (fraction) [ 0, max ]; video/x-raw, format = (string) I420, colorimetry = "     \
-  "(string) " QV_I420_COLORIMETRY                                                              \
-  ", width = (int) [ 1, max ], height = (int) [ 1, max ], "                                    \
+#define DOWNLOAD_SRC_CAPS                                                                   \
+  "video/x-raw, format = (string) { RGBA, RGBA64_LE }, width = (int) [ 1, max ], height = " \
+  "(int) [ 1, max ], "                                                                      \
+  "framerate = (fraction) [ 0, max ]; video/x-raw, format = (string) I420, colorimetry = "  \
+  "(string) " QV_I420_COLORIMETRY                                                           \
+  ", width = (int) [ 1, max ], height = (int) [ 1, max ], "                                 \
   "framerate = (fraction) [ 0, max ]"
 
 static GstStaticPadTemplate src_template =
@@ -136,7 +138,11 @@ static GstCaps* gst_cuda_download_transform_caps(GstBaseTransform* /*trans*/,
   GstCaps* pxBoth = defaultNegotiation(DOWNLOAD_CAPS, DOWNLOAD_CAPS, direction, caps, NULL);
   GstCaps* pxResult = gst_caps_new_empty();
   for (guint i = 0; i < gst_caps_get_size(pxBoth); ++i) {
-    for (const char* szFormat : {"RGBA", "I420"}) {
+    // 16-bit colour goes out as it is; 8-bit colour as RGBA or, stacked, as I420.
+    const gchar* szIn = gst_structure_get_string(gst_caps_get_structure(pxBoth, i), "format");
+    const bool b16 = g_strcmp0(szIn, "RGBA64_LE") == 0;
+    for (const char* szFormat : {"RGBA", "RGBA64_LE", "I420"}) {
+      if (szIn && b16 != g_str_equal(szFormat, "RGBA64_LE")) continue;
       GstStructure* pxOne = gst_structure_copy(gst_caps_get_structure(pxBoth, i));
       gst_structure_set(pxOne, "format", G_TYPE_STRING, szFormat, NULL);
       if (g_str_equal(szFormat, "I420"))

@@ -14,6 +14,9 @@
 
 #include <gst/video/video.h>
 
+#include <cstring>
+#include <vector>
+
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
 #include "QvException.h"
@@ -26,13 +29,21 @@
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_upload_debug);
 #define GST_CAT_DEFAULT gst_cuda_upload_debug
 
-#define UPLOAD_SINK_CAPS                                                                        \
-  "video/x-raw, format = (string) { GRAY8 }, width = (int) [ 1, max ], height = (int) [ 1, "    \
-  "max ], framerate = (fraction) [ 0, max ];video/x-bayer,format=(string){BA81,bggr,grbg,gbrg," \
-  "rggb},width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/1,MAX];"
-#define UPLOAD_SRC_CAPS                                                                      \
-  "video/x-raw, format = (string) { GRAY8 }, width = (int) [ 1, max ], height = (int) [ 1, " \
-  "max ], framerate = (fraction) [ 0, max ]"
+#define UPLOAD_SIZE "width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]"
+#define UPLOAD_SINK8                              \
+  "video/x-raw,format=(string)GRAY8," UPLOAD_SIZE \
+  ";video/x-bayer,format=(string)"                \
+  "{BA81,bggr,grbg,gbrg,rggb}," UPLOAD_SIZE
+// 10 to 16 significant bits in 16-bit little-endian words, as RAW10 and RAW12 sensors deliver.
+#define UPLOAD_SINK16                                                                          \
+  "video/x-raw,format=(string)GRAY16_LE," UPLOAD_SIZE                                          \
+  ";video/x-bayer,format=(string){"                                                            \
+  "bggr10le,bggr12le,bggr14le,bggr16le,gbrg10le,gbrg12le,gbrg14le,gbrg16le,grbg10le,grbg12le," \
+  "grbg14le,grbg16le,rggb10le,rggb12le,rggb14le,rggb16le}," UPLOAD_SIZE
+#define UPLOAD_SRC8 "video/x-raw,format=(string)GRAY8," UPLOAD_SIZE
+#define UPLOAD_SRC16 "video/x-raw,format=(string)GRAY16_LE," UPLOAD_SIZE
+#define UPLOAD_SINK_CAPS UPLOAD_SINK8 ";" UPLOAD_SINK16
+#define UPLOAD_SRC_CAPS UPLOAD_SRC8 ";" UPLOAD_SRC16
 
 static GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
     "sink", GST_PAD_SINK, GST_PAD_ALWAYS, GST_STATIC_CAPS(UPLOAD_SINK_CAPS));
@@ -77,10 +88,21 @@ static gint OrderPixelType(gint eOrder) {
 }
 
 static gint CapsOrder(const gchar* szFormat) {
-  if (g_strcmp0(szFormat, "rggb") == 0) return ORDER_RGGB;
-  if (g_strcmp0(szFormat, "bggr") == 0 || g_strcmp0(szFormat, "BA81") == 0) return ORDER_BGGR;
-  if (g_strcmp0(szFormat, "gbrg") == 0) return ORDER_GBRG;
+  if (!szFormat) return ORDER_GRBG;
+  if (g_str_has_prefix(szFormat, "rggb")) return ORDER_RGGB;
+  if (g_str_has_prefix(szFormat, "bggr") || g_strcmp0(szFormat, "BA81") == 0) return ORDER_BGGR;
+  if (g_str_has_prefix(szFormat, "gbrg")) return ORDER_GBRG;
   return ORDER_GRBG;
+}
+
+// Significant bits of a sample of these caps: 8, or 10 to 16 in a 16-bit word.
+static gint CapsDepth(const GstStructure* pxStructure) {
+  const gchar* szFormat = gst_structure_get_string(pxStructure, "format");
+  if (!szFormat) return 8;
+  if (g_strcmp0(szFormat, "GRAY16_LE") == 0) return 16;
+  if (strlen(szFormat) == 8 && g_str_has_suffix(szFormat, "le"))
+    return static_cast<gint>(g_ascii_strtoll(szFormat + 4, NULL, 10));
+  return 8;
 }
 
 static void gst_cuda_upload_set_property(GObject* object, guint prop_id, const GValue* value,
@@ -111,8 +133,8 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
 static void gst_cuda_upload_class_init(GstQvCudaUploadClass* klass) {
   GstBaseTransformClass* pxTransClass = GST_BASE_TRANSFORM_CLASS(klass);
   QvSetupDeviceTransformClass(pxTransClass, "Qv device upload",
-                              "Copies raw 8-bit camera frames (GRAY8 or video/x-bayer) from host "
-                              "memory into device images",
+                              "Copies raw camera frames (GRAY8, GRAY16_LE, or video/x-bayer with 8 "
+                              "to 16-bit samples) from host memory into device images",
                               &sink_template, &src_template,
                               GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_frame),
                               GST_DEBUG_FUNCPTR(gst_cuda_upload_transform_caps));
@@ -136,13 +158,15 @@ static void gst_cuda_upload_init(GstQvCudaUpload* self) {
   self->height = 0;
   self->eOrder = ORDER_GRBG;
   self->ePixelType = Qv::EPixelType::BayerGR;
+  self->iDepth = 8;
   gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(self), FALSE);
 }
 
 static GstCaps* gst_cuda_upload_transform_caps(GstBaseTransform* /*trans*/,
                                                GstPadDirection direction, GstCaps* caps,
                                                GstCaps* filter) {
-  return defaultNegotiation(UPLOAD_SINK_CAPS, UPLOAD_SRC_CAPS, direction, caps, filter);
+  return DepthNegotiation({UPLOAD_SINK8, UPLOAD_SINK16}, {UPLOAD_SRC8, UPLOAD_SRC16}, direction,
+                          caps, filter);
 }
 
 static gboolean gst_cuda_upload_set_caps(GstBaseTransform* trans, GstCaps* incaps,
@@ -153,6 +177,7 @@ static gboolean gst_cuda_upload_set_caps(GstBaseTransform* trans, GstCaps* incap
   gst_structure_get_int(pxStructure, "width", &self->width);
   gst_structure_get_int(pxStructure, "height", &self->height);
   self->iCapsStride = 0;
+  self->iDepth = CapsDepth(pxStructure);
   const gint eOrder = g_atomic_int_get(&self->eOrder);
   gint eUsed = eOrder == ORDER_CAPS ? ORDER_GRBG : eOrder;
   if (gst_structure_has_name(pxStructure, "video/x-raw")) {
@@ -163,7 +188,7 @@ static gboolean gst_cuda_upload_set_caps(GstBaseTransform* trans, GstCaps* incap
     const gchar* szOrder = gst_structure_get_string(pxStructure, "format");
     if (eOrder == ORDER_CAPS) {
       eUsed = CapsOrder(szOrder);
-    } else if (eOrder == ORDER_GRBG && szOrder && g_strcmp0(szOrder, "grbg") != 0) {
+    } else if (eOrder == ORDER_GRBG && szOrder && !g_str_has_prefix(szOrder, "grbg")) {
       // Read as GRBG by default; another order gives wrong colours downstream.
       GST_ELEMENT_WARNING(self, STREAM, FORMAT,
                           ("the mosaic is read as GRBG; the caps say %s", szOrder), (NULL));
@@ -185,7 +210,7 @@ static gsize UploadStride(const GstQvCudaUpload* self, GstBuffer* pxBuffer, gsiz
     return static_cast<gsize>(pxMeta->stride[0] > 0 ? pxMeta->stride[0] : 0);
   }
   if (self->iCapsStride > 0) return static_cast<gsize>(self->iCapsStride);
-  const gsize uPacked = static_cast<gsize>(self->width);
+  const gsize uPacked = static_cast<gsize>(self->width) * (self->iDepth > 8 ? 2 : 1);
   const gsize uPadded = (uPacked + 3) & ~static_cast<gsize>(3);
   return uSize >= uPadded * static_cast<gsize>(self->height) ? uPadded : uPacked;
 }
@@ -197,7 +222,8 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
     LogMessage("Upload starting ");
     CGstBufferMap xIn(inbuf, GST_MAP_READ, "cannot map in buffer");
     CGstBufferMap xOut(outbuf, GST_MAP_WRITE, "cannot map out buffer");
-    const guint64 uWidth = static_cast<guint64>(self->width > 0 ? self->width : 0);
+    const guint64 uSample = self->iDepth > 8 ? 2 : 1;
+    const guint64 uWidth = static_cast<guint64>(self->width > 0 ? self->width : 0) * uSample;
     const guint64 uHeight = static_cast<guint64>(self->height > 0 ? self->height : 0);
     gsize uOffset = 0;
     const guint64 uStride = UploadStride(self, inbuf, xIn.Size(), uOffset);
@@ -216,11 +242,28 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
       QV_THROW(sText.ToCString());
     }
     auto* pxImage = reinterpret_cast<Qv::CQvDeviceImage2D*>(xOut.Data());
-    pxImage->Create(Qv::CQvImageFormat(self->width, self->height,
-                                       static_cast<Qv::EPixelType::ID>(self->ePixelType),
-                                       Qv::EDataType::UByte));
-    pxImage->Upload(static_cast<const guint8*>(xIn.Data()) + uOffset, uStride, self->parent.stream,
-                    true);
+    pxImage->Create(Qv::CQvImageFormat(
+        self->width, self->height, static_cast<Qv::EPixelType::ID>(self->ePixelType),
+        uSample == 2 ? Qv::EDataType::UShort : Qv::EDataType::UByte));
+    const guint8* pRows = static_cast<const guint8*>(xIn.Data()) + uOffset;
+    std::vector<guint16> xScaled;
+    guint64 uRowStride = uStride;
+    if (uSample == 2 && self->iDepth < 16) {
+      // 10 to 14 significant bits fill the 16-bit range by a left shift (1023 at 10 bits
+      // becomes 65472), so that the demosaic's normalization by 65535 holds. Bits above the
+      // depth shift out like the others.
+      const int iShift = 16 - self->iDepth;
+      const guint64 uPixels = uWidth / 2;
+      xScaled.resize(static_cast<size_t>(uPixels * uHeight));
+      for (guint64 y = 0; y < uHeight; ++y)
+        for (guint64 x = 0; x < uPixels; ++x) {
+          const guint8* p = pRows + y * uStride + 2 * x;
+          xScaled[y * uPixels + x] = static_cast<guint16>((p[0] | (p[1] << 8)) << iShift);
+        }
+      pRows = reinterpret_cast<const guint8*>(xScaled.data());
+      uRowStride = uWidth;
+    }
+    pxImage->Upload(pRows, uRowStride, self->parent.stream, true);
     Qv::Device::SynchronizeStream(self->parent.stream);
     CopyMetData(outbuf, inbuf);
     LogMessage("Upload complete");

@@ -16,6 +16,7 @@ typedef struct _GstQvCudaUpload {
   gint iCapsStride;
   gint eOrder;      // the bayer-order property (EUploadOrder)
   gint ePixelType;  // the device image's mosaic order, from the property or the caps
+  gint iDepth;      // significant bits of a sample: 8, or 10 to 16 in 16-bit words
 } GstQvCudaUpload;
 
 typedef struct _GstQvCudaUploadClass {

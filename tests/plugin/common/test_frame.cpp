@@ -33,7 +33,7 @@ TEST(FormatMapping, GstFormatsToPixelAndDataTypes) {
       {F(BGRA), {P::BGRA, D::UByte}}, {F(RGB), {P::RGB, D::UByte}}, {F(BGR), {P::BGR, D::UByte}},
       {F(GRAY8), {P::BayerGR, D::UByte}}, {F(GRAY16_BE), {P::BayerGR, D::UShort}},
       {F(GRAY16_LE), {P::BayerGR, D::UShort}}, {F(RGB16), {-1, D::UShort}},
-      {F(BGR16), {-1, D::UShort}}};
+      {F(BGR16), {-1, D::UShort}}, {F(RGBA64_LE), {P::RGBA, D::UShort}}};
   // clang-format on
   guint uCount = 0;
   const GstVideoFormat* pFormats = gst_video_formats_raw(&uCount);
