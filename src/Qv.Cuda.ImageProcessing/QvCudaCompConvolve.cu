@@ -12,10 +12,12 @@ namespace Qv {
 namespace {
 
 // Resampling classes, tested in this order; bayer UByte runs as L_uc and keeps its format.
-enum class EResampleClass { RGBA_uc, L_uc, L_us, L_f, None };
+// RGBA_us carries a 16-bit demosaic's colour.
+enum class EResampleClass { RGBA_uc, RGBA_us, L_uc, L_us, L_f, None };
 
 EResampleClass ResampleClassOf(const CQvDeviceImage2D& xImage) {
   if (xImage.IsOfType<RGBA_uc>()) return EResampleClass::RGBA_uc;
+  if (xImage.IsOfType<RGBA_us>()) return EResampleClass::RGBA_us;
   if (xImage.IsOfType<L_uc>(true)) return EResampleClass::L_uc;
   if (xImage.IsOfType<L_us>()) return EResampleClass::L_us;
   if (xImage.IsOfType<L_f>()) return EResampleClass::L_f;
@@ -30,6 +32,9 @@ void LaunchResample(CQvCudaComp& xComp, const char* szName, EResampleClass eClas
   switch (eClass) {
     case EResampleClass::RGBA_uc:
       LaunchPerPixel(xComp, szName, w, h, F<RGBA_uc>{xArgs...});
+      break;
+    case EResampleClass::RGBA_us:
+      LaunchPerPixel(xComp, szName, w, h, F<RGBA_us>{xArgs...});
       break;
     case EResampleClass::L_uc:
       LaunchPerPixel(xComp, szName, w, h, F<L_uc>{xArgs...});

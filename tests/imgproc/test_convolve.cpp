@@ -99,6 +99,7 @@ TEST(Resample, TargetPixelsSampleWhereTheScaleFactorPutsThem) {
        {10, 20, 30, 255, 50, 60, 70, 255}, EPixelType::RGBA, UB},
       {"gray 8", 1, 3, {0, 17, 255}, 's', 1, 3, 1, 3, {0, 17, 255}, EPixelType::Lum, UB},
       {"gray 16", 3, 1, {0, 257, 65535}, 'r', 0, 1, 3, 1, {0, 257, 65535}, EPixelType::Lum, US},
+      {"rgba 16", 1, 1, {0, 257, 65535, 1}, 's', 1, 1, 1, 1, {0, 257, 65535, 65535}, EPixelType::RGBA, US},
       {"mosaic", 4, 2, {0, 1, 2, 3, 4, 5, 6, 7}, 's', 2, 1, 2, 1, {0, 2}, EPixelType::BayerGR, UB},
   };
   // clang-format on

@@ -51,7 +51,7 @@ TEST(Failures, EveryRefusalNamesItsCauseInsideTheOperationsMessage) {
        sGauss + "Divisor of the gauss filter must be at least 1"},
       {[&](auto& t) { C.Apply_Gauss(t, xRgbaF, 1.0, 2, 1); }, sConvolution, false},
       {[&](auto& t) { C.Apply_Gauss(t, xBayer16, 1.0, 2, 1); }, sConvolution, false},
-      {[&](auto& t) { C.Shrink(t, D(4, 4, RGBA, US), 2, 2, true); }, sInvalid, false},
+      {[&](auto& t) { C.Shrink(t, D(4, 4, RGBA, F), 2, 2, true); }, sInvalid, false},
       {[&](auto& t) { C.Resize(t, xRgbaF, 0, 2); }, sInvalid, false},
       {[&](auto& t) { C.Resize(t, xBayer16, 0, 1); }, sInvalid, false},
       {[&](auto& t) { C.Resize(t, xLum, 0, 0); }, sResize + "Divisor of resize must not be 0"},

@@ -82,6 +82,13 @@ for caps in "video/x-bayer,format=grbg10le 1023" "video/x-raw,format=GRAY16_LE 6
   set -- $rgb
   [ "$1" -ge 65000 ] && [ "$2" -le 600 ] && [ "$3" -le 600 ] || fail "$caps: $rgb $(cat "$P/log")"
 done
+# ... and the scale keeps the 16 bits: 3840x1784 RGBA64_LE, still red.
+timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
+  ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
+  ! qvcudascale ! qvcudadownload ! video/x-raw,format=RGBA64_LE ! filesink location="$P/rgba64.raw"
+set -- $(od -An -tu2 -j $(((900 * 3840 + 1900) * 8)) -N 6 "$P/rgba64.raw")
+[ "$(stat -c %s "$P/rgba64.raw")" -eq $((3840 * 1784 * 8)) ] && [ "$1" -ge 65000 ] && [ "$2" -le 600 ] \
+  || fail "16-bit scale: $* $(stat -c %s "$P/rgba64.raw")"
 
 # The wall keeps its cameras' order: a red scene from an RGGB camera stays red in its tile.
 python3 -c "import sys; sys.stdout.buffer.write(bytes(255 if x % 2 == 0 and y % 2 == 0 else 0 \

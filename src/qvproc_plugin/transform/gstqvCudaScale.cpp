@@ -20,8 +20,9 @@ GST_DEBUG_CATEGORY_STATIC(gst_cuda_scale_debug);
 int iScaledWidth = 3840;
 int iScaledHeight = 1784;
 
-#define SCALE_CAPS                                                                          \
-  "video/x-raw, format = (string) { RGBA }, width = (int) [ 1, max ], height = (int) [ 1, " \
+#define SCALE_CAPS                                                                                \
+  "video/x-raw, format = (string) { RGBA, RGBA64_LE }, width = (int) [ 1, max ], height = (int) " \
+  "[ 1, "                                                                                         \
   "max ], framerate = (fraction) [ 0, max ]"
 
 static GstStaticPadTemplate sink_template =
@@ -69,7 +70,10 @@ static GstCaps* gst_cuda_scale_transform_caps(GstBaseTransform* trans, GstPadDir
       gst_value_list_append_and_take_value(&xFormats, &xFormat);
     }
     const GValue* pxOldFormat = gst_structure_get_value(pxIn, "format");
-    if (pxOldFormat) {
+    if (g_strcmp0(gst_structure_get_string(pxIn, "format"), "RGBA64_LE") == 0) {
+      // 16-bit colour stays 16-bit.
+      g_value_unset(&xFormats);
+    } else if (pxOldFormat) {
       GValue xMerged = G_VALUE_INIT;
       gst_value_list_merge(&xMerged, pxOldFormat, &xFormats);
       gst_structure_take_value(pxCopy, "format", &xMerged);
