@@ -89,6 +89,15 @@ timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
 set -- $(od -An -tu2 -j $(((900 * 3840 + 1900) * 8)) -N 6 "$P/rgba64.raw")
 [ "$(stat -c %s "$P/rgba64.raw")" -eq $((3840 * 1784 * 8)) ] && [ "$1" -ge 65000 ] && [ "$2" -le 600 ] \
   || fail "16-bit scale: $* $(stat -c %s "$P/rgba64.raw")"
+# ... and so does the flat-field normalizer, with a white reference.
+gst-launch-1.0 -q videotestsrc num-buffers=1 pattern=white ! video/x-raw,format=RGBA,width=8,height=8 \
+  ! pngenc ! filesink location="$P/flat8.png"
+timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
+  ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
+  ! qvcudanormalize gray="$P/flat8.png" ! qvcudadownload ! video/x-raw,format=RGBA64_LE \
+  ! filesink location="$P/rgba64.raw"
+set -- $(od -An -tu2 -j $(((3 * 8 + 3) * 8)) -N 6 "$P/rgba64.raw")
+[ "$1" -ge 65000 ] && [ "$2" -le 600 ] || fail "16-bit normalize: $*"
 
 # The wall keeps its cameras' order: a red scene from an RGGB camera stays red in its tile.
 python3 -c "import sys; sys.stdout.buffer.write(bytes(255 if x % 2 == 0 and y % 2 == 0 else 0 \

@@ -30,8 +30,9 @@
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_normalize_debug);
 #define GST_CAT_DEFAULT gst_cuda_normalize_debug
 
-#define NORMALIZE_CAPS                                                                      \
-  "video/x-raw, format = (string) { RGBA }, width = (int) [ 1, max ], height = (int) [ 1, " \
+#define NORMALIZE_CAPS                                                                            \
+  "video/x-raw, format = (string) { RGBA, RGBA64_LE }, width = (int) [ 1, max ], height = (int) " \
+  "[ 1, "                                                                                         \
   "max ], framerate = (fraction) [ 0, max ]"
 
 static GstStaticPadTemplate sink_template =
@@ -170,6 +171,10 @@ static GstFlowReturn gst_cuda_normalize_transform_frame(GstBaseTransform* trans,
                           [self](Qv::CQvDeviceImage2D& xIn, Qv::CQvDeviceImage2D& xOut) {
                             if (!self->grayImage) QV_THROW("no gray reference image");
                             static_cast<Qv::CQvCudaCompNormalize*>(self->parent.comp)
-                                ->Normalize(xOut, xIn, *self->grayImage, Qv::EDataType::UByte);
+                                ->Normalize(xOut, xIn, *self->grayImage,
+                                            // 16-bit colour stays 16-bit.
+                                            xIn.GetFormat().eDataType == Qv::EDataType::UShort
+                                                ? Qv::EDataType::UShort
+                                                : Qv::EDataType::UByte);
                           });
 }
