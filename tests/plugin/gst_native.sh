@@ -110,6 +110,15 @@ rgb=$(od -An -tu1 -j $(((100 * 3840 + 100) * 4)) -N 3 "$P/rgba.raw")
 set -- $rgb
 [ "$1" -ge 200 ] && [ "$2" -le 10 ] && [ "$3" -le 10 ] || fail "wall of rggb: $rgb $(cat "$P/log")"
 
+# A 16-bit wall: tiles of 2-byte samples, 1280 of them wide; a GRBG red scene stays red.
+python3 -c "import sys; r = (b'\\0\\0\\xff\\xff' * 640, b'\\0' * 2560)
+sys.stdout.buffer.write(b''.join(r[y % 2] for y in range(1338)))" >"$P/red16w.raw"
+timeout 60 gst-launch-1.0 -q qvcudamix name=m type=videowall ! qvcudadebayer ! qvcudadownload \
+  ! video/x-raw,format=RGBA64_LE ! filesink location="$P/rgba.raw" filesrc location="$P/red16w.raw" \
+  ! rawvideoparse format=gray16-le width=1280 height=1338 ! qvcudaupload ! m. >"$P/log" 2>&1
+set -- $(od -An -tu2 -j $(((100 * 3840 + 100) * 8)) -N 6 "$P/rgba.raw")
+[ "$1" -ge 65000 ] && [ "$2" -le 600 ] && [ "$3" -le 600 ] || fail "16-bit wall: $* $(cat "$P/log")"
+
 # Flat grays near white and near black as the sensor sees them (red at 0.7 and blue at 0.88 of
 # green): the centre pixel keeps its level within 2 only where videoconvert reads full range.
 for v in 250 50; do

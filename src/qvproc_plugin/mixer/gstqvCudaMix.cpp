@@ -31,9 +31,10 @@
 GST_DEBUG_CATEGORY(gst_cudamixer2_debug);
 #define GST_CAT_DEFAULT gst_cudamixer2_debug
 
-#define MIXER_CAPS                                                                              \
-  "video/x-raw, format = (string) { GRAY8, RGBA }, width = (int) [ 1, max ], height = (int) [ " \
-  "1, max ], framerate = (fraction) [ 0, max ];video/x-bayer,format=(string){BA81,bggr,grbg,"   \
+#define MIXER_CAPS                                                                                \
+  "video/x-raw, format = (string) { GRAY8, RGBA, GRAY16_LE, RGBA64_LE }, width = (int) [ 1, max " \
+  "], height = (int) [ "                                                                          \
+  "1, max ], framerate = (fraction) [ 0, max ];video/x-bayer,format=(string){BA81,bggr,grbg,"     \
   "gbrg,rggb},width=(int)[1,MAX],height=(int)[1,MAX],framerate=(fraction)[0/1,MAX]"
 
 static GstStaticPadTemplate src_factory =

@@ -82,8 +82,15 @@ GstBuffer* AcquireOutput(GstCudaMixer2* self, SMixFrame& xFrame) {
   return pxBuffer;
 }
 
-// The device image of a wall input when it can give a whole tile; null with the reason if not.
-const Qv::CQvDeviceImage2D* TileSource(GstBuffer* pxBuffer, std::string& sReason) {
+// Bytes of a sample of the image: 2 for 16-bit data, else 1.
+uint64_t SampleBytes(const Qv::CQvDeviceImage2D& xImage) {
+  return xImage.GetFormat().eDataType == Qv::EDataType::UShort ? 2 : 1;
+}
+
+// The device image of a wall input when it can give a whole tile of uSample-byte samples; null
+// with the reason if not.
+const Qv::CQvDeviceImage2D* TileSource(GstBuffer* pxBuffer, uint64_t uSample,
+                                       std::string& sReason) {
   Qv::CQvDeviceImage2D* pxImage = NULL;
   if (gst_buffer_n_memory(pxBuffer) == 1)
     pxImage = QvDeviceImageFromMemory(gst_buffer_peek_memory(pxBuffer, 0));
@@ -98,10 +105,15 @@ const Qv::CQvDeviceImage2D* TileSource(GstBuffer* pxBuffer, std::string& sReason
     sReason = e.GetMessageText();
     return NULL;
   }
-  if (uRowBytes < static_cast<uint64_t>(kTileWidthBytes) ||
-      pxImage->GetFormat().iHeight < kTileHeight) {
+  if (SampleBytes(*pxImage) != uSample) {
     sReason = std::string("is ") + pxImage->GetFormat().ToString().ToCString() +
-              ", smaller than a tile of 1280 bytes by 1338 rows";
+              ", of another sample size than the wall's first tile";
+    return NULL;
+  }
+  if (uRowBytes < kTileWidthBytes * uSample || pxImage->GetFormat().iHeight < kTileHeight) {
+    sReason = std::string("is ") + pxImage->GetFormat().ToString().ToCString() +
+              ", smaller than a tile of " + std::to_string(kTileWidthBytes * uSample) +
+              " bytes by 1338 rows";
     return NULL;
   }
   return pxImage;
@@ -191,17 +203,20 @@ GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFr
   return GST_FLOW_OK;
 }
 
-// The wall's mosaic order: the first tile's. Tiles start on even rows and columns, so each keeps
-// its camera's order; cameras of one rig share it.
-static Qv::EPixelType::ID WallOrder(GstCudaMixer2* self) {
+// The wall's mosaic order and sample size: the first tile's. Tiles start on even rows and
+// columns, so each keeps its camera's order; cameras of one rig share it, and their depth.
+static Qv::CQvImageFormat WallFormat(GstCudaMixer2* self) {
   for (GSList* l = self->sinkpads; l; l = l->next) {
     GstBuffer* pxBuffer = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol->buffer;
-    std::string sReason;
-    const Qv::CQvDeviceImage2D* pxImage = pxBuffer ? TileSource(pxBuffer, sReason) : NULL;
-    if (pxImage && Qv::IsBayerPixelType(pxImage->GetFormat().ePixelType))
-      return pxImage->GetFormat().ePixelType;
+    Qv::CQvDeviceImage2D* pxImage =
+        pxBuffer && gst_buffer_n_memory(pxBuffer) == 1
+            ? QvDeviceImageFromMemory(gst_buffer_peek_memory(pxBuffer, 0))
+            : NULL;
+    if (pxImage && pxImage->IsValid() && Qv::IsBayerPixelType(pxImage->GetFormat().ePixelType))
+      return Qv::CQvImageFormat(kWallWidth, kWallHeight, pxImage->GetFormat().ePixelType,
+                                pxImage->GetFormat().eDataType);
   }
-  return Qv::EPixelType::BayerGR;
+  return Qv::CQvImageFormat(kWallWidth, kWallHeight, Qv::EPixelType::BayerGR, Qv::EDataType::UByte);
 }
 
 GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) {
@@ -226,8 +241,8 @@ GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) 
   std::string sError;
   try {
     if (!pxWall) QV_THROW("the wall's output buffer carries no device image");
-    pxWall->Create(
-        Qv::CQvImageFormat(kWallWidth, kWallHeight, WallOrder(self), Qv::EDataType::UByte));
+    pxWall->Create(WallFormat(self));
+    const uint64_t uSample = SampleBytes(*pxWall);
     if (!self->stream && Qv::Device::IsCuda()) self->stream = Qv::Device::CreateStream();
     auto* pWall = static_cast<uint8_t*>(pxWall->GetDevicePointer());
     const size_t uWallPitch = pxWall->GetDevicePitch();
@@ -255,7 +270,7 @@ GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) 
         continue;
       }
       std::string sReason;
-      const Qv::CQvDeviceImage2D* pxImage = TileSource(pxIn, sReason);
+      const Qv::CQvDeviceImage2D* pxImage = TileSource(pxIn, uSample, sReason);
       if (!pxImage) {
         if (!pxPad->bWarnedTile) {
           pxPad->bWarnedTile = TRUE;
@@ -270,10 +285,10 @@ GstFlowReturn gst_cudamixer2_video_wall(GstCudaMixer2* self, SMixFrame& xFrame) 
       }
       const size_t uRow = static_cast<size_t>(iTile / kTilesPerRow);
       const size_t uColumn = static_cast<size_t>(iTile % kTilesPerRow);
-      uint8_t* pDst = pWall + uRow * kTileHeight * uWallPitch + uColumn * kTileWidthBytes;
+      uint8_t* pDst = pWall + uRow * kTileHeight * uWallPitch + uColumn * kTileWidthBytes * uSample;
       Qv::Device::Copy2D(pDst, uWallPitch, pxImage->GetDevicePointer(), pxImage->GetDevicePitch(),
-                         kTileWidthBytes, kTileHeight, Qv::Device::ECopyKind::DeviceToDevice,
-                         self->stream, true);
+                         kTileWidthBytes * uSample, kTileHeight,
+                         Qv::Device::ECopyKind::DeviceToDevice, self->stream, true);
       ++iTile;
     }
     Qv::Device::SynchronizeStream(self->stream);
