@@ -89,6 +89,12 @@ timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
 set -- $(od -An -tu2 -j $(((900 * 3840 + 1900) * 8)) -N 6 "$P/rgba64.raw")
 [ "$(stat -c %s "$P/rgba64.raw")" -eq $((3840 * 1784 * 8)) ] && [ "$1" -ge 65000 ] && [ "$2" -le 600 ] \
   || fail "16-bit scale: $* $(stat -c %s "$P/rgba64.raw")"
+# ... the window shows 16-bit colour (a 16-bit normalized texture) ...
+if command -v xvfb-run >/dev/null; then
+  timeout 60 xvfb-run -a gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
+    ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
+    ! qvcudasink >"$P/log" 2>&1 || fail "16-bit window: $(cat "$P/log")"
+fi
 # ... and so does the flat-field normalizer, with a white reference.
 gst-launch-1.0 -q videotestsrc num-buffers=1 pattern=white ! video/x-raw,format=RGBA,width=8,height=8 \
   ! pngenc ! filesink location="$P/flat8.png"

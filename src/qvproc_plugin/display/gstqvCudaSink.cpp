@@ -28,9 +28,10 @@
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_sink_debug);
 #define GST_CAT_DEFAULT gst_cuda_sink_debug
 
-#define SINK_CAPS                                                                               \
-  "video/x-bayer,format=(string){BA81,bggr,grbg,gbrg,rggb},width=(int)[1,MAX],height=(int)[1,"  \
-  "MAX],framerate=(fraction)[0/1,MAX];video/x-raw, format = (string) { RGBA, GRAY8 }, width = " \
+#define SINK_CAPS                                                                                  \
+  "video/x-bayer,format=(string){BA81,bggr,grbg,gbrg,rggb},width=(int)[1,MAX],height=(int)[1,"     \
+  "MAX],framerate=(fraction)[0/1,MAX];video/x-raw, format = (string) { RGBA, GRAY8, RGBA64_LE }, " \
+  "width = "                                                                                       \
   "(int) [ 1, max ], height = (int) [ 1, max ], framerate = (fraction) [ 0, max ]"
 
 static GstStaticPadTemplate sink_template =

@@ -22,8 +22,11 @@
 GST_DEBUG_CATEGORY_STATIC(gst_cuda_yuv_debug);
 #define GST_CAT_DEFAULT gst_cuda_yuv_debug
 
-#define YUV_SINK_CAPS                                                                       \
-  "video/x-raw, format = (string) { RGBA }, width = (int) [ 1, max ], height = (int) [ 1, " \
+// 16-bit colour converts too; the stacked image then holds 16-bit samples, which the download
+// narrows to the 8 bits of I420.
+#define YUV_SINK_CAPS                                                                             \
+  "video/x-raw, format = (string) { RGBA, RGBA64_LE }, width = (int) [ 1, max ], height = (int) " \
+  "[ 1, "                                                                                         \
   "max ], framerate = (fraction) [ 0, max ]"
 // Full range, BT.601 matrix: what the conversion writes, so that a converter downstream reads
 // the levels right.
