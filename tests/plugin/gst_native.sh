@@ -95,6 +95,14 @@ if command -v xvfb-run >/dev/null; then
     ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
     ! qvcudasink >"$P/log" 2>&1 || fail "16-bit window: $(cat "$P/log")"
 fi
+# ... the JPEG sink narrows it to 8 bits and the file decodes red ...
+timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
+  ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
+  ! qvcudajpegsink location="$P/j%05d.jpg" >"$P/log" 2>&1
+gst-launch-1.0 -q filesrc location="$P/j00001.jpg" ! jpegdec ! videoconvert ! video/x-raw,format=RGB \
+  ! filesink location="$P/dec.rgb"
+set -- $(od -An -tu1 -j $(((3 * 8 + 3) * 3)) -N 3 "$P/dec.rgb")
+[ "$1" -ge 200 ] && [ "$2" -le 40 ] && [ "$3" -le 40 ] || fail "16-bit JPEG: $* $(cat "$P/log")"
 # ... and so does the flat-field normalizer, with a white reference.
 gst-launch-1.0 -q videotestsrc num-buffers=1 pattern=white ! video/x-raw,format=RGBA,width=8,height=8 \
   ! pngenc ! filesink location="$P/flat8.png"

@@ -22,6 +22,7 @@
 #include <cstring>
 #include <string>
 
+#include "QvCudaCompNormalize.h"
 #include "QvCudaCompYUV.h"
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"
@@ -37,7 +38,8 @@ GST_DEBUG_CATEGORY_STATIC(gst_cuda_jpeg_sink_debug);
 
 static GstStaticPadTemplate sink_template = GST_STATIC_PAD_TEMPLATE(
     "sink", GST_PAD_SINK, GST_PAD_ALWAYS,
-    GST_STATIC_CAPS("video/x-raw, format = (string) { RGBA }, width = (int) [ 1, max ], height = "
+    GST_STATIC_CAPS("video/x-raw, format = (string) { RGBA, RGBA64_LE }, width = (int) [ 1, max ], "
+                    "height = "
                     "(int) [ 1, max ], framerate = (fraction) [ 0, max ]"));
 
 #define DEFAULT_LOCATION "image"
@@ -354,6 +356,14 @@ static GstFlowReturn gst_cuda_jpeg_sink_render(GstBaseSink* sink, GstBuffer* buf
       }
       Qv::CQvDeviceImage2D xY, xU, xV;
       self->xBufferShim.GetMoniker(self->xNvMapped, xY, xU, xV);
+      // The platform buffer's planes are 8-bit: 16-bit colour is narrowed to 8 bits first.
+      Qv::CQvDeviceImage2D xNarrow;
+      if (xFormat.eDataType == Qv::EDataType::UShort) {
+        Qv::CQvCudaCompNormalize xNormalize;
+        xNormalize.SetStream(self->pxStream);
+        xNormalize.Normalize(xNarrow, *pxSource, Qv::EDataType::UByte);
+        pxSource = &xNarrow;
+      }
       self->pxYuvComp->SetStream(self->pxStream);
       self->pxYuvComp->Convert(xY, xU, xV, *pxSource);
       Qv::Device::SynchronizeStream(self->pxStream);
