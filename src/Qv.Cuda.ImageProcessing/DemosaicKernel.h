@@ -82,9 +82,14 @@ struct FDemosaic {
   SBayerGains xGains;
 
   QV_HD void operator()(int x, int y) const {
-    const float3 c = DemosaicPixel(BayerPhase(eBayerType, x, y), xGains, [&](int dx, int dy) {
-      return FetchPixel<S>(xSource, x + dx, y + dy).x;
-    });
+    Write(x, y, [&](int dx, int dy) { return FetchPixel<S>(xSource, x + dx, y + dy).x; });
+  }
+
+  // Demosaics pixel (x, y) from the samples P(dx, dy) gives and stores it; the host runner
+  // passes direct row reads where the diamond lies inside the mosaic.
+  template <class FSample>
+  QV_HD QV_FORCEINLINE void Write(int x, int y, const FSample& P) const {
+    const float3 c = DemosaicPixel(BayerPhase(eBayerType, x, y), xGains, P);
     StorePixel<TTarget>(xTarget, x, y, make_float4(c.x, c.y, c.z, 1.0f));
   }
 };

@@ -251,22 +251,20 @@ void LaunchDemosaic(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xT
   // the same samples the clamped texture read gives there, into the same arithmetic. The two
   // rows and columns at each edge go through the texture.
   const int w = xFormat.iWidth, h = xFormat.iHeight;
-  const SDeviceImageDesc2D xSrc = xSource.GetDesc(), xTrg = xTarget.GetDesc();
+  const SDeviceImageDesc2D xSrc = xSource.GetDesc();
   xComp.Begin(szName, xComp.GetStream());
   Device::HostParallelFor(h, w, [&](int y0, int y1) {
     for (int y = y0; y < y1; ++y) {
-      const int xInner0 = y >= 2 && y < h - 2 ? 2 : w, xInner1 = std::max(xInner0, w - 2);
-      for (int x = 0; x < std::min(xInner0, w); ++x) fnPixel(x, y);
+      // Columns [x0, x1) of an inner row are read directly, all others through the texture.
+      const bool bInnerRow = y >= 2 && y < h - 2;
+      const int x0 = bInnerRow ? std::min(2, w) : w, x1 = bInnerRow ? std::max(x0, w - 2) : w;
+      for (int x = 0; x < x0; ++x) fnPixel(x, y);
       const typename S::Element* apRow[5] = {};
-      if (xInner0 < xInner1)
+      if (x0 < x1)
         for (int k = 0; k < 5; ++k) apRow[k] = PixelPtr<S>(xSrc, 0, y - 2 + k);
-      for (int x = xInner0; x < xInner1; ++x) {
-        const float3 c = Kernel::DemosaicPixel(
-            Kernel::BayerPhase(eBayerType, x, y), xGains,
-            [&](int dx, int dy) { return ReadChannel<S>(apRow[dy + 2][x + dx]); });
-        StorePixel<TTarget>(xTrg, x, y, make_float4(c.x, c.y, c.z, 1.0f));
-      }
-      for (int x = std::max(xInner1, std::min(xInner0, w)); x < w; ++x) fnPixel(x, y);
+      for (int x = x0; x < x1; ++x)
+        fnPixel.Write(x, y, [&](int dx, int dy) { return ReadChannel<S>(apRow[dy + 2][x + dx]); });
+      for (int x = x1; x < w; ++x) fnPixel(x, y);
     }
   });
   xComp.End(szName, xComp.GetStream());

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 #include <opencv2/core/cuda.hpp>
-#include <utility>
 
 #include "QvDevice.h"
 #include "QvMessage.h"
@@ -15,60 +14,68 @@
 using Qv::EDataType;
 using Qv::EPixelType;
 
-GstCaps* defaultNegotiation(const gchar* sinkCapsText, const gchar* srcCapsText,
-                            GstPadDirection direction, GstCaps* caps, GstCaps* filter) {
-  // Caps of the source pad ask for the sink side, and the other way round.
-  GstCaps* pxResult = gst_caps_from_string(direction == GST_PAD_SRC ? sinkCapsText : srcCapsText);
-  if (!pxResult) return gst_caps_new_empty();
-  if (caps && gst_caps_get_size(caps) > 0 && gst_caps_get_size(pxResult) > 0) {
-    const GstStructure* pxIn = gst_caps_get_structure(caps, 0);
-    GstStructure* pxOut = gst_caps_get_structure(pxResult, 0);
-    for (const char* szField : {"width", "height", "framerate"}) {
-      const GValue* pxValue = gst_structure_get_value(pxIn, szField);
-      if (pxValue) gst_structure_set_value(pxOut, szField, pxValue);
-    }
+// Width, height and rate of pxIn, where it has them, into pxOut.
+static void CopySizeAndRate(const GstStructure* pxIn, GstStructure* pxOut) {
+  for (const char* szField : {"width", "height", "framerate"}) {
+    const GValue* pxValue = gst_structure_get_value(pxIn, szField);
+    if (pxValue) gst_structure_set_value(pxOut, szField, pxValue);
   }
+}
+
+// pxResult as the filter allows it (taken).
+static GstCaps* Filtered(GstCaps* pxResult, GstCaps* filter) {
   if (!filter) return pxResult;
   GstCaps* pxFiltered = gst_caps_intersect_full(filter, pxResult, GST_CAPS_INTERSECT_FIRST);
   gst_caps_unref(pxResult);
   return pxFiltered;
 }
 
+GstCaps* defaultNegotiation(const gchar* sinkCapsText, const gchar* srcCapsText,
+                            GstPadDirection direction, GstCaps* caps, GstCaps* filter) {
+  // Caps of the source pad ask for the sink side, and the other way round.
+  GstCaps* pxResult = gst_caps_from_string(direction == GST_PAD_SRC ? sinkCapsText : srcCapsText);
+  if (!pxResult) return gst_caps_new_empty();
+  if (caps && gst_caps_get_size(caps) > 0 && gst_caps_get_size(pxResult) > 0)
+    CopySizeAndRate(gst_caps_get_structure(caps, 0), gst_caps_get_structure(pxResult, 0));
+  return Filtered(pxResult, filter);
+}
+
 GstCaps* DepthNegotiation(const SDepthCaps& xSink, const SDepthCaps& xSrc,
                           GstPadDirection direction, GstCaps* caps, GstCaps* filter) {
   const SDepthCaps& xThis = direction == GST_PAD_SINK ? xSink : xSrc;
   const SDepthCaps& xOther = direction == GST_PAD_SINK ? xSrc : xSink;
-  const GstStructure* pxIn =
-      caps && gst_caps_get_size(caps) > 0 ? gst_caps_get_structure(caps, 0) : NULL;
-  const std::pair<const gchar*, const gchar*> axDepths[] = {{xThis.sz8, xOther.sz8},
-                                                            {xThis.sz16, xOther.sz16}};
+  const gchar* const aszThis[] = {xThis.sz8, xThis.sz16};
+  const gchar* const aszOther[] = {xOther.sz8, xOther.sz16};
   bool abMay[2] = {false, false};
-  for (int i = 0; i < 2; ++i) {
-    GstCaps* pxThis = gst_caps_from_string(axDepths[i].first);
-    abMay[i] = pxThis && caps && gst_caps_can_intersect(caps, pxThis);
+  for (int d = 0; d < 2; ++d) {
+    GstCaps* pxThis = gst_caps_from_string(aszThis[d]);
+    abMay[d] = pxThis && caps && gst_caps_can_intersect(caps, pxThis);
     if (pxThis) gst_caps_unref(pxThis);
   }
   // Caps of neither depth (an empty answer while downstream renegotiates) constrain nothing,
   // as a plain template answer would.
   if (!abMay[0] && !abMay[1]) abMay[0] = abMay[1] = true;
+  const GstStructure* pxIn =
+      caps && gst_caps_get_size(caps) > 0 ? gst_caps_get_structure(caps, 0) : NULL;
   GstCaps* pxResult = gst_caps_new_empty();
   for (int d = 0; d < 2; ++d) {
-    const auto& xDepth = axDepths[d];
-    const bool bMay = abMay[d];
-    GstCaps* pxOther = bMay ? gst_caps_from_string(xDepth.second) : NULL;
+    GstCaps* pxOther = abMay[d] ? gst_caps_from_string(aszOther[d]) : NULL;
     if (!pxOther) continue;
     pxOther = gst_caps_make_writable(pxOther);
     for (guint i = 0; pxIn && i < gst_caps_get_size(pxOther); ++i)
-      for (const char* szField : {"width", "height", "framerate"}) {
-        const GValue* pxValue = gst_structure_get_value(pxIn, szField);
-        if (pxValue) gst_structure_set_value(gst_caps_get_structure(pxOther, i), szField, pxValue);
-      }
+      CopySizeAndRate(pxIn, gst_caps_get_structure(pxOther, i));
     gst_caps_append(pxResult, pxOther);
   }
-  if (!filter) return pxResult;
-  GstCaps* pxFiltered = gst_caps_intersect_full(filter, pxResult, GST_CAPS_INTERSECT_FIRST);
-  gst_caps_unref(pxResult);
-  return pxFiltered;
+  return Filtered(pxResult, filter);
+}
+
+gint QvCapsSampleDepth(const GstStructure* pxStructure) {
+  const gchar* szFormat = gst_structure_get_string(pxStructure, "format");
+  if (!szFormat) return 8;
+  if (g_strcmp0(szFormat, "GRAY16_LE") == 0) return 16;
+  if (strlen(szFormat) == 8 && g_str_has_suffix(szFormat, "le"))
+    return static_cast<gint>(g_ascii_strtoll(szFormat + 4, NULL, 10));
+  return 8;
 }
 
 GstFlowReturn PrepareOutputBufferCuda(GstBaseTransform* trans, GstBuffer* /*inbuf*/,

@@ -26,6 +26,9 @@ struct SDepthCaps {
 // depth on the other side, with caps' size and rate; so 8-bit input never gives 16-bit output.
 GstCaps* DepthNegotiation(const SDepthCaps& xSink, const SDepthCaps& xSrc,
                           GstPadDirection direction, GstCaps* caps, GstCaps* filter);
+// Significant bits of a sample of raw camera caps: 16 for GRAY16_LE, 10 to 16 for the bayer
+// formats of 16-bit words ("grbg12le"), else 8.
+gint QvCapsSampleDepth(const GstStructure* pxStructure);
 GstFlowReturn PrepareOutputBufferCuda(GstBaseTransform* trans, GstBuffer* inbuf,
                                       GstBuffer** outbuf);
 void CopyMetData(GstBuffer* outbuf, GstBuffer* inbuf);

@@ -3,8 +3,6 @@
 #include <gst/video/gstvideopool.h>
 #include <gst/video/video.h>
 
-#include <cstring>
-
 #include "QvDevice.h"
 #include "QvException.h"
 #include "common/gstUtil.h"
@@ -109,9 +107,7 @@ gboolean ProposeAllocation(GstBaseTransform* trans, GstQuery* /*decideQuery*/, G
     if (uSize == 0) {
       // Bayer caps have no size of GStreamer's: packed rows, of 16-bit words for the 10 to
       // 16-bit formats ("grbg12le").
-      const gchar* szFormat = gst_structure_get_string(gst_caps_get_structure(pxCaps, 0), "format");
-      const guint64 uSample =
-          szFormat && strlen(szFormat) == 8 && g_str_has_suffix(szFormat, "le") ? 2 : 1;
+      const guint64 uSample = QvCapsSampleDepth(gst_caps_get_structure(pxCaps, 0)) > 8 ? 2 : 1;
       uSize = static_cast<guint64>(xInfo.width) * static_cast<guint64>(xInfo.height) * uSample;
     }
     if (uSize > G_MAXUINT) QV_THROW("frame too large for a buffer pool");

@@ -87,14 +87,21 @@ uint64_t SampleBytes(const Qv::CQvDeviceImage2D& xImage) {
   return xImage.GetFormat().eDataType == Qv::EDataType::UShort ? 2 : 1;
 }
 
+// The valid device image that a buffer of one memory carries, or null.
+const Qv::CQvDeviceImage2D* ImageOfBuffer(GstBuffer* pxBuffer) {
+  const Qv::CQvDeviceImage2D* pxImage =
+      pxBuffer && gst_buffer_n_memory(pxBuffer) == 1
+          ? QvDeviceImageFromMemory(gst_buffer_peek_memory(pxBuffer, 0))
+          : NULL;
+  return pxImage && pxImage->IsValid() ? pxImage : NULL;
+}
+
 // The device image of a wall input when it can give a whole tile of uSample-byte samples; null
 // with the reason if not.
 const Qv::CQvDeviceImage2D* TileSource(GstBuffer* pxBuffer, uint64_t uSample,
                                        std::string& sReason) {
-  Qv::CQvDeviceImage2D* pxImage = NULL;
-  if (gst_buffer_n_memory(pxBuffer) == 1)
-    pxImage = QvDeviceImageFromMemory(gst_buffer_peek_memory(pxBuffer, 0));
-  if (!pxImage || !pxImage->IsValid()) {
+  const Qv::CQvDeviceImage2D* pxImage = ImageOfBuffer(pxBuffer);
+  if (!pxImage) {
     sReason = "carries no device image";
     return NULL;
   }
@@ -207,12 +214,9 @@ GstFlowReturn gst_cudamixer2_camera_selector(GstCudaMixer2* self, SMixFrame& xFr
 // columns, so each keeps its camera's order; cameras of one rig share it, and their depth.
 static Qv::CQvImageFormat WallFormat(GstCudaMixer2* self) {
   for (GSList* l = self->sinkpads; l; l = l->next) {
-    GstBuffer* pxBuffer = static_cast<GstCudaMixer2Pad*>(l->data)->mixcol->buffer;
-    Qv::CQvDeviceImage2D* pxImage =
-        pxBuffer && gst_buffer_n_memory(pxBuffer) == 1
-            ? QvDeviceImageFromMemory(gst_buffer_peek_memory(pxBuffer, 0))
-            : NULL;
-    if (pxImage && pxImage->IsValid() && Qv::IsBayerPixelType(pxImage->GetFormat().ePixelType))
+    const Qv::CQvDeviceImage2D* pxImage =
+        ImageOfBuffer(static_cast<GstCudaMixer2Pad*>(l->data)->mixcol->buffer);
+    if (pxImage && Qv::IsBayerPixelType(pxImage->GetFormat().ePixelType))
       return Qv::CQvImageFormat(kWallWidth, kWallHeight, pxImage->GetFormat().ePixelType,
                                 pxImage->GetFormat().eDataType);
   }

@@ -14,7 +14,6 @@
 
 #include <gst/video/video.h>
 
-#include <cstring>
 #include <vector>
 
 #include "QvDevice.h"
@@ -95,16 +94,6 @@ static gint CapsOrder(const gchar* szFormat) {
   return ORDER_GRBG;
 }
 
-// Significant bits of a sample of these caps: 8, or 10 to 16 in a 16-bit word.
-static gint CapsDepth(const GstStructure* pxStructure) {
-  const gchar* szFormat = gst_structure_get_string(pxStructure, "format");
-  if (!szFormat) return 8;
-  if (g_strcmp0(szFormat, "GRAY16_LE") == 0) return 16;
-  if (strlen(szFormat) == 8 && g_str_has_suffix(szFormat, "le"))
-    return static_cast<gint>(g_ascii_strtoll(szFormat + 4, NULL, 10));
-  return 8;
-}
-
 static void gst_cuda_upload_set_property(GObject* object, guint prop_id, const GValue* value,
                                          GParamSpec* pspec) {
   GstQvCudaUpload* self = GST_CUDA_UPLOAD(object);
@@ -177,7 +166,7 @@ static gboolean gst_cuda_upload_set_caps(GstBaseTransform* trans, GstCaps* incap
   gst_structure_get_int(pxStructure, "width", &self->width);
   gst_structure_get_int(pxStructure, "height", &self->height);
   self->iCapsStride = 0;
-  self->iDepth = CapsDepth(pxStructure);
+  self->iDepth = QvCapsSampleDepth(pxStructure);
   const gint eOrder = g_atomic_int_get(&self->eOrder);
   gint eUsed = eOrder == ORDER_CAPS ? ORDER_GRBG : eOrder;
   if (gst_structure_has_name(pxStructure, "video/x-raw")) {
