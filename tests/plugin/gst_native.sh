@@ -53,6 +53,9 @@ wall videowall 640 480 && fail "the wall went out at 640x480"
 grep -q "Downstream cannot take the video wall's size of 3840x2676" "$P/log" \
   || fail "no negotiation error for the wall: $(cat "$P/log")"
 
+# The first three channels of pixel N of a frame of C channels of B bytes each, as numbers.
+px() { od -An -tu"$3" -j $(($2 * $3 * $4)) -N $((3 * $3)) "$1" | xargs; }
+
 # bayer-order: a scene that is full at the red sites of each order and 0 elsewhere comes out
 # exactly (255, 0, 0) inside the image when upload reads it in that order, named by the
 # property or taken from the caps (the filter's other terms cancel; red clamps after its gain).
@@ -64,9 +67,8 @@ sys.stdout.buffer.write(bytes(255 if (x % 2, y % 2) == r else 0 for y in range(8
     timeout 60 gst-launch-1.0 -q filesrc location="$P/red.raw" blocksize=64 \
       ! video/x-bayer,format=$o,width=8,height=8,framerate=30/1 ! qvcudaupload bayer-order=$p \
       ! qvcudadebayer ! qvcudadownload ! filesink location="$P/rgba.raw" >"$P/log" 2>&1
-    rgb=$(od -An -tu1 -j $(((3 * 8 + 3) * 4)) -N 3 "$P/rgba.raw")
-    set -- $rgb
-    [ "$1 $2 $3" = "255 0 0" ] || fail "$o read as $p: $rgb $(cat "$P/log")"
+    rgb=$(px "$P/rgba.raw" $((3 * 8 + 3)) 1 4)
+    [ "$rgb" = "255 0 0" ] || fail "$o read as $p: $rgb $(cat "$P/log")"
   done
 done
 
@@ -79,20 +81,23 @@ for caps in "video/x-bayer,format=grbg10le 1023" "video/x-raw,format=GRAY16_LE 6
   timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
     ! "$1,width=8,height=8,framerate=30/1" ! qvcudaupload ! qvcudadebayer ! qvcudadownload \
     ! video/x-raw,format=RGBA64_LE ! filesink location="$P/rgba64.raw" >"$P/log" 2>&1
-  rgb=$(od -An -tu2 -j $(((3 * 8 + 3) * 8)) -N 6 "$P/rgba64.raw")
-  set -- $rgb
-  [ "$1 $2 $3" = "65535 0 0" ] || fail "$caps: $rgb $(cat "$P/log")"
+  rgb=$(px "$P/rgba64.raw" $((3 * 8 + 3)) 2 4)
+  [ "$rgb" = "65535 0 0" ] || fail "$caps: $rgb $(cat "$P/log")"
 done
+# The last scene (GRAY16_LE, 65535 at the red sites) demosaiced, on through the elements given.
+red16() {
+  timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
+    ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload \
+    ! qvcudadebayer ! "$@" >"$P/log" 2>&1
+}
 # ... odd sizes too: GStreamer's GRAY16_LE rows of 7 samples are padded to 16 bytes.
 timeout 60 gst-launch-1.0 -q videotestsrc num-buffers=2 ! video/x-raw,format=GRAY16_LE,width=7,height=5 \
   ! qvcudaupload ! qvcudadebayer ! qvcudadownload ! video/x-raw,format=RGBA64_LE \
   ! filesink location="$P/odd.raw" >"$P/log" 2>&1 && [ "$(stat -c %s "$P/odd.raw")" -eq 560 ] \
   || fail "16-bit 7x5: $(cat "$P/log")"
-# ... and the scale keeps the 16 bits: 3840x1784 RGBA64_LE, still red.
-timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
-  ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
-  ! qvcudascale ! qvcudadownload ! video/x-raw,format=RGBA64_LE ! filesink location="$P/rgba64.raw"
-set -- $(od -An -tu2 -j $(((900 * 3840 + 1900) * 8)) -N 6 "$P/rgba64.raw")
+# ... the scale keeps the 16 bits: 3840x1784 RGBA64_LE, still red ...
+red16 qvcudascale ! qvcudadownload ! video/x-raw,format=RGBA64_LE ! filesink location="$P/rgba64.raw"
+set -- $(px "$P/rgba64.raw" $((900 * 3840 + 1900)) 2 4)
 [ "$(stat -c %s "$P/rgba64.raw")" -eq $((3840 * 1784 * 8)) ] && [ "$1 $2" = "65535 0" ] \
   || fail "16-bit scale: $* $(stat -c %s "$P/rgba64.raw")"
 # ... the window shows 16-bit colour (a 16-bit normalized texture) ...
@@ -102,21 +107,17 @@ if command -v xvfb-run >/dev/null; then
     ! qvcudasink >"$P/log" 2>&1 || fail "16-bit window: $(cat "$P/log")"
 fi
 # ... the JPEG sink narrows it to 8 bits and the file decodes red ...
-timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
-  ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
-  ! qvcudajpegsink location="$P/j%05d.jpg" >"$P/log" 2>&1
+red16 qvcudajpegsink location="$P/j%05d.jpg"
 gst-launch-1.0 -q filesrc location="$P/j00001.jpg" ! jpegdec ! videoconvert ! video/x-raw,format=RGB \
   ! filesink location="$P/dec.rgb"
-set -- $(od -An -tu1 -j $(((3 * 8 + 3) * 3)) -N 3 "$P/dec.rgb")
+set -- $(px "$P/dec.rgb" $((3 * 8 + 3)) 1 3)
 [ "$1" -ge 200 ] && [ "$2" -le 40 ] && [ "$3" -le 40 ] || fail "16-bit JPEG: $* $(cat "$P/log")"
 # ... and so does the flat-field normalizer, with a white reference.
 gst-launch-1.0 -q videotestsrc num-buffers=1 pattern=white ! video/x-raw,format=RGBA,width=8,height=8 \
   ! pngenc ! filesink location="$P/flat8.png"
-timeout 60 gst-launch-1.0 -q filesrc location="$P/red16.raw" blocksize=128 \
-  ! video/x-raw,format=GRAY16_LE,width=8,height=8,framerate=30/1 ! qvcudaupload ! qvcudadebayer \
-  ! qvcudanormalize gray="$P/flat8.png" ! qvcudadownload ! video/x-raw,format=RGBA64_LE \
+red16 qvcudanormalize gray="$P/flat8.png" ! qvcudadownload ! video/x-raw,format=RGBA64_LE \
   ! filesink location="$P/rgba64.raw"
-set -- $(od -An -tu2 -j $(((3 * 8 + 3) * 8)) -N 6 "$P/rgba64.raw")
+set -- $(px "$P/rgba64.raw" $((3 * 8 + 3)) 2 4)
 [ "$1 $2" = "65535 0" ] || fail "16-bit normalize: $*"
 
 # The wall keeps its cameras' order: a red scene from an RGGB camera stays red in its tile.
@@ -126,9 +127,8 @@ timeout 60 gst-launch-1.0 -q qvcudamix name=m type=videowall ! qvcudadebayer ! q
   ! filesink location="$P/rgba.raw" filesrc location="$P/red.raw" \
   ! rawvideoparse format=gray8 width=1280 height=1338 ! qvcudaupload bayer-order=rggb ! m. \
   >"$P/log" 2>&1
-rgb=$(od -An -tu1 -j $(((100 * 3840 + 100) * 4)) -N 3 "$P/rgba.raw")
-set -- $rgb
-[ "$1 $2 $3" = "255 0 0" ] || fail "wall of rggb: $rgb $(cat "$P/log")"
+rgb=$(px "$P/rgba.raw" $((100 * 3840 + 100)) 1 4)
+[ "$rgb" = "255 0 0" ] || fail "wall of rggb: $rgb $(cat "$P/log")"
 
 # A 16-bit wall: tiles of 2-byte samples, 1280 of them wide; a GRBG red scene stays red.
 python3 -c "import sys; r = (b'\\0\\0\\xff\\xff' * 640, b'\\0' * 2560)
@@ -136,8 +136,8 @@ sys.stdout.buffer.write(b''.join(r[y % 2] for y in range(1338)))" >"$P/red16w.ra
 timeout 60 gst-launch-1.0 -q qvcudamix name=m type=videowall ! qvcudadebayer ! qvcudadownload \
   ! video/x-raw,format=RGBA64_LE ! filesink location="$P/rgba.raw" filesrc location="$P/red16w.raw" \
   ! rawvideoparse format=gray16-le width=1280 height=1338 ! qvcudaupload ! m. >"$P/log" 2>&1
-set -- $(od -An -tu2 -j $(((100 * 3840 + 100) * 8)) -N 6 "$P/rgba.raw")
-[ "$1 $2 $3" = "65535 0 0" ] || fail "16-bit wall: $* $(cat "$P/log")"
+rgb=$(px "$P/rgba.raw" $((100 * 3840 + 100)) 2 4)
+[ "$rgb" = "65535 0 0" ] || fail "16-bit wall: $rgb $(cat "$P/log")"
 
 # Flat grays near white and near black as the sensor sees them (red at 0.7 and blue at 0.88 of
 # green): the centre pixel keeps its level within 2 only where videoconvert reads full range.
