@@ -72,7 +72,8 @@ QV_HD QV_FORCEINLINE float3 DemosaicPixel(int iPhase, const SBayerGains& xGains,
   return make_float3(r, g, b);
 }
 
-// One pixel per call, reading through the texture: the host backend's runner.
+// One pixel per call, reading through the texture: for device images the tiled kernel cannot
+// take.
 // TTarget is RGBA_uc or RGBA_us; S the one-channel class the mosaic is read as.
 template <class TTarget, class S>
 struct FDemosaic {
@@ -82,17 +83,18 @@ struct FDemosaic {
   SBayerGains xGains;
 
   QV_HD void operator()(int x, int y) const {
-    Write(x, y, [&](int dx, int dy) { return FetchPixel<S>(xSource, x + dx, y + dy).x; });
-  }
-
-  // Demosaics pixel (x, y) from the samples P(dx, dy) gives and stores it; the host runner
-  // passes direct row reads where the diamond lies inside the mosaic.
-  template <class FSample>
-  QV_HD QV_FORCEINLINE void Write(int x, int y, const FSample& P) const {
-    const float3 c = DemosaicPixel(BayerPhase(eBayerType, x, y), xGains, P);
+    const float3 c = DemosaicPixel(BayerPhase(eBayerType, x, y), xGains, [&](int dx, int dy) {
+      return FetchPixel<S>(xSource, x + dx, y + dy).x;
+    });
     StorePixel<TTarget>(xTarget, x, y, make_float4(c.x, c.y, c.z, 1.0f));
   }
 };
+
+// The host backend's demosaic of target rows [y0, y1), bit for bit FDemosaic's; defined for
+// RGBA_uc from L_uc and RGBA_us from L_us.
+template <class TTarget, class S>
+void HostDemosaicRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource,
+                      int32_t eBayerType, const SBayerGains& xGains, int y0, int y1);
 
 }  // namespace Kernel
 }  // namespace Qv

@@ -238,34 +238,19 @@ void LaunchDemosaic(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xT
     xComp.End(szName, xComp.GetStream());
     return;
   }
-  // The host backend, and images that do not allow the tile's vector accesses: one pixel a
-  // thread through the texture.
-  CTextureBinding xBinding(xSource, false, false, cudaAddressModeClamp);
-  const Kernel::FDemosaic<TTarget, S> fnPixel{xTarget.GetDesc(), xBinding.Get(), eBayerType,
-                                              xGains};
   if (Device::IsCuda()) {
+    // Images that do not allow the tile's vector accesses: one pixel a thread, through the
+    // texture.
+    CTextureBinding xBinding(xSource, false, false, cudaAddressModeClamp);
+    const Kernel::FDemosaic<TTarget, S> fnPixel{xTarget.GetDesc(), xBinding.Get(), eBayerType,
+                                                xGains};
     LaunchPerPixel(xComp, szName, xFormat.iWidth, xFormat.iHeight, fnPixel);
     return;
   }
-  // On the host, a pixel whose whole diamond lies inside the mosaic reads the rows directly:
-  // the same samples the clamped texture read gives there, into the same arithmetic. The two
-  // rows and columns at each edge go through the texture.
-  const int w = xFormat.iWidth, h = xFormat.iHeight;
-  const SDeviceImageDesc2D xSrc = xSource.GetDesc();
+  const SDeviceImageDesc2D xTrg = xTarget.GetDesc(), xSrc = xSource.GetDesc();
   xComp.Begin(szName, xComp.GetStream());
-  Device::HostParallelFor(h, w, [&](int y0, int y1) {
-    for (int y = y0; y < y1; ++y) {
-      // Columns [x0, x1) of an inner row are read directly, all others through the texture.
-      const bool bInnerRow = y >= 2 && y < h - 2;
-      const int x0 = bInnerRow ? std::min(2, w) : w, x1 = bInnerRow ? std::max(x0, w - 2) : w;
-      for (int x = 0; x < x0; ++x) fnPixel(x, y);
-      const typename S::Element* apRow[5] = {};
-      if (x0 < x1)
-        for (int k = 0; k < 5; ++k) apRow[k] = PixelPtr<S>(xSrc, 0, y - 2 + k);
-      for (int x = x0; x < x1; ++x)
-        fnPixel.Write(x, y, [&](int dx, int dy) { return ReadChannel<S>(apRow[dy + 2][x + dx]); });
-      for (int x = x1; x < w; ++x) fnPixel(x, y);
-    }
+  Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth, [&](int y0, int y1) {
+    Kernel::HostDemosaicRows<TTarget, S>(xTrg, xSrc, eBayerType, xGains, y0, y1);
   });
   xComp.End(szName, xComp.GetStream());
 }

@@ -57,24 +57,30 @@ QV_HD QV_FORCEINLINE float ReadChannel(typename T::Element v) {
   }
 }
 
+// The host's store before the truncation: v * M clamped to [0, M]. fminf(fM, s) and
+// fmaxf(s, 0) as comparisons, which stay inline and vectorise: a NaN becomes fM, as fminf
+// makes it. Host row runners that pack channels themselves truncate this.
+template <class T>
+QV_FORCEINLINE float HostClampStoreScaled(float v) {
+  const float fM = T::fStoreScale;
+  float s = v * fM;
+  s = s < fM ? s : fM;
+  return s > 0.0f ? s : 0.0f;
+}
+
 template <class T>
 QV_HD QV_FORCEINLINE typename T::Element StoreChannel(float v) {
   if constexpr (T::bIsFloat) {
     return v;
   } else {
-    const float fM = T::fStoreScale;
-    float s = v * fM;
 #if defined(__CUDA_ARCH__)
-    s = fminf(fM, s);
+    const float fM = T::fStoreScale;
+    const float s = fminf(fM, v * fM);
     // The device's conversion to unsigned truncates and takes everything below zero to 0,
     // which is what the max with 0 and the truncation do together.
     return static_cast<typename T::Element>(__float2uint_rz(s));
 #else
-    // fminf(fM, s) and fmaxf(s, 0) as comparisons, which stay inline: a NaN becomes fM, as
-    // fminf makes it.
-    s = s < fM ? s : fM;
-    s = s > 0.0f ? s : 0.0f;
-    return static_cast<typename T::Element>(s);
+    return static_cast<typename T::Element>(HostClampStoreScaled<T>(v));
 #endif
   }
 }

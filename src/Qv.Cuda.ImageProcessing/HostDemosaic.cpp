@@ -1,0 +1,139 @@
+// The host backend's demosaic, row by row. Each source row is read once into normalized
+// floats with its edge repeated two samples out on both sides (what the clamped texture read
+// gives there), split into its even and odd columns. The pixels of a row then run as one loop
+// over pixel pairs, the two phases of the row known at compile time and every sample a plain
+// array read, which the compiler vectorises. The arithmetic is DemosaicPixel's, operation for
+// operation, so the bytes are those of the device and of the per-pixel path.
+#include <cstring>
+#include <vector>
+
+#include "DemosaicKernel.h"
+
+namespace Qv {
+namespace Kernel {
+namespace {
+
+// One source row: normalized samples at padded columns p = x + 2, split by the parity of p.
+struct SSplitRow {
+  std::vector<float> afEven, afOdd;
+};
+
+template <class S>
+void ReadSplitRow(const SDeviceImageDesc2D& xSource, int iRow, std::vector<float>& afLine,
+                  SSplitRow& xRow) {
+  const int w = xSource.xFormat.iWidth, h = xSource.xFormat.iHeight;
+  const typename S::Element* pRow =
+      PixelPtr<S>(xSource, 0, iRow < 0 ? 0 : (iRow >= h ? h - 1 : iRow));
+  float* pLine = afLine.data();
+  for (int x = 0; x < w; ++x) pLine[x + 2] = ReadChannel<S>(pRow[x]);
+  const int iPadded = static_cast<int>(afLine.size());
+  pLine[0] = pLine[1] = pLine[2];
+  for (int p = w + 2; p < iPadded; ++p) pLine[p] = pLine[w + 1];
+  float* pEven = xRow.afEven.data();
+  float* pOdd = xRow.afOdd.data();
+  for (int j = 0; j < iPadded / 2; ++j) {
+    pEven[j] = pLine[2 * j];
+    pOdd[j] = pLine[2 * j + 1];
+  }
+}
+
+// StoreChannel's value of v, as a word to pack.
+template <class TTarget>
+QV_FORCEINLINE uint32_t Channel(float v) {
+  return static_cast<uint32_t>(static_cast<int32_t>(HostClampStoreScaled<TTarget>(v)));
+}
+
+// Stores pixel c with alpha uAlpha at p, packed into 32-bit words: one word for 8-bit
+// channels, two for 16-bit ones. Target rows need not be aligned for the words.
+template <class TTarget>
+QV_FORCEINLINE void StorePacked(typename TTarget::Element* p, float3 c, uint32_t uAlpha) {
+  constexpr int iBits = 8 * sizeof(typename TTarget::Element);
+  const uint32_t r = Channel<TTarget>(c.x), g = Channel<TTarget>(c.y), b = Channel<TTarget>(c.z);
+  if constexpr (iBits == 8) {
+    const uint32_t w = r | g << 8 | b << 16 | uAlpha << 24;
+    std::memcpy(p, &w, 4);
+  } else {
+    const uint32_t w0 = r | g << 16, w1 = b | uAlpha << 16;
+    std::memcpy(p, &w0, 4);
+    std::memcpy(p + 2, &w1, 4);
+  }
+}
+
+// Pixel pairs [0, iPairs) of one output row; with bTail also the even pixel after them.
+// iPhaseEven and iPhaseOdd are the phases of the row's even and odd columns.
+template <class TTarget, int iPhaseEven, int iPhaseOdd>
+void DemosaicRow(typename TTarget::Element* __restrict pOut, const SSplitRow* const (&apRows)[5],
+                 const SBayerGains& xGains, int iPairs, bool bTail) {
+  // Sample (dx, dy) of pair i's even pixel is at padded column 2 i + 2 + dx of row dy, that of
+  // its odd pixel at 2 i + 3 + dx.
+  auto Sample = [&](int iParity, int dx, int dy, int i) {
+    const int m = iParity + 2 + dx;
+    const SSplitRow& xRow = *apRows[dy + 2];
+    return (m & 1) ? xRow.afOdd.data()[i + (m - 1) / 2] : xRow.afEven.data()[i + m / 2];
+  };
+  const uint32_t uAlpha = Channel<TTarget>(1.0f);
+#pragma GCC ivdep
+  for (int i = 0; i < iPairs; ++i) {
+    const float3 a =
+        DemosaicPixel(iPhaseEven, xGains, [&](int dx, int dy) { return Sample(0, dx, dy, i); });
+    const float3 b =
+        DemosaicPixel(iPhaseOdd, xGains, [&](int dx, int dy) { return Sample(1, dx, dy, i); });
+    StorePacked<TTarget>(pOut + 8 * i, a, uAlpha);
+    StorePacked<TTarget>(pOut + 8 * i + 4, b, uAlpha);
+  }
+  if (bTail) {
+    const float3 a = DemosaicPixel(iPhaseEven, xGains,
+                                   [&](int dx, int dy) { return Sample(0, dx, dy, iPairs); });
+    StorePacked<TTarget>(pOut + 8 * iPairs, a, uAlpha);
+  }
+}
+
+}  // namespace
+
+template <class TTarget, class S>
+void HostDemosaicRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource,
+                      int32_t eBayerType, const SBayerGains& xGains, int y0, int y1) {
+  const int w = xSource.xFormat.iWidth;
+  const int iPairs = w / 2;
+  // Pair i reads padded columns up to 2 i + 5, and a tail pixel up to 2 iPairs + 4.
+  const int iPadded = 2 * (iPairs + 3);
+  std::vector<float> afLine(static_cast<size_t>(iPadded));
+  SSplitRow axRing[5];
+  for (SSplitRow& x : axRing) {
+    x.afEven.resize(static_cast<size_t>(iPadded / 2));
+    x.afOdd.resize(static_cast<size_t>(iPadded / 2));
+  }
+  // Source row r sits in slot r mod 5; rows above and below the mosaic repeat its edge rows.
+  auto Slot = [](int r) { return ((r % 5) + 5) % 5; };
+  for (int r = y0 - 2; r < y0 + 2; ++r) ReadSplitRow<S>(xSource, r, afLine, axRing[Slot(r)]);
+  for (int y = y0; y < y1; ++y) {
+    ReadSplitRow<S>(xSource, y + 2, afLine, axRing[Slot(y + 2)]);
+    const SSplitRow* const apRows[5] = {&axRing[Slot(y - 2)], &axRing[Slot(y - 1)],
+                                        &axRing[Slot(y)], &axRing[Slot(y + 1)],
+                                        &axRing[Slot(y + 2)]};
+    typename TTarget::Element* pOut = PixelPtr<TTarget>(xTarget, 0, y);
+    const bool bTail = (w & 1) != 0;
+    switch (BayerPhase(eBayerType, 0, y)) {
+      case 0:
+        DemosaicRow<TTarget, 0, 1>(pOut, apRows, xGains, iPairs, bTail);
+        break;
+      case 1:
+        DemosaicRow<TTarget, 1, 0>(pOut, apRows, xGains, iPairs, bTail);
+        break;
+      case 2:
+        DemosaicRow<TTarget, 2, 3>(pOut, apRows, xGains, iPairs, bTail);
+        break;
+      default:
+        DemosaicRow<TTarget, 3, 2>(pOut, apRows, xGains, iPairs, bTail);
+        break;
+    }
+  }
+}
+
+template void HostDemosaicRows<RGBA_uc, L_uc>(const SDeviceImageDesc2D&, const SDeviceImageDesc2D&,
+                                              int32_t, const SBayerGains&, int, int);
+template void HostDemosaicRows<RGBA_us, L_us>(const SDeviceImageDesc2D&, const SDeviceImageDesc2D&,
+                                              int32_t, const SBayerGains&, int, int);
+
+}  // namespace Kernel
+}  // namespace Qv
