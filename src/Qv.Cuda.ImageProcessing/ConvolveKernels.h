@@ -40,21 +40,28 @@ struct FShrink {
         fy(static_cast<float>(xSrcFormat_.iHeight) / static_cast<float>(xTarget_.xFormat.iHeight)) {
   }
 
+  // The samples of a target pixel along x and along y: one, or (fx + 1) x (fy + 1) where a
+  // reduction by exactly two averages 3 x 3.
+  QV_HD QV_FORCEINLINE int SamplesX() const { return bSingleSample ? 1 : static_cast<int>(fx) + 1; }
+  QV_HD QV_FORCEINLINE int SamplesY() const { return bSingleSample ? 1 : static_cast<int>(fy) + 1; }
+  // Texture coordinates of sample i along x of target column x, and of sample j along y.
+  QV_HD QV_FORCEINLINE float SampleX(int x, int i) const {
+    return static_cast<float>(x) * fx + static_cast<float>(i) + 0.5f;
+  }
+  QV_HD QV_FORCEINLINE float SampleY(int y, int j) const {
+    return static_cast<float>(y) * fy + static_cast<float>(j) + 0.5f;
+  }
+
   QV_HD void operator()(int x, int y) const {
-    const float sx = static_cast<float>(x) * fx;
-    const float sy = static_cast<float>(y) * fy;
     float4 v;
     if (bSingleSample) {
-      v = Fetch<T>(xSource, sx + 0.5f, sy + 0.5f);
+      v = Fetch<T>(xSource, SampleX(x, 0), SampleY(y, 0));
     } else {
-      // (nx + 1) x (ny + 1) samples: a reduction by exactly two averages 3 x 3.
-      const int nx = static_cast<int>(fx), ny = static_cast<int>(fy);
       float4 s = make_float4(0.0f, 0.0f, 0.0f, 0.0f);
       float fCount = 0.0f;
-      for (int i = 0; i <= nx; ++i) {
-        for (int j = 0; j <= ny; ++j) {
-          const float4 t = Fetch<T>(xSource, sx + static_cast<float>(i) + 0.5f,
-                                    sy + static_cast<float>(j) + 0.5f);
+      for (int i = 0; i < SamplesX(); ++i) {
+        for (int j = 0; j < SamplesY(); ++j) {
+          const float4 t = Fetch<T>(xSource, SampleX(x, i), SampleY(y, j));
           s.x += t.x, s.y += t.y, s.z += t.z, s.w += t.w;
           fCount += 1.0f;
         }
@@ -64,6 +71,11 @@ struct FShrink {
     StoreColour<T>(xTarget, x, y, v);
   }
 };
+
+// The host backend's shrink of target rows [y0, y1), bit for bit the functor's; defined for
+// every class Shrink takes.
+template <class T>
+void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1);
 
 template <class T>
 struct FResize {

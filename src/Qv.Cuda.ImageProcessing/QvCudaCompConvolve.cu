@@ -24,6 +24,24 @@ EResampleClass ResampleClassOf(const CQvDeviceImage2D& xImage) {
   return EResampleClass::None;
 }
 
+template <class F>
+void RunResample(CQvCudaComp& xComp, const char* szName, int w, int h, const F& fnPixel) {
+  LaunchPerPixel(xComp, szName, w, h, fnPixel);
+}
+
+// Shrink runs rows at a time on the host backend.
+template <class T>
+void RunResample(CQvCudaComp& xComp, const char* szName, int w, int h,
+                 const Kernel::FShrink<T>& fnPixel) {
+  if (Device::IsCuda()) {
+    LaunchPerPixel(xComp, szName, w, h, fnPixel);
+    return;
+  }
+  xComp.Begin(szName, xComp.GetStream());
+  Device::HostParallelFor(h, w, [&](int y0, int y1) { Kernel::HostShrinkRows(fnPixel, y0, y1); });
+  xComp.End(szName, xComp.GetStream());
+}
+
 // Runs fnLaunch with the pixel class of the source as a template tag.
 template <template <class> class F, class... TArgs>
 void LaunchResample(CQvCudaComp& xComp, const char* szName, EResampleClass eClass,
@@ -31,19 +49,19 @@ void LaunchResample(CQvCudaComp& xComp, const char* szName, EResampleClass eClas
   const int w = xTrgFormat.iWidth, h = xTrgFormat.iHeight;
   switch (eClass) {
     case EResampleClass::RGBA_uc:
-      LaunchPerPixel(xComp, szName, w, h, F<RGBA_uc>{xArgs...});
+      RunResample(xComp, szName, w, h, F<RGBA_uc>{xArgs...});
       break;
     case EResampleClass::RGBA_us:
-      LaunchPerPixel(xComp, szName, w, h, F<RGBA_us>{xArgs...});
+      RunResample(xComp, szName, w, h, F<RGBA_us>{xArgs...});
       break;
     case EResampleClass::L_uc:
-      LaunchPerPixel(xComp, szName, w, h, F<L_uc>{xArgs...});
+      RunResample(xComp, szName, w, h, F<L_uc>{xArgs...});
       break;
     case EResampleClass::L_us:
-      LaunchPerPixel(xComp, szName, w, h, F<L_us>{xArgs...});
+      RunResample(xComp, szName, w, h, F<L_us>{xArgs...});
       break;
     case EResampleClass::L_f:
-      LaunchPerPixel(xComp, szName, w, h, F<L_f>{xArgs...});
+      RunResample(xComp, szName, w, h, F<L_f>{xArgs...});
       break;
     case EResampleClass::None:
       QV_THROW("Source image is of invalid type");

@@ -140,6 +140,27 @@ QV_FORCEINLINE float Blend(float a, float b, float c, float d, float wa, float w
   return wa * a + wb * b + wc * c + wd * d;
 }
 
+// One axis of the linear filter at texture coordinate c over n texels: the two texels it
+// blends, clamped, and the quantized weight of the second.
+struct SLinearTap {
+  int i0, i1;
+  float fWeight;
+};
+
+QV_FORCEINLINE SLinearTap LinearTap(float c, int n) {
+  const float cb = c - 0.5f;
+  const float fc = std::floor(cb);
+  const int i = static_cast<int>(fc);
+  auto Clamp = [n](int k) { return k < 0 ? 0 : (k >= n ? n - 1 : k); };
+  return {Clamp(i), Clamp(i + 1), QuantizeWeight(cb - fc)};
+}
+
+// The weights of texels (i0, j0), (i1, j0), (i0, j1), (i1, j1), in Blend's order, from the
+// weights a along x and b along y.
+QV_FORCEINLINE float4 LinearWeights(float a, float b) {
+  return make_float4((1.0f - a) * (1.0f - b), a * (1.0f - b), (1.0f - a) * b, a * b);
+}
+
 template <class T>
 QV_FORCEINLINE float4 HostFetch(const STexture2D& xTex, float x, float y) {
   const SDeviceImageDesc2D& xDesc = xTex.xImage;
@@ -149,19 +170,16 @@ QV_FORCEINLINE float4 HostFetch(const STexture2D& xTex, float x, float y) {
   }
   if (!xTex.bLinearFilter)
     return HostTexel<T>(xDesc, static_cast<int>(std::floor(x)), static_cast<int>(std::floor(y)));
-  const float xb = x - 0.5f, yb = y - 0.5f;
-  const float fx = std::floor(xb), fy = std::floor(yb);
-  const int ix = static_cast<int>(fx), iy = static_cast<int>(fy);
-  const float a = QuantizeWeight(xb - fx), b = QuantizeWeight(yb - fy);
-  const float4 t00 = HostTexel<T>(xDesc, ix, iy), t10 = HostTexel<T>(xDesc, ix + 1, iy);
-  const float4 t01 = HostTexel<T>(xDesc, ix, iy + 1), t11 = HostTexel<T>(xDesc, ix + 1, iy + 1);
-  const float w00 = (1.0f - a) * (1.0f - b), w10 = a * (1.0f - b);
-  const float w01 = (1.0f - a) * b, w11 = a * b;
+  const SLinearTap tx = LinearTap(x, xDesc.xFormat.iWidth),
+                   ty = LinearTap(y, xDesc.xFormat.iHeight);
+  const float4 t00 = HostTexel<T>(xDesc, tx.i0, ty.i0), t10 = HostTexel<T>(xDesc, tx.i1, ty.i0);
+  const float4 t01 = HostTexel<T>(xDesc, tx.i0, ty.i1), t11 = HostTexel<T>(xDesc, tx.i1, ty.i1);
+  const float4 w = LinearWeights(tx.fWeight, ty.fWeight);
   float4 r;
-  r.x = Blend(t00.x, t10.x, t01.x, t11.x, w00, w10, w01, w11);
-  r.y = Blend(t00.y, t10.y, t01.y, t11.y, w00, w10, w01, w11);
-  r.z = Blend(t00.z, t10.z, t01.z, t11.z, w00, w10, w01, w11);
-  r.w = Blend(t00.w, t10.w, t01.w, t11.w, w00, w10, w01, w11);
+  r.x = Blend(t00.x, t10.x, t01.x, t11.x, w.x, w.y, w.z, w.w);
+  r.y = Blend(t00.y, t10.y, t01.y, t11.y, w.x, w.y, w.z, w.w);
+  r.z = Blend(t00.z, t10.z, t01.z, t11.z, w.x, w.y, w.z, w.w);
+  r.w = Blend(t00.w, t10.w, t01.w, t11.w, w.x, w.y, w.z, w.w);
   return r;
 }
 
