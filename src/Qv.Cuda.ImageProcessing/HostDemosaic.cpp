@@ -4,7 +4,6 @@
 // over pixel pairs, the two phases of the row known at compile time and every sample a plain
 // array read, which the compiler vectorises. The arithmetic is DemosaicPixel's, operation for
 // operation, so the bytes are those of the device and of the per-pixel path.
-#include <cstring>
 #include <vector>
 
 #include "DemosaicKernel.h"
@@ -37,28 +36,6 @@ void ReadSplitRow(const SDeviceImageDesc2D& xSource, int iRow, std::vector<float
   }
 }
 
-// StoreChannel's value of v, as a word to pack.
-template <class TTarget>
-QV_FORCEINLINE uint32_t Channel(float v) {
-  return static_cast<uint32_t>(static_cast<int32_t>(HostClampStoreScaled<TTarget>(v)));
-}
-
-// Stores pixel c with alpha uAlpha at p, packed into 32-bit words: one word for 8-bit
-// channels, two for 16-bit ones. Target rows need not be aligned for the words.
-template <class TTarget>
-QV_FORCEINLINE void StorePacked(typename TTarget::Element* p, float3 c, uint32_t uAlpha) {
-  constexpr int iBits = 8 * sizeof(typename TTarget::Element);
-  const uint32_t r = Channel<TTarget>(c.x), g = Channel<TTarget>(c.y), b = Channel<TTarget>(c.z);
-  if constexpr (iBits == 8) {
-    const uint32_t w = r | g << 8 | b << 16 | uAlpha << 24;
-    std::memcpy(p, &w, 4);
-  } else {
-    const uint32_t w0 = r | g << 16, w1 = b | uAlpha << 16;
-    std::memcpy(p, &w0, 4);
-    std::memcpy(p + 2, &w1, 4);
-  }
-}
-
 // Pixel pairs [0, iPairs) of one output row; with bTail also the even pixel after them.
 // iPhaseEven and iPhaseOdd are the phases of the row's even and odd columns.
 template <class TTarget, int iPhaseEven, int iPhaseOdd>
@@ -71,20 +48,19 @@ void DemosaicRow(typename TTarget::Element* __restrict pOut, const SSplitRow* co
     const SSplitRow& xRow = *apRows[dy + 2];
     return (m & 1) ? xRow.afOdd.data()[i + (m - 1) / 2] : xRow.afEven.data()[i + m / 2];
   };
-  const uint32_t uAlpha = Channel<TTarget>(1.0f);
 #pragma GCC ivdep
   for (int i = 0; i < iPairs; ++i) {
     const float3 a =
         DemosaicPixel(iPhaseEven, xGains, [&](int dx, int dy) { return Sample(0, dx, dy, i); });
     const float3 b =
         DemosaicPixel(iPhaseOdd, xGains, [&](int dx, int dy) { return Sample(1, dx, dy, i); });
-    StorePacked<TTarget>(pOut + 8 * i, a, uAlpha);
-    StorePacked<TTarget>(pOut + 8 * i + 4, b, uAlpha);
+    HostStoreRgb<TTarget>(pOut + 8 * i, a.x, a.y, a.z);
+    HostStoreRgb<TTarget>(pOut + 8 * i + 4, b.x, b.y, b.z);
   }
   if (bTail) {
     const float3 a = DemosaicPixel(iPhaseEven, xGains,
                                    [&](int dx, int dy) { return Sample(0, dx, dy, iPairs); });
-    StorePacked<TTarget>(pOut + 8 * iPairs, a, uAlpha);
+    HostStoreRgb<TTarget>(pOut + 8 * iPairs, a.x, a.y, a.z);
   }
 }
 

@@ -7,6 +7,7 @@
 // s = v * M, s = min(M, s), s = max(s, 0), truncate; a NaN therefore stores M.
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 #include "QvCudaDefs.h"
 #include "QvDeviceImage2D.h"
@@ -66,6 +67,29 @@ QV_FORCEINLINE float HostClampStoreScaled(float v) {
   float s = v * fM;
   s = s < fM ? s : fM;
   return s > 0.0f ? s : 0.0f;
+}
+
+// StoreChannel's value as a word to pack.
+template <class T>
+QV_FORCEINLINE uint32_t HostStoreWord(float v) {
+  return static_cast<uint32_t>(static_cast<int32_t>(HostClampStoreScaled<T>(v)));
+}
+
+// Stores colour (r, g, b) with full alpha at p of an RGBA target, packed into 32-bit words
+// that the vectoriser keeps whole: one for 8-bit channels, two for 16-bit ones. p need not be
+// aligned for the words.
+template <class T>
+QV_FORCEINLINE void HostStoreRgb(typename T::Element* p, float r, float g, float b) {
+  const uint32_t uR = HostStoreWord<T>(r), uG = HostStoreWord<T>(g), uB = HostStoreWord<T>(b);
+  const uint32_t uAlpha = static_cast<uint32_t>(T::fStoreScale);
+  if constexpr (sizeof(typename T::Element) == 1) {
+    const uint32_t uWord = uR | uG << 8 | uB << 16 | uAlpha << 24;
+    std::memcpy(p, &uWord, 4);
+  } else {
+    const uint32_t uWord0 = uR | uG << 16, uWord1 = uB | uAlpha << 16;
+    std::memcpy(p, &uWord0, 4);
+    std::memcpy(p + 2, &uWord1, 4);
+  }
 }
 
 template <class T>

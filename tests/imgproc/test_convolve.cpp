@@ -97,6 +97,9 @@ TEST(Resample, TargetPixelsSampleWhereTheScaleFactorPutsThem) {
       // The other classes, whole pixels: RGBA stores full alpha; a mosaic runs as one channel.
       {"rgba 8", 2, 1, {10, 20, 30, 40, 50, 60, 70, 80}, 's', 2, 1, 2, 1,
        {10, 20, 30, 255, 50, 60, 70, 255}, EPixelType::RGBA, UB},
+      // 3 x 2 samples of the one target pixel: columns 0, 1 and 1 again (clamped), row 0 twice.
+      {"rgba 8, box", 2, 1, {10, 20, 30, 40, 50, 60, 70, 80}, 'b', 1, 1, 1, 1,
+       {36, 46, 56, 255}, EPixelType::RGBA, UB},
       {"gray 8", 1, 3, {0, 17, 255}, 's', 1, 3, 1, 3, {0, 17, 255}, EPixelType::Lum, UB},
       {"gray 16", 3, 1, {0, 257, 65535}, 'r', 0, 1, 3, 1, {0, 257, 65535}, EPixelType::Lum, US},
       {"rgba 16", 1, 1, {0, 257, 65535, 1}, 's', 1, 1, 1, 1, {0, 257, 65535, 65535}, EPixelType::RGBA, US},
