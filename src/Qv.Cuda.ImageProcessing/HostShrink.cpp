@@ -65,6 +65,7 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
     for (int i = 0; i < nx; ++i)
       axTapX[static_cast<size_t>(x) * nx + i] = Detail::LinearTap(fnPixel.SampleX(x, i), iSrcWidth);
   CRowCache<T> xRows(xSrc, ny + 3);
+  std::vector<float> afColour(static_cast<size_t>(w) * C);
   std::vector<Detail::SLinearTap> axTapY(static_cast<size_t>(ny));
   std::vector<const float*> apRow0(static_cast<size_t>(ny)), apRow1(static_cast<size_t>(ny));
   for (int y = y0; y < y1; ++y) {
@@ -80,29 +81,31 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
                            apRow1[j][C * tx.i0 + c], apRow1[j][C * tx.i1 + c], wt.x, wt.y, wt.z,
                            wt.w);
     };
-    float4 v = make_float4(0.0f, 0.0f, 0.0f, 1.0f);
+    // The colours of the row, then their stores, which the compiler vectorises.
+    float* pColour = afColour.data();
     if (fnPixel.bSingleSample) {
+      for (int x = 0; x < w; ++x)
+        for (int c = 0; c < C; ++c) pColour[C * x + c] = Sample(axTapX[x], 0, c);
+    } else {
       for (int x = 0; x < w; ++x) {
-        const Detail::SLinearTap& tx = axTapX[x];
-        v.x = Sample(tx, 0, 0);
-        if constexpr (C == 3) v.y = Sample(tx, 0, 1), v.z = Sample(tx, 0, 2);
-        StoreColour<T>(fnPixel.xTarget, x, y, v);
-      }
-      continue;
-    }
-    for (int x = 0; x < w; ++x) {
-      float s[3] = {0.0f, 0.0f, 0.0f};
-      float fCount = 0.0f;
-      for (int i = 0; i < nx; ++i) {
-        const Detail::SLinearTap& tx = axTapX[static_cast<size_t>(x) * nx + i];
-        for (int j = 0; j < ny; ++j) {
-          for (int c = 0; c < C; ++c) s[c] += Sample(tx, j, c);
-          fCount += 1.0f;
+        float s[3] = {0.0f, 0.0f, 0.0f};
+        float fCount = 0.0f;
+        for (int i = 0; i < nx; ++i) {
+          const Detail::SLinearTap& tx = axTapX[static_cast<size_t>(x) * nx + i];
+          for (int j = 0; j < ny; ++j) {
+            for (int c = 0; c < C; ++c) s[c] += Sample(tx, j, c);
+            fCount += 1.0f;
+          }
         }
+        for (int c = 0; c < C; ++c) pColour[C * x + c] = s[c] / fCount;
       }
-      v.x = s[0] / fCount;
-      if constexpr (C == 3) v.y = s[1] / fCount, v.z = s[2] / fCount;
-      StoreColour<T>(fnPixel.xTarget, x, y, v);
+    }
+    typename T::Element* pOut = PixelPtr<T>(fnPixel.xTarget, 0, y);
+    if constexpr (C == 3) {
+      for (int x = 0; x < w; ++x)
+        HostStoreRgb<T>(pOut + 4 * x, pColour[3 * x], pColour[3 * x + 1], pColour[3 * x + 2]);
+    } else {
+      for (int x = 0; x < w; ++x) pOut[x] = StoreChannel<T>(pColour[x]);
     }
   }
 }
