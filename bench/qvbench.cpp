@@ -4,6 +4,7 @@
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <linux/videodev2.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -93,6 +94,7 @@ bool WriteCsv(const char* szPath) {
 
 struct SPipelineResult {
   double dMsPerFrame = 0;
+  double dCpuMsPerFrame = 0;  // the whole process's CPU time, every thread
   double dAllocationsPerFrame = 0;
   bool bPinned = false;
   size_t uFirstBytes = 0;  // the size of the first output buffer
@@ -140,15 +142,24 @@ GstMessage* PushAndDrain(GstElement* pxPipeline, GstElement* pxSrc, GstBuffer* p
 // appsrc ! <chain> ! fakesink with one frame pushed again and again (from the upload
 // element's pinned pool where the chain starts with it), so that the source costs nothing and
 // the figure is the chain's own.
+double CpuMs() {
+  rusage xUsage = {};
+  getrusage(RUSAGE_SELF, &xUsage);
+  auto Ms = [](const timeval& t) { return t.tv_sec * 1e3 + t.tv_usec / 1e3; };
+  return Ms(xUsage.ru_utime) + Ms(xUsage.ru_stime);
+}
+
+// A chain that ends in a sink of its own (bOwnSink) gets no fakesink and is not counted at
+// the sink: only its end of stream is checked.
 SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iFrames,
-                            const char* szFormat = "grbg") {
+                            const char* szFormat = "grbg", bool bOwnSink = false) {
   SPipelineResult xResult;
   char szCaps[160];
   std::snprintf(szCaps, sizeof(szCaps), "video/x-bayer,format=%s,width=%d,height=%d,framerate=30/1",
                 szFormat, iWidth, iHeight);
   const std::string sPipeline =
       std::string("appsrc name=src format=time block=true max-buffers=4 caps=\"") + szCaps +
-      "\" ! " + szChain + " ! fakesink name=sink sync=false signal-handoffs=true";
+      "\" ! " + szChain + (bOwnSink ? "" : " ! fakesink name=sink sync=false signal-handoffs=true");
   GError* pxError = NULL;
   GstElement* pxPipeline = gst_parse_launch(sPipeline.c_str(), &pxError);
   if (!pxPipeline || pxError) {
@@ -165,9 +176,11 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
     gst_object_unref(pxSrcPad);
   }
   SMixResult xOut;
-  GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
-  g_signal_connect(pxSink, "handoff", G_CALLBACK(CountFrame), &xOut);
-  gst_object_unref(pxSink);
+  if (!bOwnSink) {
+    GstElement* pxSink = gst_bin_get_by_name(GST_BIN(pxPipeline), "sink");
+    g_signal_connect(pxSink, "handoff", G_CALLBACK(CountFrame), &xOut);
+    gst_object_unref(pxSink);
+  }
   gst_element_set_state(pxPipeline, GST_STATE_PLAYING);
 
   std::vector<uint8_t> xScene = QvTools::MakeGrbgScene(iWidth, iHeight, 0);
@@ -194,13 +207,17 @@ SPipelineResult RunPipeline(const char* szChain, int iWidth, int iHeight, int iF
   g_usleep(200000);
   const uint64_t uAllocs = Qv::CQvDeviceMMU::GetAllocationCount();
   double dMs = 0.0;
+  const double dCpu0 = CpuMs();
   GstMessage* pxMsg = PushAndDrain(pxPipeline, pxSrc, pxFrame, iFrames, dMs);
+  xResult.dCpuMsPerFrame = (CpuMs() - dCpu0) / iFrames;
   // Every frame pushed (the first, five of warm-up, the timed ones) must have come out.
   Require(pxMsg && GST_MESSAGE_TYPE(pxMsg) == GST_MESSAGE_EOS &&
-              xOut.xTimes.size() == static_cast<size_t>(iFrames) + 6,
+              (bOwnSink || xOut.xTimes.size() == static_cast<size_t>(iFrames) + 6),
           szChain, "not every frame came out");
-  xResult.uFirstBytes = gst_buffer_get_size(xOut.pxFirst);
-  gst_buffer_unref(xOut.pxFirst);
+  if (xOut.pxFirst) {
+    xResult.uFirstBytes = gst_buffer_get_size(xOut.pxFirst);
+    gst_buffer_unref(xOut.pxFirst);
+  }
   if (pxMsg) gst_message_unref(pxMsg);
   xResult.dMsPerFrame = dMs / (iFrames + 0.0);
   xResult.dAllocationsPerFrame =
@@ -812,7 +829,65 @@ void JpegBench(int iWidth, int iHeight, bool bCuda) {
 
 }  // namespace
 
-// qvbench [rig|jpeg] [--csv FILE] [--rig-size WxH] [--rig-sets N]
+// Camera lines beside their CPU peers from GStreamer, each in one run on the same frames:
+// CPU time of the whole process per frame (what a busy machine pays) and wall time per frame.
+// On the host backend these say how our fallback compares with the CPU elements.
+void HostLines(bool bCuda) {
+  if (!HasFactories({"bayer2rgb", "videoscale", "videoconvert", "jpegenc"})) {
+    std::printf("lines:  not run (bayer2rgb, videoconvert, videoscale or jpegenc is missing)\n");
+    return;
+  }
+  const int iFrames = bCuda ? 200 : 30;
+  const char* szJpegPattern = "/dev/shm/qvbench-line-%05d.jpg";
+  const struct {
+    const char* szName;
+    int iWidth, iHeight;
+    const char* szOurs;
+    const char* szPeer;
+    size_t uPeerBytes;  // the least the peer's first frame holds, to tell that it ran
+  } aLines[] = {
+      {"debayer 1080p", 1920, 1080, "qvcudaupload ! qvcudadebayer ! qvcudadownload", "bayer2rgb",
+       1920u * 1080 * 4},
+      {"debayer scale 3840x1784", 1920, 1080,
+       "qvcudaupload ! qvcudadebayer ! qvcudascale ! qvcudadownload",
+       "bayer2rgb ! videoconvert ! videoscale ! video/x-raw,width=3840,height=1784",
+       3840u * 1784 * 3},
+      {"debayer yuv 1080p", 1920, 1080, "qvcudaupload ! qvcudadebayer ! qvcudayuv ! qvcudadownload",
+       "bayer2rgb ! videoconvert ! video/x-raw,format=I420", 1920u * 1080 * 3 / 2},
+      {"jpeg 4K", 3840, 2160,
+       "qvcudaupload ! qvcudadebayer ! qvcudajpegsink location=/dev/shm/qvbench-line-%05d.jpg",
+       "bayer2rgb ! videoconvert ! jpegenc", 1},
+  };
+  std::printf("lines:  %-24s %12s %12s %7s %12s %12s %7s\n", "(CPU ms and wall ms a frame)",
+              "ours CPU", "peer CPU", "ratio", "ours wall", "peer wall", "ratio");
+  for (const auto& l : aLines) {
+    const bool bJpeg = std::strstr(l.szOurs, "jpegsink") != NULL;
+    const SPipelineResult xOurs =
+        RunPipeline(l.szOurs, l.iWidth, l.iHeight, iFrames, "grbg", bJpeg);
+    if (bJpeg) {
+      // Every frame went to its own file: the first, five of warm-up and the timed ones.
+      char szLast[80];
+      std::snprintf(szLast, sizeof(szLast), szJpegPattern, iFrames + 5);
+      Require(g_file_test(szLast, G_FILE_TEST_EXISTS), l.szName, "not every JPEG was written");
+      for (int i = 0; i <= iFrames + 5; ++i) {
+        std::snprintf(szLast, sizeof(szLast), szJpegPattern, i);
+        std::remove(szLast);
+      }
+    }
+    const SPipelineResult xPeer = RunPipeline(l.szPeer, l.iWidth, l.iHeight, iFrames);
+    Require(xPeer.uFirstBytes >= l.uPeerBytes, l.szName, "the peer gave no frame of its size");
+    std::printf("lines:  %-24s %12.2f %12.2f %7.2f %12.2f %12.2f %7.2f\n", l.szName,
+                xOurs.dCpuMsPerFrame, xPeer.dCpuMsPerFrame,
+                xOurs.dCpuMsPerFrame / xPeer.dCpuMsPerFrame, xOurs.dMsPerFrame, xPeer.dMsPerFrame,
+                xOurs.dMsPerFrame / xPeer.dMsPerFrame);
+    Csv("lines", (std::string(l.szName) + " CPU").c_str(), xOurs.dCpuMsPerFrame, "CPU ms/frame",
+        xPeer.dCpuMsPerFrame);
+    Csv("lines", (std::string(l.szName) + " wall").c_str(), xOurs.dMsPerFrame, "ms/frame",
+        xPeer.dMsPerFrame);
+  }
+}
+
+// qvbench [rig|jpeg|lines] [--csv FILE] [--rig-size WxH] [--rig-sets N]
 // "rig" runs the six-camera lines alone, "jpeg" the JPEG output alone.
 int main(int argc, char** argv) {
   gst_init(&argc, &argv);
@@ -839,11 +914,12 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "qvbench: --rig-sets wants a count of at least 1\n");
         return 2;
       }
-    } else if (std::strcmp(argv[i], "rig") == 0 || std::strcmp(argv[i], "jpeg") == 0) {
+    } else if (std::strcmp(argv[i], "rig") == 0 || std::strcmp(argv[i], "jpeg") == 0 ||
+               std::strcmp(argv[i], "lines") == 0) {
       sOnly = argv[i];
     } else {
-      std::fprintf(stderr,
-                   "usage: qvbench [rig|jpeg] [--csv FILE] [--rig-size WxH] [--rig-sets N]\n");
+      std::fprintf(
+          stderr, "usage: qvbench [rig|jpeg|lines] [--csv FILE] [--rig-size WxH] [--rig-sets N]\n");
       return 2;
     }
   }
@@ -857,6 +933,11 @@ int main(int argc, char** argv) {
                 iWidth, iHeight);
     if (sOnly == "rig") {
       RigBench(iRigWidth, iRigHeight, iRigSets, bCuda);
+      if (szCsv && !WriteCsv(szCsv)) std::fprintf(stderr, "qvbench: cannot write %s\n", szCsv);
+      return 0;
+    }
+    if (sOnly == "lines") {
+      HostLines(bCuda);
       if (szCsv && !WriteCsv(szCsv)) std::fprintf(stderr, "qvbench: cannot write %s\n", szCsv);
       return 0;
     }
@@ -913,6 +994,7 @@ int main(int argc, char** argv) {
                 xChain16.dMsPerFrame, xChain16.dMsPerFrame / xChain.dMsPerFrame);
     Csv("chain", "upload debayer scale 16-bit", xChain16.dMsPerFrame, "ms/frame",
         xChain.dMsPerFrame);
+    HostLines(bCuda);
     DownloadBench(iWidth, iHeight, bCuda);
     MixBenchmarks(bCuda);
     JpegBench(iWidth, iHeight, bCuda);
