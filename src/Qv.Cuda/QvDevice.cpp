@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -270,26 +271,86 @@ double CStreamTimer::ElapsedMs() {
   return fMs;
 }
 
+namespace {
+
+// The host backend's worker threads, made at the first launch that needs them and kept for the
+// process, so that a launch costs a wake-up instead of thread starts. A launch splits its rows
+// into one chunk per thread, runs the first on its calling thread and the others on workers.
+// One launch uses the workers at a time: a launch that finds them taken (another streaming
+// thread's, or a launch inside a launch) runs on its calling thread alone.
+class CHostWorkers {
+ public:
+  static CHostWorkers& Get() {
+    // Never destroyed: workers blocked in their wait end with the process, and no launch can
+    // find the pool gone while exit handlers run.
+    static CHostWorkers* s_pxWorkers =
+        new CHostWorkers(std::max(1, static_cast<int>(std::thread::hardware_concurrency())) - 1);
+    return *s_pxWorkers;
+  }
+
+  int GetWorkers() const { return m_iWorkers; }
+
+  bool TryRun(int iThreads, int iRows, const std::function<void(int, int)>& fnRows) {
+    std::unique_lock<std::mutex> xTaken(m_xTaken, std::try_to_lock);
+    if (!xTaken.owns_lock()) return false;
+    const int iChunk = (iRows + iThreads - 1) / iThreads;
+    {
+      std::lock_guard<std::mutex> xLock(m_xMutex);
+      m_pfnRows = &fnRows;
+      m_iRows = iRows;
+      m_iChunk = iChunk;
+      m_iThreads = iThreads;
+      m_iPending = iThreads - 1;
+      ++m_uLaunch;
+    }
+    m_xWake.notify_all();
+    fnRows(0, std::min(iRows, iChunk));
+    std::unique_lock<std::mutex> xLock(m_xMutex);
+    m_xDone.wait(xLock, [this] { return m_iPending == 0; });
+    return true;
+  }
+
+ private:
+  explicit CHostWorkers(int iWorkers) : m_iWorkers(iWorkers) {
+    for (int i = 0; i < iWorkers; ++i) std::thread([this, i] { Work(i + 1); }).detach();
+  }
+
+  // Worker for chunk iChunkIndex of every launch that has that many threads.
+  void Work(int iChunkIndex) {
+    uint64_t uSeen = 0;
+    std::unique_lock<std::mutex> xLock(m_xMutex);
+    for (;;) {
+      m_xWake.wait(xLock, [&] { return m_uLaunch != uSeen; });
+      uSeen = m_uLaunch;
+      if (iChunkIndex >= m_iThreads) continue;
+      const int y0 = iChunkIndex * m_iChunk, y1 = std::min(m_iRows, y0 + m_iChunk);
+      const std::function<void(int, int)>* pfnRows = m_pfnRows;
+      xLock.unlock();
+      if (y0 < y1) (*pfnRows)(y0, y1);
+      xLock.lock();
+      if (--m_iPending == 0) m_xDone.notify_one();
+    }
+  }
+
+  std::mutex m_xTaken;  // held by the launch that uses the workers
+  std::mutex m_xMutex;  // guards the launch's fields below
+  std::condition_variable m_xWake, m_xDone;
+  const std::function<void(int, int)>* m_pfnRows = nullptr;
+  int m_iRows = 0, m_iChunk = 0, m_iThreads = 0, m_iPending = 0;
+  uint64_t m_uLaunch = 0;
+  const int m_iWorkers;
+};
+
+}  // namespace
+
 void HostParallelFor(int iRows, int64_t iWorkPerRow, const std::function<void(int, int)>& fnRows) {
   if (iRows <= 0) return;
-  static const int iCores = std::max(1u, std::thread::hardware_concurrency());
-  // Thread start-up costs tens of microseconds: small images run on the calling thread.
+  // Handing rows out costs microseconds: small images run on the calling thread.
   const int64_t iWork = static_cast<int64_t>(iRows) * std::max<int64_t>(iWorkPerRow, 1);
-  const int iThreads =
-      static_cast<int>(std::min<int64_t>({iCores, iRows, std::max<int64_t>(1, iWork / 65536)}));
-  if (iThreads <= 1) {
-    fnRows(0, iRows);
-    return;
-  }
-  std::vector<std::thread> xWorkers;
-  xWorkers.reserve(iThreads - 1);
-  const int iChunk = (iRows + iThreads - 1) / iThreads;
-  for (int t = 1; t < iThreads; ++t) {
-    const int y0 = t * iChunk, y1 = std::min(iRows, y0 + iChunk);
-    if (y0 < y1) xWorkers.emplace_back([&fnRows, y0, y1] { fnRows(y0, y1); });
-  }
-  fnRows(0, std::min(iRows, iChunk));
-  for (auto& x : xWorkers) x.join();
+  CHostWorkers& xWorkers = CHostWorkers::Get();
+  const int iThreads = static_cast<int>(std::min<int64_t>(
+      {iRows, std::max<int64_t>(1, iWork / 65536), xWorkers.GetWorkers() + int64_t{1}}));
+  if (iThreads <= 1 || !xWorkers.TryRun(iThreads, iRows, fnRows)) fnRows(0, iRows);
 }
 
 }  // namespace Device
