@@ -160,3 +160,35 @@ TEST(DeviceBackend, AnUnknownChoiceOrCudaWithoutAGpuFailsWithOneClearError) {
 }
 
 }  // namespace
+
+// The host backend's workers: every row of every launch runs exactly once, whether launches
+// come from several threads at once (one gets the workers, the others run alone) or from
+// inside a launch, and with both cores busy.
+TEST(HostParallelFor, EveryRowOnceFromManyThreadsAndFromInsideALaunch) {
+  const QvTest::CBusyCores xLoad;
+  constexpr int kRows = 97, kLaunches = 200;
+  auto Launch = [](std::vector<std::atomic<int>>& xCounts, bool bNested) {
+    Device::HostParallelFor(kRows, 1 << 20, [&](int y0, int y1) {
+      for (int y = y0; y < y1; ++y) {
+        ++xCounts[y];
+        if (bNested && y == y0) {
+          std::vector<std::atomic<int>> xInner(kRows);
+          Device::HostParallelFor(kRows, 1 << 20, [&](int a, int b) {
+            for (int i = a; i < b; ++i) ++xInner[i];
+          });
+          for (int i = 0; i < kRows; ++i) ASSERT_EQ(1, xInner[i].load()) << "inner row " << i;
+        }
+      }
+    });
+  };
+  std::vector<std::thread> xThreads;
+  for (int t = 0; t < 3; ++t)
+    xThreads.emplace_back([&, t] {
+      for (int k = 0; k < kLaunches; ++k) {
+        std::vector<std::atomic<int>> xCounts(kRows);
+        Launch(xCounts, (k + t) % 5 == 0);
+        for (int y = 0; y < kRows; ++y) ASSERT_EQ(1, xCounts[y].load()) << "row " << y;
+      }
+    });
+  for (std::thread& x : xThreads) x.join();
+}

@@ -16,6 +16,7 @@
 #include "QvDeviceImage2D.h"
 #include "QvMessage.h"
 #include "QvTestRandom.h"
+#include "QvTestUtil.h"
 #include "common/gstUtil.h"
 #include "gstqvHostElements.h"
 #include "plugin.h"
@@ -80,24 +81,5 @@ void ExpectMeta(GstBuffer* pxBuffer, GstClockTime uPts, float fExposure, float f
 // sits at (iRedX, iRedY) of each 2 x 2 block; samples past the edge repeat it.
 std::vector<uint8_t> DemosaicReference(const std::vector<uint8_t>& xRaw, int W, int H, int iRedX,
                                        int iRedY);
-
-// Two threads that keep both cores busy while it lives: races show under load.
-class CBusyCores {
- public:
-  CBusyCores() {
-    for (std::thread& x : m_axThreads)
-      x = std::thread([this] {
-        while (!m_bStop) continue;
-      });
-  }
-  ~CBusyCores() {
-    m_bStop = true;
-    for (std::thread& x : m_axThreads) x.join();
-  }
-
- private:
-  std::atomic<bool> m_bStop{false};
-  std::thread m_axThreads[2];
-};
 
 }  // namespace QvTest
