@@ -1,8 +1,8 @@
 // The host backend's shrink, row by row. The linear filter's taps along x are the same for
 // every row and those along y for every column, so both are worked out once; the source rows
-// they name are read once into normalized floats. Each sample is then the texture unit's
-// blend of four of those floats with the quantized weights, summed in the functor's order, so
-// the bytes are the functor's.
+// they name are read once into normalized floats, one plane a channel. Each sample is then the
+// texture unit's blend of four of those floats with the quantized weights, summed in the
+// functor's order, so the bytes are the functor's.
 #include <vector>
 
 #include "ConvolveKernels.h"
@@ -12,36 +12,72 @@ namespace Kernel {
 namespace {
 
 // Normalized source rows, the colour channels only, kept for as long as target rows use them.
+// A slot holds each channel as a plane of the source's width; or, given column tables (one
+// sample a target pixel), each channel's texels pi0[x] and pi1[x] for every target column x as
+// two planes of the target's width, so that target rows blend plain arrays.
 template <class T>
 class CRowCache {
  public:
   static constexpr int kChannels = T::iChannels == 4 ? 3 : 1;
 
-  CRowCache(const SDeviceImageDesc2D& xSource, int iSlots)
+  CRowCache(const SDeviceImageDesc2D& xSource, int iSlots, const int* pi0 = nullptr,
+            const int* pi1 = nullptr, int iColumns = 0)
       : m_xSource(xSource),
+        m_pi0(pi0),
+        m_pi1(pi1),
+        m_iColumns(iColumns),
         m_aiRow(static_cast<size_t>(iSlots), -1),
-        m_afData(static_cast<size_t>(iSlots) * Stride()) {}
+        m_afData(static_cast<size_t>(iSlots) * SlotFloats()),
+        m_afLine(pi0 ? static_cast<size_t>(kChannels) * xSource.xFormat.iWidth : 0) {}
 
   const float* Row(int iRow) {
+    const int w = m_xSource.xFormat.iWidth;
     const size_t uSlot = static_cast<size_t>(iRow) % m_aiRow.size();
-    float* pOut = m_afData.data() + uSlot * Stride();
+    float* pOut = m_afData.data() + uSlot * SlotFloats();
     if (m_aiRow[uSlot] != iRow) {
       m_aiRow[uSlot] = iRow;
       const typename T::Element* pIn = PixelPtr<T>(m_xSource, 0, iRow);
-      for (int x = 0; x < m_xSource.xFormat.iWidth; ++x)
-        for (int c = 0; c < kChannels; ++c)
-          pOut[kChannels * x + c] = ReadChannel<T>(pIn[T::iChannels * x + c]);
+      float* pLine = m_pi0 ? m_afLine.data() : pOut;
+      for (int c = 0; c < kChannels; ++c)
+        for (int x = 0; x < w; ++x) pLine[c * w + x] = ReadChannel<T>(pIn[T::iChannels * x + c]);
+      if (m_pi0)
+        for (int c = 0; c < kChannels; ++c) {
+          float* p0 = pOut + static_cast<size_t>(2 * c) * m_iColumns;
+          Place(p0, p0 + m_iColumns, pLine + static_cast<size_t>(c) * w, m_pi0, m_pi1, m_iColumns);
+        }
     }
     return pOut;
   }
 
  private:
-  size_t Stride() const { return static_cast<size_t>(m_xSource.xFormat.iWidth) * kChannels; }
+  static void Place(float* __restrict p0, float* __restrict p1, const float* __restrict pLine,
+                    const int* __restrict pi0, const int* __restrict pi1, int iColumns) {
+    for (int x = 0; x < iColumns; ++x) p0[x] = pLine[pi0[x]], p1[x] = pLine[pi1[x]];
+  }
+
+  size_t SlotFloats() const {
+    return static_cast<size_t>(kChannels) * (m_pi0 ? 2 * m_iColumns : m_xSource.xFormat.iWidth);
+  }
 
   SDeviceImageDesc2D m_xSource;
+  const int* m_pi0;
+  const int* m_pi1;
+  int m_iColumns;
   std::vector<int> m_aiRow;
   std::vector<float> m_afData;
+  std::vector<float> m_afLine;
 };
+
+// One sample a target pixel: the blend of texels (i0, j0), (i1, j0), (i0, j1), (i1, j1), each
+// already placed at its target column.
+void BlendRow(float* __restrict pOut, const float* __restrict p00, const float* __restrict p10,
+              const float* __restrict p01, const float* __restrict p11,
+              const float* __restrict pfWeightX, float fWeightY, int w) {
+  for (int x = 0; x < w; ++x) {
+    const float4 wt = Detail::LinearWeights(pfWeightX[x], fWeightY);
+    pOut[x] = Detail::Blend(p00[x], p10[x], p01[x], p11[x], wt.x, wt.y, wt.z, wt.w);
+  }
+}
 
 }  // namespace
 
@@ -60,52 +96,62 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
     return;
   }
   constexpr int C = CRowCache<T>::kChannels;
-  std::vector<Detail::SLinearTap> axTapX(static_cast<size_t>(w) * nx);
+  // Taps along x, sample i of column x at x * nx + i.
+  std::vector<int> aiX0(static_cast<size_t>(w) * nx), aiX1(aiX0.size());
+  std::vector<float> afWeightX(aiX0.size());
   for (int x = 0; x < w; ++x)
-    for (int i = 0; i < nx; ++i)
-      axTapX[static_cast<size_t>(x) * nx + i] = Detail::LinearTap(fnPixel.SampleX(x, i), iSrcWidth);
-  CRowCache<T> xRows(xSrc, ny + 3);
-  std::vector<float> afColour(static_cast<size_t>(w) * C);
-  std::vector<Detail::SLinearTap> axTapY(static_cast<size_t>(ny));
+    for (int i = 0; i < nx; ++i) {
+      const Detail::SLinearTap t = Detail::LinearTap(fnPixel.SampleX(x, i), iSrcWidth);
+      const size_t k = static_cast<size_t>(x) * nx + i;
+      aiX0[k] = t.i0, aiX1[k] = t.i1, afWeightX[k] = t.fWeight;
+    }
+  // One sample along x and y gives the blend itself: for the box too, whose sum 0 + t and
+  // division by 1 leave t as it is, except a float image's -0.
+  const bool bOneSample = nx == 1 && ny == 1 && (fnPixel.bSingleSample || !T::bIsFloat);
+  CRowCache<T> xRows(xSrc, ny + 3, bOneSample ? aiX0.data() : nullptr,
+                     bOneSample ? aiX1.data() : nullptr, w);
+  std::vector<float> afColour(static_cast<size_t>(w) * C);  // one plane a channel
+  std::vector<float> afWeightY(static_cast<size_t>(ny));
   std::vector<const float*> apRow0(static_cast<size_t>(ny)), apRow1(static_cast<size_t>(ny));
   for (int y = y0; y < y1; ++y) {
     for (int j = 0; j < ny; ++j) {
-      axTapY[j] = Detail::LinearTap(fnPixel.SampleY(y, j), iSrcHeight);
-      apRow0[j] = xRows.Row(axTapY[j].i0);
-      apRow1[j] = xRows.Row(axTapY[j].i1);
+      const Detail::SLinearTap t = Detail::LinearTap(fnPixel.SampleY(y, j), iSrcHeight);
+      afWeightY[j] = t.fWeight;
+      apRow0[j] = xRows.Row(t.i0);
+      apRow1[j] = xRows.Row(t.i1);
     }
-    // One sample of the channel c of target pixel x.
-    auto Sample = [&](const Detail::SLinearTap& tx, int j, int c) {
-      const float4 wt = Detail::LinearWeights(tx.fWeight, axTapY[j].fWeight);
-      return Detail::Blend(apRow0[j][C * tx.i0 + c], apRow0[j][C * tx.i1 + c],
-                           apRow1[j][C * tx.i0 + c], apRow1[j][C * tx.i1 + c], wt.x, wt.y, wt.z,
-                           wt.w);
-    };
-    // The colours of the row, then their stores, which the compiler vectorises.
-    float* pColour = afColour.data();
-    if (fnPixel.bSingleSample) {
-      for (int x = 0; x < w; ++x)
-        for (int c = 0; c < C; ++c) pColour[C * x + c] = Sample(axTapX[x], 0, c);
-    } else {
+    // The colours of the row, then their stores, in loops the compiler vectorises.
+    for (int c = 0; c < C; ++c) {
+      float* pColour = afColour.data() + static_cast<size_t>(c) * w;
+      if (bOneSample) {
+        const float* p0 = apRow0[0] + static_cast<size_t>(2 * c) * w;
+        const float* p1 = apRow1[0] + static_cast<size_t>(2 * c) * w;
+        BlendRow(pColour, p0, p0 + w, p1, p1 + w, afWeightX.data(), afWeightY[0], w);
+        continue;
+      }
       for (int x = 0; x < w; ++x) {
-        float s[3] = {0.0f, 0.0f, 0.0f};
-        float fCount = 0.0f;
+        float s = 0.0f, fCount = 0.0f;
         for (int i = 0; i < nx; ++i) {
-          const Detail::SLinearTap& tx = axTapX[static_cast<size_t>(x) * nx + i];
+          const size_t k = static_cast<size_t>(x) * nx + i;
+          const int i0 = aiX0[k], i1 = aiX1[k];
           for (int j = 0; j < ny; ++j) {
-            for (int c = 0; c < C; ++c) s[c] += Sample(tx, j, c);
+            const float* p0 = apRow0[j] + static_cast<size_t>(c) * iSrcWidth;
+            const float* p1 = apRow1[j] + static_cast<size_t>(c) * iSrcWidth;
+            const float4 wt = Detail::LinearWeights(afWeightX[k], afWeightY[j]);
+            s += Detail::Blend(p0[i0], p0[i1], p1[i0], p1[i1], wt.x, wt.y, wt.z, wt.w);
             fCount += 1.0f;
           }
         }
-        for (int c = 0; c < C; ++c) pColour[C * x + c] = s[c] / fCount;
+        pColour[x] = s / fCount;
       }
     }
     typename T::Element* pOut = PixelPtr<T>(fnPixel.xTarget, 0, y);
+    const float* pR = afColour.data();
     if constexpr (C == 3) {
-      for (int x = 0; x < w; ++x)
-        HostStoreRgb<T>(pOut + 4 * x, pColour[3 * x], pColour[3 * x + 1], pColour[3 * x + 2]);
+      const float *pG = pR + w, *pB = pG + w;
+      for (int x = 0; x < w; ++x) HostStoreRgb<T>(pOut + 4 * x, pR[x], pG[x], pB[x]);
     } else {
-      for (int x = 0; x < w; ++x) pOut[x] = StoreChannel<T>(pColour[x]);
+      for (int x = 0; x < w; ++x) pOut[x] = StoreChannel<T>(pR[x]);
     }
   }
 }
