@@ -1,6 +1,7 @@
 #include <climits>
 #include <cstdint>
 
+#include "NormalizeKernels.h"
 #include "QvCudaCompNormalize.h"
 #include "QvException.h"
 #include "QvLaunch.cuh"
@@ -10,64 +11,6 @@
 namespace Qv {
 namespace Kernel {
 namespace {
-
-// The classes an input of Normalize may have. Read as four channels the way the texture unit
-// returns a fetch of float4: one-channel images read as (v, 0, 0, 1).
-enum EReadClass : int {
-  kRead_L_uc,
-  kRead_L_us,
-  kRead_L_f,
-  kRead_RGBA_uc,
-  kRead_RGBA_us,
-  kRead_RGBA_f
-};
-
-template <class T>
-QV_HD QV_FORCEINLINE float4 FetchAs4(const STexture2D& xTex, int x, int y) {
-  float4 c = FetchPixel<T>(xTex, x, y);
-  if constexpr (T::iChannels == 1) c.w = 1.0f;
-  return c;
-}
-
-QV_HD QV_FORCEINLINE float4 FetchAs4(const STexture2D& xTex, int iClass, int x, int y) {
-  switch (iClass) {
-    case kRead_L_uc:
-      return FetchAs4<L_uc>(xTex, x, y);
-    case kRead_L_us:
-      return FetchAs4<L_us>(xTex, x, y);
-    case kRead_L_f:
-      return FetchAs4<L_f>(xTex, x, y);
-    case kRead_RGBA_uc:
-      return FetchAs4<RGBA_uc>(xTex, x, y);
-    case kRead_RGBA_us:
-      return FetchAs4<RGBA_us>(xTex, x, y);
-    default:
-      return FetchAs4<RGBA_f>(xTex, x, y);
-  }
-}
-
-// Every channel is divided, alpha too: this kernel stores alpha as computed.
-template <class TOut>
-struct FNormalize {
-  STexture2D xRaw;
-  STexture2D xGray;
-  SDeviceImageDesc2D xTarget;
-  int iRawClass;
-  int iGrayClass;
-  bool bUseGray;
-
-  QV_HD void operator()(int x, int y) const {
-    float4 a = FetchAs4(xRaw, iRawClass, x, y);
-    if (bUseGray) {
-      const float4 g = FetchAs4(xGray, iGrayClass, x, y);
-      a.x = a.x / g.x;
-      a.y = a.y / g.y;
-      a.z = a.z / g.z;
-      a.w = a.w / g.w;
-    }
-    StorePixel<TOut>(xTarget, x, y, a);
-  }
-};
 
 // 10 or 12 significant bits in a 16-bit word, or 12 bits packed two pixels in three bytes,
 // to full-range 16 bit.
@@ -135,9 +78,16 @@ template <class TOut>
 void LaunchNormalize(CQvCudaComp& xComp, const CQvDeviceImage2D& xTarget, const STexture2D& xRaw,
                      const STexture2D& xGray, int iRawClass, int iGrayClass, bool bUseGray) {
   const CQvImageFormat& xFormat = xTarget.GetFormat();
-  LaunchPerPixel(
-      xComp, kNormalizeLabel, xFormat.iWidth, xFormat.iHeight,
-      Kernel::FNormalize<TOut>{xRaw, xGray, xTarget.GetDesc(), iRawClass, iGrayClass, bUseGray});
+  const Kernel::FNormalize<TOut> fnPixel{xRaw,      xGray,      xTarget.GetDesc(),
+                                         iRawClass, iGrayClass, bUseGray};
+  if (Device::IsCuda()) {
+    LaunchPerPixel(xComp, kNormalizeLabel, xFormat.iWidth, xFormat.iHeight, fnPixel);
+    return;
+  }
+  xComp.Begin(kNormalizeLabel, xComp.GetStream());
+  Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth,
+                          [&](int y0, int y1) { Kernel::HostNormalizeRows(fnPixel, y0, y1); });
+  xComp.End(kNormalizeLabel, xComp.GetStream());
 }
 
 // Steps shared by both overloads once the target exists and the inputs are bound; the pixel
