@@ -336,6 +336,28 @@ void copyQvImageToGSTFrame(Qv::CQvImage& image, GstVideoFrame* frame) {
     std::memcpy(pDst + static_cast<uint64_t>(y) * iStride, pSrc + y * uRow, uRow);
 }
 
+bool copyDeviceImageToGSTFrame(const Qv::CQvDeviceImage2D& image, GstVideoFrame* frame,
+                               cudaStream_t hStream) {
+  if (!frame || !frame->info.finfo || !frame->data[0] || !image.IsValid()) return false;
+  const Qv::CQvImageFormat& xFormat = image.GetFormat();
+  const int iWidth = GST_VIDEO_INFO_WIDTH(&frame->info);
+  const int iHeight = GST_VIDEO_INFO_HEIGHT(&frame->info);
+  const int iStride = GST_VIDEO_INFO_PLANE_STRIDE(&frame->info, 0);
+  if (iWidth != xFormat.iWidth || iHeight != xFormat.iHeight || iWidth < 1 || iHeight < 1)
+    return false;
+  const EPixelType::ID eFrame = MapGstToQvPixType(frame);
+  if (eFrame != xFormat.ePixelType && Qv::IsBayerPixelType(xFormat.ePixelType) &&
+      eFrame != EPixelType::Lum)
+    return false;
+  const uint64_t uRow = static_cast<uint64_t>(iWidth) * xFormat.GetBytesPerPixel();
+  if (iStride < 0 || static_cast<uint64_t>(iStride) < uRow) return false;
+  Qv::Device::Copy2D(frame->data[0], static_cast<size_t>(iStride), image.GetDevicePointer(),
+                     image.GetDevicePitch(), uRow, static_cast<size_t>(iHeight),
+                     Qv::Device::ECopyKind::DeviceToHost, hStream, true);
+  Qv::Device::SynchronizeStream(hStream);
+  return true;
+}
+
 void copyQvImageToGSTFrame_YUV(Qv::CQvImage& image, GstVideoFrame* frame) {
   if (!frame || !frame->info.finfo) QV_THROW("cannot copy QvImage to gstframe: no video frame");
   const int iWidth = GST_VIDEO_INFO_WIDTH(&frame->info);

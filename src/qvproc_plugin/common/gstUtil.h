@@ -61,6 +61,11 @@ Qv::EDataType::ID DataTypeFromCVFormat(int type);
 // Frame copy between host images, mapped video frames and OpenCV device matrices.
 // One plane: a mosaic goes only into a frame of the same mosaic or a Lum frame.
 void copyQvImageToGSTFrame(Qv::CQvImage& image, GstVideoFrame* frame);
+// One copy from the device image straight into the frame, where the frame has the image's size
+// and takes its pixels as they are; false, with nothing written, leaves the frame to
+// copyQvImageToGSTFrame from a host copy of the image.
+bool copyDeviceImageToGSTFrame(const Qv::CQvDeviceImage2D& image, GstVideoFrame* frame,
+                               cudaStream_t hStream);
 // Three planes from the stacked I420 layout; the planes must have strides W, W/2 and W/2.
 void copyQvImageToGSTFrame_YUV(Qv::CQvImage& image, GstVideoFrame* frame);
 // A view on plane 0 with packed rows, valid while the frame stays mapped.

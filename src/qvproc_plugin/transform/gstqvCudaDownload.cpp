@@ -357,9 +357,11 @@ static GstFlowReturn gst_cuda_download_transform_frame(GstBaseTransform* trans, 
     if (!pxImage) QV_THROW("No device image in meta found");
     if (pxImage->GetFormat().ePixelType != Qv::EPixelType::Lum) {
       Qv::OperatorMessage(QV_TEXT_DOWNLOAD_FORMAT, pxImage->GetFormat().ToString().ToCString());
-      Qv::CQvImage xHost;
-      pxImage->CopyTo(xHost);
-      copyQvImageToGSTFrame(xHost, &xFrame);
+      if (!copyDeviceImageToGSTFrame(*pxImage, &xFrame, self->parent.stream)) {
+        Qv::CQvImage xHost;
+        pxImage->CopyTo(xHost);
+        copyQvImageToGSTFrame(xHost, &xFrame);
+      }
     } else {
       gst_cuda_download_planes(self, *pxImage, &xFrame);
     }
