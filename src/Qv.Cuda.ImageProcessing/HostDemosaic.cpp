@@ -4,6 +4,7 @@
 // over pixel pairs, the two phases of the row known at compile time and every sample a plain
 // array read, which the compiler vectorises. The arithmetic is DemosaicPixel's, operation for
 // operation, so the bytes are those of the device and of the per-pixel path.
+#include <algorithm>
 #include <vector>
 
 #include "DemosaicKernel.h"
@@ -18,21 +19,23 @@ struct SSplitRow {
 };
 
 template <class S>
-void ReadSplitRow(const SDeviceImageDesc2D& xSource, int iRow, std::vector<float>& afLine,
-                  SSplitRow& xRow) {
+void ReadSplitRow(const SDeviceImageDesc2D& xSource, int iRow, int iHalf, SSplitRow& xRow) {
   const int w = xSource.xFormat.iWidth, h = xSource.xFormat.iHeight;
-  const typename S::Element* pRow =
+  const typename S::Element* __restrict pRow =
       PixelPtr<S>(xSource, 0, iRow < 0 ? 0 : (iRow >= h ? h - 1 : iRow));
-  float* pLine = afLine.data();
-  for (int x = 0; x < w; ++x) pLine[x + 2] = ReadChannel<S>(pRow[x]);
-  const int iPadded = static_cast<int>(afLine.size());
-  pLine[0] = pLine[1] = pLine[2];
-  for (int p = w + 2; p < iPadded; ++p) pLine[p] = pLine[w + 1];
-  float* pEven = xRow.afEven.data();
-  float* pOdd = xRow.afOdd.data();
-  for (int j = 0; j < iPadded / 2; ++j) {
-    pEven[j] = pLine[2 * j];
-    pOdd[j] = pLine[2 * j + 1];
+  float* __restrict pEven = xRow.afEven.data();
+  float* __restrict pOdd = xRow.afOdd.data();
+  // Padded column 2 j is x = 2 j - 2, column 2 j + 1 is x = 2 j - 1; both inside for j in
+  // [1, w / 2], the edge repeated outside.
+  pEven[0] = pOdd[0] = ReadChannel<S>(pRow[0]);
+  const int jInside = w / 2;
+  for (int j = 1; j <= jInside; ++j) {
+    pEven[j] = ReadChannel<S>(pRow[2 * j - 2]);
+    pOdd[j] = ReadChannel<S>(pRow[2 * j - 1]);
+  }
+  for (int j = jInside + 1; j < iHalf; ++j) {
+    pEven[j] = ReadChannel<S>(pRow[std::min(2 * j - 2, w - 1)]);
+    pOdd[j] = ReadChannel<S>(pRow[std::min(2 * j - 1, w - 1)]);
   }
 }
 
@@ -73,7 +76,6 @@ void HostDemosaicRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2
   const int iPairs = w / 2;
   // Pair i reads padded columns up to 2 i + 5, and a tail pixel up to 2 iPairs + 4.
   const int iPadded = 2 * (iPairs + 3);
-  std::vector<float> afLine(static_cast<size_t>(iPadded));
   SSplitRow axRing[5];
   for (SSplitRow& x : axRing) {
     x.afEven.resize(static_cast<size_t>(iPadded / 2));
@@ -81,9 +83,9 @@ void HostDemosaicRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2
   }
   // Source row r sits in slot r mod 5; rows above and below the mosaic repeat its edge rows.
   auto Slot = [](int r) { return ((r % 5) + 5) % 5; };
-  for (int r = y0 - 2; r < y0 + 2; ++r) ReadSplitRow<S>(xSource, r, afLine, axRing[Slot(r)]);
+  for (int r = y0 - 2; r < y0 + 2; ++r) ReadSplitRow<S>(xSource, r, iPadded / 2, axRing[Slot(r)]);
   for (int y = y0; y < y1; ++y) {
-    ReadSplitRow<S>(xSource, y + 2, afLine, axRing[Slot(y + 2)]);
+    ReadSplitRow<S>(xSource, y + 2, iPadded / 2, axRing[Slot(y + 2)]);
     const SSplitRow* const apRows[5] = {&axRing[Slot(y - 2)], &axRing[Slot(y - 1)],
                                         &axRing[Slot(y)], &axRing[Slot(y + 1)],
                                         &axRing[Slot(y + 2)]};
