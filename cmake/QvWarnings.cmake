@@ -33,5 +33,12 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
   if(QV_HOST_AVX2)
     target_compile_options(qv_build_flags INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-mavx2 -mfma>
                                                     $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-mavx2,-mfma>)
+    # Sixteen floats wide for the row runners alone, where the build machine has AVX-512.
+    set(CMAKE_REQUIRED_FLAGS "-mavx512f -mavx512bw")
+    check_cxx_source_runs(
+      "int main() { return __builtin_cpu_supports(\"avx512f\") && __builtin_cpu_supports(\"avx512bw\") ? 0 : 1; }"
+      QV_HOST_HAS_AVX512)
+    unset(CMAKE_REQUIRED_FLAGS)
+    option(QV_HOST_AVX512 "Use AVX-512 in the host backend's row runners" ${QV_HOST_HAS_AVX512})
   endif()
 endif()
