@@ -3,6 +3,7 @@
 // they name are read once into normalized floats, one plane a channel. Each sample is then the
 // texture unit's blend of four of those floats with the quantized weights, summed in the
 // functor's order, so the bytes are the functor's.
+#include <cstring>
 #include <vector>
 
 #include "ConvolveKernels.h"
@@ -12,70 +13,83 @@ namespace Kernel {
 namespace {
 
 // Normalized source rows, the colour channels only, kept for as long as target rows use them.
-// A slot holds each channel as a plane of the source's width; or, given column tables (one
-// sample a target pixel), each channel's texels pi0[x] and pi1[x] for every target column x as
-// two planes of the target's width, so that target rows blend plain arrays.
+// A slot holds each channel as a plane of the source's width; or, given a column table (one
+// sample a target pixel), for each channel and target column x the pair of texels the linear
+// filter blends there, side by side, so that target rows blend plain arrays.
 template <class T>
 class CRowCache {
  public:
   static constexpr int kChannels = T::iChannels == 4 ? 3 : 1;
 
-  CRowCache(const SDeviceImageDesc2D& xSource, int iSlots, const int* pi0 = nullptr,
-            const int* pi1 = nullptr, int iColumns = 0)
+  // Column x's pair is texels piPair[x] and piPair[x] + 1 of the row with one texel repeated
+  // at each end.
+  CRowCache(const SDeviceImageDesc2D& xSource, int iSlots, const int* piPair = nullptr,
+            int iColumns = 0)
       : m_xSource(xSource),
-        m_pi0(pi0),
-        m_pi1(pi1),
+        m_piPair(piPair),
         m_iColumns(iColumns),
         m_aiRow(static_cast<size_t>(iSlots), -1),
         m_afData(static_cast<size_t>(iSlots) * SlotFloats()),
-        m_afLine(pi0 ? static_cast<size_t>(kChannels) * xSource.xFormat.iWidth : 0) {}
+        m_afLine(piPair ? static_cast<size_t>(xSource.xFormat.iWidth) + 2 : 0) {}
 
   const float* Row(int iRow) {
     const int w = m_xSource.xFormat.iWidth;
     const size_t uSlot = static_cast<size_t>(iRow) % m_aiRow.size();
     float* pOut = m_afData.data() + uSlot * SlotFloats();
-    if (m_aiRow[uSlot] != iRow) {
-      m_aiRow[uSlot] = iRow;
-      const typename T::Element* pIn = PixelPtr<T>(m_xSource, 0, iRow);
-      float* pLine = m_pi0 ? m_afLine.data() : pOut;
-      for (int c = 0; c < kChannels; ++c)
-        for (int x = 0; x < w; ++x) pLine[c * w + x] = ReadChannel<T>(pIn[T::iChannels * x + c]);
-      if (m_pi0)
-        for (int c = 0; c < kChannels; ++c) {
-          float* p0 = pOut + static_cast<size_t>(2 * c) * m_iColumns;
-          Place(p0, p0 + m_iColumns, pLine + static_cast<size_t>(c) * w, m_pi0, m_pi1, m_iColumns);
-        }
+    if (m_aiRow[uSlot] == iRow) return pOut;
+    m_aiRow[uSlot] = iRow;
+    const typename T::Element* pIn = PixelPtr<T>(m_xSource, 0, iRow);
+    for (int c = 0; c < kChannels; ++c) {
+      if (!m_piPair) {
+        Normalize(pOut + static_cast<size_t>(c) * w, pIn + c, w);
+        continue;
+      }
+      // The row with one texel repeated at each end, then the pairs.
+      float* pLine = m_afLine.data();
+      Normalize(pLine + 1, pIn + c, w);
+      pLine[0] = pLine[1], pLine[w + 1] = pLine[w];
+      float* pPairs = pOut + static_cast<size_t>(2 * c) * m_iColumns;
+      for (int x = 0; x < m_iColumns; ++x)
+        std::memcpy(pPairs + 2 * x, pLine + m_piPair[x], 2 * sizeof(float));
     }
     return pOut;
   }
 
  private:
-  static void Place(float* __restrict p0, float* __restrict p1, const float* __restrict pLine,
-                    const int* __restrict pi0, const int* __restrict pi1, int iColumns) {
-    for (int x = 0; x < iColumns; ++x) p0[x] = pLine[pi0[x]], p1[x] = pLine[pi1[x]];
+  static void Normalize(float* __restrict pOut, const typename T::Element* __restrict pIn, int w) {
+    for (int x = 0; x < w; ++x) pOut[x] = ReadChannel<T>(pIn[T::iChannels * x]);
   }
 
   size_t SlotFloats() const {
-    return static_cast<size_t>(kChannels) * (m_pi0 ? 2 * m_iColumns : m_xSource.xFormat.iWidth);
+    return static_cast<size_t>(kChannels) * (m_piPair ? 2 * m_iColumns : m_xSource.xFormat.iWidth);
   }
 
   SDeviceImageDesc2D m_xSource;
-  const int* m_pi0;
-  const int* m_pi1;
+  const int* m_piPair;
   int m_iColumns;
   std::vector<int> m_aiRow;
   std::vector<float> m_afData;
   std::vector<float> m_afLine;
 };
 
-// One sample a target pixel: the blend of texels (i0, j0), (i1, j0), (i0, j1), (i1, j1), each
-// already placed at its target column.
-void BlendRow(float* __restrict pOut, const float* __restrict p00, const float* __restrict p10,
-              const float* __restrict p01, const float* __restrict p11,
-              const float* __restrict pfWeightX, float fWeightY, int w) {
+// One sample a target pixel, blended and stored: the pairs of channel c at column x are at
+// 2 (c w + x) of the slots p0 (row j0) and p1 (row j1).
+template <class T, int C>
+void BlendAndStoreRow(typename T::Element* __restrict pOut, const float* __restrict p0,
+                      const float* __restrict p1, const float* __restrict pfWeightX, float fWeightY,
+                      int w) {
+  const size_t n = static_cast<size_t>(w);
   for (int x = 0; x < w; ++x) {
     const float4 wt = Detail::LinearWeights(pfWeightX[x], fWeightY);
-    pOut[x] = Detail::Blend(p00[x], p10[x], p01[x], p11[x], wt.x, wt.y, wt.z, wt.w);
+    float v[C];
+    for (int c = 0; c < C; ++c) {
+      const size_t k = 2 * (c * n + x);
+      v[c] = Detail::Blend(p0[k], p0[k + 1], p1[k], p1[k + 1], wt.x, wt.y, wt.z, wt.w);
+    }
+    if constexpr (C == 3)
+      HostStoreRgb<T>(pOut + 4 * x, v[0], v[1], v[2]);
+    else
+      pOut[x] = StoreChannel<T>(v[0]);
   }
 }
 
@@ -108,8 +122,12 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
   // One sample along x and y gives the blend itself: for the box too, whose sum 0 + t and
   // division by 1 leave t as it is, except a float image's -0.
   const bool bOneSample = nx == 1 && ny == 1 && (fnPixel.bSingleSample || !T::bIsFloat);
-  CRowCache<T> xRows(xSrc, ny + 3, bOneSample ? aiX0.data() : nullptr,
-                     bOneSample ? aiX1.data() : nullptr, w);
+  // Where column x's texels i0 and i1 start in a row with one texel repeated at each end: at
+  // i0 + 1, or at the first or the next to last where the filter clamps both to an edge.
+  std::vector<int> aiPair(bOneSample ? static_cast<size_t>(w) : 0);
+  for (size_t x = 0; x < aiPair.size(); ++x)
+    aiPair[x] = aiX1[x] == aiX0[x] + 1 ? aiX0[x] + 1 : (aiX0[x] == 0 ? 0 : iSrcWidth);
+  CRowCache<T> xRows(xSrc, ny + 3, bOneSample ? aiPair.data() : nullptr, w);
   std::vector<float> afColour(static_cast<size_t>(w) * C);  // one plane a channel
   std::vector<float> afWeightY(static_cast<size_t>(ny));
   std::vector<const float*> apRow0(static_cast<size_t>(ny)), apRow1(static_cast<size_t>(ny));
@@ -120,15 +138,14 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
       apRow0[j] = xRows.Row(t.i0);
       apRow1[j] = xRows.Row(t.i1);
     }
-    // The colours of the row, then their stores, in loops the compiler vectorises.
+    typename T::Element* pOut = PixelPtr<T>(fnPixel.xTarget, 0, y);
+    if (bOneSample) {
+      BlendAndStoreRow<T, C>(pOut, apRow0[0], apRow1[0], afWeightX.data(), afWeightY[0], w);
+      continue;
+    }
+    // The colours of the row, then their stores.
     for (int c = 0; c < C; ++c) {
       float* pColour = afColour.data() + static_cast<size_t>(c) * w;
-      if (bOneSample) {
-        const float* p0 = apRow0[0] + static_cast<size_t>(2 * c) * w;
-        const float* p1 = apRow1[0] + static_cast<size_t>(2 * c) * w;
-        BlendRow(pColour, p0, p0 + w, p1, p1 + w, afWeightX.data(), afWeightY[0], w);
-        continue;
-      }
       for (int x = 0; x < w; ++x) {
         float s = 0.0f, fCount = 0.0f;
         for (int i = 0; i < nx; ++i) {
@@ -145,7 +162,6 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
         pColour[x] = s / fCount;
       }
     }
-    typename T::Element* pOut = PixelPtr<T>(fnPixel.xTarget, 0, y);
     const float* pR = afColour.data();
     if constexpr (C == 3) {
       const float *pG = pR + w, *pB = pG + w;
