@@ -121,5 +121,12 @@ struct FConvSep {
   }
 };
 
+// The host backend's pass of a separable filter over target rows [y0, y1), bit for bit
+// FConvSep's; source and target have the same size. Defined for RGBA_uc, RGBA_us, L_uc, L_us.
+template <class T>
+void HostConvSepRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource,
+                     const SFilterTaps& xTaps, int iRadius, float fNorm, bool bAlongX, int y0,
+                     int y1);
+
 }  // namespace Kernel
 }  // namespace Qv

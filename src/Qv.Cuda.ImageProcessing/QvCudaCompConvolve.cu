@@ -115,7 +115,17 @@ void LaunchSeparablePass(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2
   Kernel::SFilterTaps xTaps;
   std::memcpy(xTaps.afTap, pfTaps, sizeof(xTaps.afTap));
   xComp.SetKernelDim_Direct(xTarget.GetFormat(), 32, 16);
-  LaunchRadius<T, bAlongX, 1>(xComp, szName, xTarget, xSource, iRadius, xTaps, fNorm);
+  if (Device::IsCuda()) {
+    LaunchRadius<T, bAlongX, 1>(xComp, szName, xTarget, xSource, iRadius, xTaps, fNorm);
+    return;
+  }
+  const CQvImageFormat& xFormat = xTarget.GetFormat();
+  const SDeviceImageDesc2D xTrg = xTarget.GetDesc();
+  xComp.Begin(szName, xComp.GetStream());
+  Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth * (2 * iRadius + 1), [&](int y0, int y1) {
+    Kernel::HostConvSepRows<T>(xTrg, xSource.xImage, xTaps, iRadius, fNorm, bAlongX, y0, y1);
+  });
+  xComp.End(szName, xComp.GetStream());
 }
 
 }  // namespace
