@@ -235,25 +235,33 @@ static GstFlowReturn gst_cuda_upload_transform_frame(GstBaseTransform* trans, Gs
         self->width, self->height, static_cast<Qv::EPixelType::ID>(self->ePixelType),
         uSample == 2 ? Qv::EDataType::UShort : Qv::EDataType::UByte));
     const guint8* pRows = static_cast<const guint8*>(xIn.Data()) + uOffset;
-    std::vector<guint16> xScaled;
-    guint64 uRowStride = uStride;
     if (uSample == 2 && self->iDepth < 16) {
       // 10 to 14 significant bits fill the 16-bit range by a left shift (1023 at 10 bits
       // becomes 65472), so that the demosaic's normalization by 65535 holds. Bits above the
       // depth shift out like the others.
       const int iShift = 16 - self->iDepth;
       const guint64 uPixels = uWidth / 2;
-      xScaled.resize(static_cast<size_t>(uPixels * uHeight));
-      for (guint64 y = 0; y < uHeight; ++y)
-        for (guint64 x = 0; x < uPixels; ++x) {
-          const guint8* p = pRows + y * uStride + 2 * x;
-          xScaled[y * uPixels + x] = static_cast<guint16>((p[0] | (p[1] << 8)) << iShift);
+      auto ShiftInto = [&](guint8* pOut, guint64 uOutStride) {
+        for (guint64 y = 0; y < uHeight; ++y) {
+          const guint8* p = pRows + y * uStride;
+          auto* q = reinterpret_cast<guint16*>(pOut + y * uOutStride);
+          for (guint64 x = 0; x < uPixels; ++x)
+            q[x] = static_cast<guint16>((p[2 * x] | (p[2 * x + 1] << 8)) << iShift);
         }
-      pRows = reinterpret_cast<const guint8*>(xScaled.data());
-      uRowStride = uWidth;
+      };
+      if (Qv::Device::IsCuda()) {
+        std::vector<guint16> xScaled(static_cast<size_t>(uPixels * uHeight));
+        ShiftInto(reinterpret_cast<guint8*>(xScaled.data()), uWidth);
+        pxImage->Upload(xScaled.data(), uWidth, self->parent.stream, true);
+        Qv::Device::SynchronizeStream(self->parent.stream);
+      } else {
+        // The host backend's device image is host memory: the samples go straight into it.
+        ShiftInto(static_cast<guint8*>(pxImage->GetDevicePointer()), pxImage->GetDevicePitch());
+      }
+    } else {
+      pxImage->Upload(pRows, uStride, self->parent.stream, true);
+      Qv::Device::SynchronizeStream(self->parent.stream);
     }
-    pxImage->Upload(pRows, uRowStride, self->parent.stream, true);
-    Qv::Device::SynchronizeStream(self->parent.stream);
     CopyMetData(outbuf, inbuf);
     LogMessage("Upload complete");
     return GST_FLOW_OK;
