@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -13,7 +12,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "QvException.h"
@@ -29,25 +27,6 @@
   }
 
 namespace QvTest {
-
-// Two threads that keep both cores busy while it lives: races show under load.
-class CBusyCores {
- public:
-  CBusyCores() {
-    for (std::thread& x : m_axThreads)
-      x = std::thread([this] {
-        while (!m_bStop) continue;
-      });
-  }
-  ~CBusyCores() {
-    m_bStop = true;
-    for (std::thread& x : m_axThreads) x.join();
-  }
-
- private:
-  std::atomic<bool> m_bStop{false};
-  std::thread m_axThreads[2];
-};
 
 // The messages of the exception and its inner ones, outermost first, joined by " > ".
 inline std::string Chain(const Qv::IException& e) {

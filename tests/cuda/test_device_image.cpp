@@ -1,6 +1,7 @@
 // The device runtime: device images, their copies and refusals, the allocator, the device
 // exception and the choice of the backend.
 
+#include "QvBusyCores.h"
 #include "QvCudaException.h"
 #include "QvDevice.h"
 #include "QvDeviceImage2D.h"

@@ -13,10 +13,10 @@
 #include <tuple>
 #include <vector>
 
+#include "QvBusyCores.h"
 #include "QvDeviceImage2D.h"
 #include "QvMessage.h"
 #include "QvTestRandom.h"
-#include "QvTestUtil.h"
 #include "common/gstUtil.h"
 #include "gstqvHostElements.h"
 #include "plugin.h"
