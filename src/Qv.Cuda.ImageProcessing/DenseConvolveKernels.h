@@ -55,18 +55,12 @@ QV_HD QV_FORCEINLINE float SobelMagnitude(float a, float b, float c, float d, fl
   return sqrtf(fmaf(fGy, fGy, fGx * fGx));
 }
 
-// The host runner's Sobel; the CUDA kernel reads the same samples through a shared tile.
+// The host backend's Sobel of target rows [y0, y1): SobelMagnitude of the clamped 3 x 3
+// neighbourhood, as the CUDA kernel reads it through a shared tile; the source's rows read once
+// each, one loop over a row. Defined for every class WithFirstChannelClass takes.
 template <class TSrc>
-struct FSobel {
-  SDeviceImageDesc2D xTarget;
-  SDeviceImageDesc2D xSource;
-
-  QV_HD void operator()(int x, int y) const {
-    auto p = [&](int dx, int dy) { return FirstChannelClamped<TSrc>(xSource, x + dx, y + dy); };
-    *PixelPtr<L_f>(xTarget, x, y) = SobelMagnitude(p(-1, -1), p(0, -1), p(1, -1), p(-1, 0), p(1, 0),
-                                                   p(-1, 1), p(0, 1), p(1, 1));
-  }
-};
+void HostSobelRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource, int y0,
+                   int y1);
 
 }  // namespace Kernel
 }  // namespace Qv

@@ -119,9 +119,7 @@ void CQvCudaCompConvolve::Sobel(CQvDeviceImage2D& xTarget, const CQvDeviceImage2
         Kernel::Sobel<TSrc><<<GetGrid(), GetBlock(), 0, m_hStream>>>(xTrgDesc, xSrcDesc);
       else
         Device::HostParallelFor(xTrgFormat.iHeight, xTrgFormat.iWidth, [&](int y0, int y1) {
-          const Kernel::FSobel<TSrc> fnPixel{xTrgDesc, xSrcDesc};
-          for (int y = y0; y < y1; ++y)
-            for (int x = 0; x < xTrgFormat.iWidth; ++x) fnPixel(x, y);
+          Kernel::HostSobelRows<TSrc>(xTrgDesc, xSrcDesc, y0, y1);
         });
       End(szName, m_hStream);
     });
