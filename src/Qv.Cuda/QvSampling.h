@@ -247,6 +247,14 @@ QV_HD QV_FORCEINLINE float4 Fetch(const STexture2D& xTex, float x, float y) {
 
 template <class T>
 QV_HD QV_FORCEINLINE float4 FetchPixel(const STexture2D& xTex, int i, int j) {
+#if !defined(__CUDA_ARCH__)
+  // A point fetch at a pixel centre reads the pixel, the edge repeated: below 2^22 the
+  // emulation's floor of i + 0.5 is i, so the host skips the coordinate arithmetic there.
+  constexpr int kExact = 1 << 22;
+  if (!xTex.bLinearFilter && !xTex.bNormalizedCoordinates && i > -kExact && i < kExact &&
+      j > -kExact && j < kExact)
+    return Detail::HostTexel<T>(xTex.xImage, i, j);
+#endif
   return Fetch<T>(xTex, static_cast<float>(i) + 0.5f, static_cast<float>(j) + 0.5f);
 }
 
