@@ -41,6 +41,17 @@ struct FMix {
   }
 };
 
+// The host backend's mix, a row at a time: a row of an image as FetchColour reads it, FMix's
+// blend of two such rows into the first, and a row stored as StoreColour stores it. Defined
+// for the six classes Mix takes.
+template <class T>
+void HostReadColourRow(const SDeviceImageDesc2D& xImage, int y, float* pR, float* pG, float* pB);
+void HostMixRow(float* pR, float* pG, float* pB, const float* pR2, const float* pG2,
+                const float* pB2, float fWeight, bool bBlackIsTransparent, int w);
+template <class T>
+void HostStoreColourRow(const SDeviceImageDesc2D& xImage, int y, const float* pR, const float* pG,
+                        const float* pB);
+
 // An 8- or 16-bit one-channel target from a float accumulator.
 template <class T>
 struct FDivide {

@@ -1,6 +1,7 @@
 // Mix: Mix binds input1 and picks its class T1, _MixA<T1> binds input2 and picks T2, _MixB<T1, T2>
 // launches the blend into the target's class, which follows from T1 and T2.
 #include <type_traits>
+#include <vector>
 
 #include "ArithmeticKernels.h"
 #include "QvCudaCompConvolve.h"
@@ -63,9 +64,28 @@ void RunMix(CQvCudaComp& xComp, CQvDeviceImage2D& xTarget, const CQvDeviceImage2
     QV_THROW("The target may be an input image only if it has the format of the result");
   xTarget.Create(xTrgFormat);
   xComp.EvalKernelDim_2D_1D(xFormat1, 32, 8);
-  LaunchPerPixel(xComp, kMixLabel, xFormat1.iWidth, xFormat1.iHeight,
-                 Kernel::FMix<T1, T2, T3>{xTarget.GetDesc(), xTexture1, xTexture2, fWeight,
-                                          bBlackIsTransparent});
+  if (Device::IsCuda()) {
+    LaunchPerPixel(xComp, kMixLabel, xFormat1.iWidth, xFormat1.iHeight,
+                   Kernel::FMix<T1, T2, T3>{xTarget.GetDesc(), xTexture1, xTexture2, fWeight,
+                                            bBlackIsTransparent});
+    return;
+  }
+  // Same-sized inputs: the point fetches read the pixels themselves.
+  const SDeviceImageDesc2D xTrg = xTarget.GetDesc(), xIn1 = xTexture1.xImage,
+                           xIn2 = xTexture2.xImage;
+  const int w = xFormat1.iWidth;
+  xComp.Begin(kMixLabel, xComp.GetStream());
+  Device::HostParallelFor(xFormat1.iHeight, w, [&](int y0, int y1) {
+    std::vector<float> a(static_cast<size_t>(6) * w);
+    float *pR = a.data(), *pG = pR + w, *pB = pG + w, *pR2 = pB + w, *pG2 = pR2 + w, *pB2 = pG2 + w;
+    for (int y = y0; y < y1; ++y) {
+      Kernel::HostReadColourRow<T1>(xIn1, y, pR, pG, pB);
+      Kernel::HostReadColourRow<T2>(xIn2, y, pR2, pG2, pB2);
+      Kernel::HostMixRow(pR, pG, pB, pR2, pG2, pB2, fWeight, bBlackIsTransparent, w);
+      Kernel::HostStoreColourRow<T3>(xTrg, y, pR, pG, pB);
+    }
+  });
+  xComp.End(kMixLabel, xComp.GetStream());
 }
 
 }  // namespace
