@@ -837,7 +837,7 @@ void HostLines(bool bCuda) {
     std::printf("lines:  not run (bayer2rgb, videoconvert, videoscale or jpegenc is missing)\n");
     return;
   }
-  const int iFrames = bCuda ? 200 : 20;
+  const int iFrames = bCuda ? 200 : 30;
   const char* szJpegPattern = "/dev/shm/qvbench-line-%05d.jpg";
   const struct {
     const char* szName;
@@ -862,10 +862,10 @@ void HostLines(bool bCuda) {
               "ours CPU", "peer CPU", "ratio", "ours wall", "peer wall", "ratio");
   for (const auto& l : aLines) {
     const bool bJpeg = std::strstr(l.szOurs, "jpegsink") != NULL;
-    // Ours and the peer by turns, three times each; the medians. Which ran first and what the
+    // Ours and the peer by turns, five times each; the medians. Which ran first and what the
     // allocator holds then moves single runs by a factor of two or more.
     std::vector<double> xOursCpu, xOursWall, xPeerCpu, xPeerWall;
-    for (int iRun = 0; iRun < 3; ++iRun) {
+    for (int iRun = 0; iRun < 5; ++iRun) {
       const SPipelineResult xOurs =
           RunPipeline(l.szOurs, l.iWidth, l.iHeight, iFrames, "grbg", bJpeg);
       if (bJpeg) {

@@ -51,7 +51,9 @@ QV_HD QV_FORCEINLINE float ReadChannel(typename T::Element v) {
   if constexpr (T::bIsFloat) {
     return static_cast<float>(v);
   } else {
-#if defined(__CUDA_ARCH__)
+#if defined(__CUDA_ARCH__) || defined(__FMA__) || defined(__aarch64__)
+    // Where fused multiply-adds are instructions, the correction is cheaper than a division
+    // (in vectors too) and gives its bits.
     return DivideByStoreScale(static_cast<float>(v), T::fStoreScale);
 #else
     return static_cast<float>(v) / T::fStoreScale;
