@@ -14,8 +14,8 @@ namespace {
 
 // Normalized source rows, the colour channels only, kept for as long as target rows use them.
 // A slot holds each channel as a plane of the source's width; or, given a column table (one
-// sample a target pixel), for each channel and target column x the pair of texels the linear
-// filter blends there, side by side, so that target rows blend plain arrays.
+// sample a target pixel), for each channel two planes of the target's width: the first and the
+// second texel the linear filter blends at each column, so that target rows blend plain arrays.
 template <class T>
 class CRowCache {
  public:
@@ -48,14 +48,49 @@ class CRowCache {
       float* pLine = m_afLine.data();
       Normalize(pLine + 1, pIn + c, w);
       pLine[0] = pLine[1], pLine[w + 1] = pLine[w];
-      float* pPairs = pOut + static_cast<size_t>(2 * c) * m_iColumns;
-      for (int x = 0; x < m_iColumns; ++x)
-        std::memcpy(pPairs + 2 * x, pLine + m_piPair[x], 2 * sizeof(float));
+      float* pFirst = pOut + static_cast<size_t>(2 * c) * m_iColumns;
+      PlacePairs(pFirst, pFirst + m_iColumns, pLine, m_piPair, m_iColumns, w + 2);
     }
     return pOut;
   }
 
  private:
+  // pFirst[x] = pLine[piPair[x]] and pSecond[x] = pLine[piPair[x] + 1]. piPair never falls
+  // along a row, so unless the row shrinks by two or more, the pairs of a vector's width of
+  // columns lie in two vectors' width of the row: two loads and two permutations place them.
+  static void PlacePairs(float* __restrict pFirst, float* __restrict pSecond,
+                         const float* __restrict pLine, const int* __restrict piPair, int n,
+                         int iLine) {
+    int x = 0;
+#if defined(__AVX512F__) || defined(__AVX2__)
+#if defined(__AVX512F__)
+    constexpr int N = 16;
+#else
+    constexpr int N = 8;
+#endif
+    typedef float VFloat __attribute__((vector_size(4 * N)));
+    typedef int VInt __attribute__((vector_size(4 * N)));
+    for (; x + N <= n; x += N) {
+      const int iBase = piPair[x];
+      if (piPair[x + N - 1] + 1 - iBase >= 2 * N || iBase + 2 * N > iLine) {
+        for (int k = x; k < x + N; ++k)
+          pFirst[k] = pLine[piPair[k]], pSecond[k] = pLine[piPair[k] + 1];
+        continue;
+      }
+      VFloat v0, v1;
+      VInt i;
+      std::memcpy(&v0, pLine + iBase, sizeof(v0));
+      std::memcpy(&v1, pLine + iBase + N, sizeof(v1));
+      std::memcpy(&i, piPair + x, sizeof(i));
+      i -= iBase;
+      const VFloat a = __builtin_shuffle(v0, v1, i), b = __builtin_shuffle(v0, v1, i + 1);
+      std::memcpy(pFirst + x, &a, sizeof(a));
+      std::memcpy(pSecond + x, &b, sizeof(b));
+    }
+#endif
+    for (; x < n; ++x) pFirst[x] = pLine[piPair[x]], pSecond[x] = pLine[piPair[x] + 1];
+  }
+
   static void Normalize(float* __restrict pOut, const typename T::Element* __restrict pIn, int w) {
     for (int x = 0; x < w; ++x) pOut[x] = ReadChannel<T>(pIn[T::iChannels * x]);
   }
@@ -72,8 +107,8 @@ class CRowCache {
   std::vector<float> m_afLine;
 };
 
-// One sample a target pixel, blended and stored: the pairs of channel c at column x are at
-// 2 (c w + x) of the slots p0 (row j0) and p1 (row j1).
+// One sample a target pixel, blended and stored: channel c's texels i0 and i1 of column x are
+// at 2 c w + x and (2 c + 1) w + x of the slots p0 (row j0) and p1 (row j1).
 template <class T, int C>
 void BlendAndStoreRow(typename T::Element* __restrict pOut, const float* __restrict p0,
                       const float* __restrict p1, const float* __restrict pfWeightX, float fWeightY,
@@ -83,8 +118,8 @@ void BlendAndStoreRow(typename T::Element* __restrict pOut, const float* __restr
     const float4 wt = Detail::LinearWeights(pfWeightX[x], fWeightY);
     float v[C];
     for (int c = 0; c < C; ++c) {
-      const size_t k = 2 * (c * n + x);
-      v[c] = Detail::Blend(p0[k], p0[k + 1], p1[k], p1[k + 1], wt.x, wt.y, wt.z, wt.w);
+      const size_t k = 2 * c * n + x;
+      v[c] = Detail::Blend(p0[k], p0[k + n], p1[k], p1[k + n], wt.x, wt.y, wt.z, wt.w);
     }
     if constexpr (C == 3)
       HostStoreRgb<T>(pOut + 4 * x, v[0], v[1], v[2]);

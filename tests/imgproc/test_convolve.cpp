@@ -128,4 +128,29 @@ TEST(Resample, TargetPixelsSampleWhereTheScaleFactorPutsThem) {
   }
 }
 
+// Rows wide enough for the host's vector placing of texel pairs, enlarged and shrunk by less
+// and more than two. A ramp of sixteenths blended with weights in 256ths is exact in floats, so
+// each target pixel is worked out from the texture rule: sample at x * W / w + 0.5, texels
+// floor(x - 0.5) and the next, edge repeated, weight rounded to 1/256.
+TEST(Resample, WideRowsSampleWhereTheScaleFactorPutsThem) {
+  const int W = 40;
+  V xRamp(W);
+  for (int i = 0; i < W; ++i) xRamp[i] = i / 16.0;
+  const CQvDeviceImage2D xImage = QvTest::Upload(W, 1, EPixelType::Lum, EDataType::Float, xRamp);
+  for (const int w : {80, 57, 40, 23, 15}) {
+    CQvDeviceImage2D xTarget;
+    CQvCudaCompConvolve().Shrink(xTarget, xImage, w, 1, true);
+    const float fx = static_cast<float>(W) / static_cast<float>(w);
+    V xExpected;
+    for (int x = 0; x < w; ++x) {
+      const float c = static_cast<float>(x) * fx + 0.5f - 0.5f;
+      const int i = static_cast<int>(std::floor(c));
+      const double a = std::floor((c - std::floor(c)) * 256.0 + 0.5);
+      const int i0 = std::clamp(i, 0, W - 1), i1 = std::clamp(i + 1, 0, W - 1);
+      xExpected.push_back((i0 * (256 - a) + i1 * a) / 4096.0);
+    }
+    EXPECT_EQ(xExpected, QvTest::Download(xTarget)) << W << " to " << w;
+  }
+}
+
 }  // namespace
