@@ -21,6 +21,15 @@ QV_HD QV_FORCEINLINE float4 FetchColour(const STexture2D& xTex, int x, int y) {
 
 // (1 - weight) b + a w, w being 1 where b is black and black is transparent. The factor of b
 // stays 1 - weight, which such a b makes irrelevant. An L target takes the first channel.
+QV_HD QV_FORCEINLINE float MixWeightOf(float br, float bg, float bb, float fWeight,
+                                       bool bBlackIsTransparent) {
+  return bBlackIsTransparent && br == 0.0f && bg == 0.0f && bb == 0.0f ? 1.0f : fWeight;
+}
+
+QV_HD QV_FORCEINLINE float MixChannel(float a, float b, float w, float fWeight) {
+  return fmaf(a, w, (1.0f - fWeight) * b);
+}
+
 template <class T1, class T2, class T3>
 struct FMix {
   SDeviceImageDesc2D xTarget;
@@ -32,12 +41,10 @@ struct FMix {
   QV_HD void operator()(int x, int y) const {
     const float4 a = FetchColour<T1>(xInput1, x, y);
     const float4 b = FetchColour<T2>(xInput2, x, y);
-    const float w =
-        bBlackIsTransparent && b.x == 0.0f && b.y == 0.0f && b.z == 0.0f ? 1.0f : fWeight;
-    const float fOther = 1.0f - fWeight;
+    const float w = MixWeightOf(b.x, b.y, b.z, fWeight, bBlackIsTransparent);
     StoreColour<T3>(xTarget, x, y,
-                    make_float4(fmaf(a.x, w, fOther * b.x), fmaf(a.y, w, fOther * b.y),
-                                fmaf(a.z, w, fOther * b.z), 1.0f));
+                    make_float4(MixChannel(a.x, b.x, w, fWeight), MixChannel(a.y, b.y, w, fWeight),
+                                MixChannel(a.z, b.z, w, fWeight), 1.0f));
   }
 };
 

@@ -22,13 +22,11 @@ void HostReadColourRow(const SDeviceImageDesc2D& xImage, int y, float* __restric
 void HostMixRow(float* __restrict pR, float* __restrict pG, float* __restrict pB,
                 const float* __restrict pR2, const float* __restrict pG2,
                 const float* __restrict pB2, float fWeight, bool bBlackIsTransparent, int w) {
-  const float fOther = 1.0f - fWeight;
   for (int x = 0; x < w; ++x) {
-    const float fW =
-        bBlackIsTransparent && pR2[x] == 0.0f && pG2[x] == 0.0f && pB2[x] == 0.0f ? 1.0f : fWeight;
-    pR[x] = fmaf(pR[x], fW, fOther * pR2[x]);
-    pG[x] = fmaf(pG[x], fW, fOther * pG2[x]);
-    pB[x] = fmaf(pB[x], fW, fOther * pB2[x]);
+    const float fW = MixWeightOf(pR2[x], pG2[x], pB2[x], fWeight, bBlackIsTransparent);
+    pR[x] = MixChannel(pR[x], pR2[x], fW, fWeight);
+    pG[x] = MixChannel(pG[x], pG2[x], fW, fWeight);
+    pB[x] = MixChannel(pB[x], pB2[x], fW, fWeight);
   }
 }
 
