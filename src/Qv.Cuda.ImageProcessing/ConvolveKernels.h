@@ -72,10 +72,23 @@ struct FShrink {
   }
 };
 
-// The host backend's shrink of target rows [y0, y1), bit for bit the functor's; defined for
-// every class Shrink takes.
+// A separable resampling through the linear filter, for the host backend's rows: the texture
+// coordinate of sample i along x of target column x at pfX[x nx + i], of sample j along y of
+// target row y at pfY[y ny + j]; each target pixel the mean of its nx x ny samples, or with
+// bAverage false the one sample itself.
+struct SResampleAxes {
+  const float* pfX;
+  int nx;
+  const float* pfY;
+  int ny;
+  bool bAverage;
+};
+
+// The host backend's resampling of target rows [y0, y1), bit for bit what FShrink and FResize
+// give; defined for every class they take.
 template <class T>
-void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1);
+void HostResampleRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource,
+                      const SResampleAxes& xAxes, int y0, int y1);
 
 template <class T>
 struct FResize {
@@ -84,15 +97,26 @@ struct FResize {
   STexture2D xSource;
   int iBorder;
 
+  // One sample a target pixel, at these texture coordinates.
+  static constexpr bool bSingleSample = true;
+  QV_HD QV_FORCEINLINE int SamplesX() const { return 1; }
+  QV_HD QV_FORCEINLINE int SamplesY() const { return 1; }
+  QV_HD QV_FORCEINLINE float SampleX(int x, int) const {
+    return Along(x, xTarget.xFormat.iWidth, xSrcFormat.iWidth);
+  }
+  QV_HD QV_FORCEINLINE float SampleY(int y, int) const {
+    return Along(y, xTarget.xFormat.iHeight, xSrcFormat.iHeight);
+  }
+
   QV_HD void operator()(int x, int y) const {
-    const float fRangeW = static_cast<float>(xSrcFormat.iWidth - 2 * iBorder);
-    const float fRangeH = static_cast<float>(xSrcFormat.iHeight - 2 * iBorder);
-    const float u = (static_cast<float>(x) + 0.5f) / static_cast<float>(xTarget.xFormat.iWidth);
-    const float v = (static_cast<float>(y) + 0.5f) / static_cast<float>(xTarget.xFormat.iHeight);
-    const float fBorder = static_cast<float>(iBorder);
-    const float4 s = Fetch<T>(xSource, (fBorder + fmaf(u, fRangeW, -0.5f)) + 0.5f,
-                              (fBorder + fmaf(v, fRangeH, -0.5f)) + 0.5f);
-    StoreColour<T>(xTarget, x, y, s);
+    StoreColour<T>(xTarget, x, y, Fetch<T>(xSource, SampleX(x, 0), SampleY(y, 0)));
+  }
+
+ private:
+  QV_HD QV_FORCEINLINE float Along(int i, int iTarget, int iSource) const {
+    const float fRange = static_cast<float>(iSource - 2 * iBorder);
+    const float u = (static_cast<float>(i) + 0.5f) / static_cast<float>(iTarget);
+    return (static_cast<float>(iBorder) + fmaf(u, fRange, -0.5f)) + 0.5f;
   }
 };
 

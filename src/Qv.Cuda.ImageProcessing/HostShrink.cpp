@@ -1,6 +1,6 @@
-// The host backend's shrink, row by row. The linear filter's taps along x are the same for
-// every row and those along y for every column, so both are worked out once; the source rows
-// they name are read once into normalized floats, one plane a channel. Each sample is then the
+// The host backend's shrink and resize, row by row. The linear filter's taps along x are the
+// same for every row and those along y for every column, so both are worked out once; the source
+// rows they name are read once into normalized floats, one plane a channel. Each sample is then the
 // texture unit's blend of four of those floats with the quantized weights, summed in the
 // functor's order, so the bytes are the functor's.
 #include <cstring>
@@ -131,32 +131,25 @@ void BlendAndStoreRow(typename T::Element* __restrict pOut, const float* __restr
 }  // namespace
 
 template <class T>
-void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
-  const SDeviceImageDesc2D& xSrc = fnPixel.xSource.xImage;
+void HostResampleRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSrc,
+                      const SResampleAxes& xAxes, int y0, int y1) {
   const int iSrcWidth = xSrc.xFormat.iWidth, iSrcHeight = xSrc.xFormat.iHeight;
-  const int w = fnPixel.xTarget.xFormat.iWidth;
-  const int nx = fnPixel.SamplesX(), ny = fnPixel.SamplesY();
-  // The rows one target row reads lie within ny + 3 of each other. Reductions so steep that
-  // the tables would outgrow the images run per pixel.
-  const int64_t iTableFloats = (static_cast<int64_t>(ny) + 3) * iSrcWidth * 3 + int64_t{3} * w * nx;
-  if (iTableFloats > (int64_t{16} << 20)) {
-    for (int y = y0; y < y1; ++y)
-      for (int x = 0; x < w; ++x) fnPixel(x, y);
-    return;
-  }
+  const int w = xTarget.xFormat.iWidth;
+  const int nx = xAxes.nx, ny = xAxes.ny;
   constexpr int C = CRowCache<T>::kChannels;
   // Taps along x, sample i of column x at x * nx + i.
   std::vector<int> aiX0(static_cast<size_t>(w) * nx), aiX1(aiX0.size());
   std::vector<float> afWeightX(aiX0.size());
   for (int x = 0; x < w; ++x)
     for (int i = 0; i < nx; ++i) {
-      const Detail::SLinearTap t = Detail::LinearTap(fnPixel.SampleX(x, i), iSrcWidth);
+      const Detail::SLinearTap t =
+          Detail::LinearTap(xAxes.pfX[static_cast<size_t>(x) * nx + i], iSrcWidth);
       const size_t k = static_cast<size_t>(x) * nx + i;
       aiX0[k] = t.i0, aiX1[k] = t.i1, afWeightX[k] = t.fWeight;
     }
   // One sample along x and y gives the blend itself: for the box too, whose sum 0 + t and
   // division by 1 leave t as it is, except a float image's -0.
-  const bool bOneSample = nx == 1 && ny == 1 && (fnPixel.bSingleSample || !T::bIsFloat);
+  const bool bOneSample = nx == 1 && ny == 1 && (!xAxes.bAverage || !T::bIsFloat);
   // Where column x's texels i0 and i1 start in a row with one texel repeated at each end: at
   // i0 + 1, or at the first or the next to last where the filter clamps both to an edge.
   std::vector<int> aiPair(bOneSample ? static_cast<size_t>(w) : 0);
@@ -168,12 +161,13 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
   std::vector<const float*> apRow0(static_cast<size_t>(ny)), apRow1(static_cast<size_t>(ny));
   for (int y = y0; y < y1; ++y) {
     for (int j = 0; j < ny; ++j) {
-      const Detail::SLinearTap t = Detail::LinearTap(fnPixel.SampleY(y, j), iSrcHeight);
+      const Detail::SLinearTap t =
+          Detail::LinearTap(xAxes.pfY[static_cast<size_t>(y) * ny + j], iSrcHeight);
       afWeightY[j] = t.fWeight;
       apRow0[j] = xRows.Row(t.i0);
       apRow1[j] = xRows.Row(t.i1);
     }
-    typename T::Element* pOut = PixelPtr<T>(fnPixel.xTarget, 0, y);
+    typename T::Element* pOut = PixelPtr<T>(xTarget, 0, y);
     if (bOneSample) {
       BlendAndStoreRow<T, C>(pOut, apRow0[0], apRow1[0], afWeightX.data(), afWeightY[0], w);
       continue;
@@ -207,11 +201,14 @@ void HostShrinkRows(const FShrink<T>& fnPixel, int y0, int y1) {
   }
 }
 
-template void HostShrinkRows(const FShrink<RGBA_uc>&, int, int);
-template void HostShrinkRows(const FShrink<RGBA_us>&, int, int);
-template void HostShrinkRows(const FShrink<L_uc>&, int, int);
-template void HostShrinkRows(const FShrink<L_us>&, int, int);
-template void HostShrinkRows(const FShrink<L_f>&, int, int);
+#define QV_HOST_RESAMPLE(T)                                                               \
+  template void HostResampleRows<T>(const SDeviceImageDesc2D&, const SDeviceImageDesc2D&, \
+                                    const SResampleAxes&, int, int);
+QV_HOST_RESAMPLE(RGBA_uc)
+QV_HOST_RESAMPLE(RGBA_us)
+QV_HOST_RESAMPLE(L_uc)
+QV_HOST_RESAMPLE(L_us)
+QV_HOST_RESAMPLE(L_f)
 
 }  // namespace Kernel
 }  // namespace Qv

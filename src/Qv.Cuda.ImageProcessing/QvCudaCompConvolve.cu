@@ -1,5 +1,6 @@
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "ConvolveKernels.h"
 #include "QvCudaCompConvolve.h"
@@ -24,21 +25,29 @@ EResampleClass ResampleClassOf(const CQvDeviceImage2D& xImage) {
   return EResampleClass::None;
 }
 
-template <class F>
-void RunResample(CQvCudaComp& xComp, const char* szName, int w, int h, const F& fnPixel) {
-  LaunchPerPixel(xComp, szName, w, h, fnPixel);
-}
-
-// Shrink runs rows at a time on the host backend.
-template <class T>
-void RunResample(CQvCudaComp& xComp, const char* szName, int w, int h,
-                 const Kernel::FShrink<T>& fnPixel) {
-  if (Device::IsCuda()) {
+// Per pixel on the CUDA backend; rows at a time on the host, from the functor's sample
+// coordinates worked out once. Reductions so steep that the host's tables would outgrow the
+// images run per pixel there too.
+template <template <class> class F, class T>
+void RunResample(CQvCudaComp& xComp, const char* szName, int w, int h, const F<T>& fnPixel) {
+  const int nx = fnPixel.SamplesX(), ny = fnPixel.SamplesY();
+  const int64_t iTableFloats =
+      (static_cast<int64_t>(ny) + 3) * fnPixel.xSource.xImage.xFormat.iWidth * 3 +
+      int64_t{3} * w * nx;
+  if (Device::IsCuda() || iTableFloats > (int64_t{16} << 20)) {
     LaunchPerPixel(xComp, szName, w, h, fnPixel);
     return;
   }
+  std::vector<float> afX(static_cast<size_t>(w) * nx), afY(static_cast<size_t>(h) * ny);
+  for (int x = 0; x < w; ++x)
+    for (int i = 0; i < nx; ++i) afX[static_cast<size_t>(x) * nx + i] = fnPixel.SampleX(x, i);
+  for (int y = 0; y < h; ++y)
+    for (int j = 0; j < ny; ++j) afY[static_cast<size_t>(y) * ny + j] = fnPixel.SampleY(y, j);
+  const Kernel::SResampleAxes xAxes{afX.data(), nx, afY.data(), ny, !fnPixel.bSingleSample};
   xComp.Begin(szName, xComp.GetStream());
-  Device::HostParallelFor(h, w, [&](int y0, int y1) { Kernel::HostShrinkRows(fnPixel, y0, y1); });
+  Device::HostParallelFor(h, w, [&](int y0, int y1) {
+    Kernel::HostResampleRows<T>(fnPixel.xTarget, fnPixel.xSource.xImage, xAxes, y0, y1);
+  });
   xComp.End(szName, xComp.GetStream());
 }
 
