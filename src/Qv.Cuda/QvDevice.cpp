@@ -1,5 +1,7 @@
 #include "QvDevice.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -280,12 +282,30 @@ namespace {
 // thread's, or a launch inside a launch) runs on its calling thread alone.
 class CHostWorkers {
  public:
+  // Never destroyed: workers blocked in their wait end with the process, and no launch can
+  // find the pool gone while exit handlers run. A forked child has none of its parent's
+  // threads, so it makes workers of its own at its first launch.
   static CHostWorkers& Get() {
-    // Never destroyed: workers blocked in their wait end with the process, and no launch can
-    // find the pool gone while exit handlers run.
-    static CHostWorkers* s_pxWorkers =
-        new CHostWorkers(std::max(1, static_cast<int>(std::thread::hardware_concurrency())) - 1);
-    return *s_pxWorkers;
+    for (;;) {
+      if (CHostWorkers* pxWorkers = s_pxWorkers.load(std::memory_order_acquire)) return *pxWorkers;
+      bool bIdle = false;
+      if (s_bMaking.compare_exchange_strong(bIdle, true, std::memory_order_acquire)) {
+        static const int s_iAtFork = pthread_atfork(nullptr, nullptr, [] {
+          s_pxWorkers.store(nullptr, std::memory_order_relaxed);
+          s_bMaking.store(false, std::memory_order_relaxed);
+        });
+        (void)s_iAtFork;
+        // Another thread may have made them between the load above and taking the flag.
+        if (!s_pxWorkers.load(std::memory_order_acquire))
+          s_pxWorkers.store(
+              new CHostWorkers(std::max(1, static_cast<int>(std::thread::hardware_concurrency())) -
+                               1),
+              std::memory_order_release);
+        s_bMaking.store(false, std::memory_order_release);
+      } else {
+        std::this_thread::yield();
+      }
+    }
   }
 
   int GetWorkers() const { return m_iWorkers; }
@@ -339,7 +359,13 @@ class CHostWorkers {
   int m_iRows = 0, m_iChunk = 0, m_iThreads = 0, m_iPending = 0;
   uint64_t m_uLaunch = 0;
   const int m_iWorkers;
+
+  static std::atomic<CHostWorkers*> s_pxWorkers;
+  static std::atomic<bool> s_bMaking;  // held while one thread makes the workers
 };
+
+std::atomic<CHostWorkers*> CHostWorkers::s_pxWorkers{nullptr};
+std::atomic<bool> CHostWorkers::s_bMaking{false};
 
 }  // namespace
 

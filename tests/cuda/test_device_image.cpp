@@ -1,6 +1,11 @@
 // The device runtime: device images, their copies and refusals, the allocator, the device
 // exception and the choice of the backend.
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
 #include "QvBusyCores.h"
 #include "QvCudaException.h"
 #include "QvDevice.h"
@@ -192,4 +197,25 @@ TEST(HostParallelFor, EveryRowOnceFromManyThreadsAndFromInsideALaunch) {
       }
     });
   for (std::thread& x : xThreads) x.join();
+}
+
+// A process forked after the workers were made has none of their threads: its launches must
+// not wait for them.
+TEST(HostParallelFor, AForkedChildRunsItsLaunches) {
+  auto Rows = [] {
+    std::atomic<int> iRows{0};
+    Device::HostParallelFor(64, 1 << 20, [&](int y0, int y1) { iRows += y1 - y0; });
+    return iRows.load();
+  };
+  ASSERT_EQ(64, Rows());
+  const pid_t iChild = fork();
+  if (iChild == 0) _exit(Rows() == 64 ? 0 : 1);
+  int iStatus = 0;
+  for (int i = 0; i < 500 && waitpid(iChild, &iStatus, WNOHANG) == 0; ++i) usleep(10000);
+  if (waitpid(iChild, &iStatus, WNOHANG) == 0) {
+    kill(iChild, SIGKILL);
+    waitpid(iChild, &iStatus, 0);
+    FAIL() << "the child's launch waited for workers it does not have";
+  }
+  EXPECT_TRUE(WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0);
 }
