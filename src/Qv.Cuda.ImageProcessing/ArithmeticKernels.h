@@ -87,6 +87,10 @@ struct FIncrement {
 };
 
 // (a - b) x scale + offset: the difference rounded, then one fused multiply-add.
+QV_HD QV_FORCEINLINE float SubtractChannel(float a, float b, float fScale, float fOffset) {
+  return fmaf(a - b, fScale, fOffset);
+}
+
 template <class T>
 struct FSubtract {
   SDeviceImageDesc2D xTarget;
@@ -98,8 +102,9 @@ struct FSubtract {
   QV_HD void operator()(int x, int y) const {
     const float4 a = FetchPixel<T>(xA, x, y), b = FetchPixel<T>(xB, x, y);
     StoreColour<T>(xTarget, x, y,
-                   make_float4(fmaf(a.x - b.x, fScale, fOffset), fmaf(a.y - b.y, fScale, fOffset),
-                               fmaf(a.z - b.z, fScale, fOffset), 1.0f));
+                   make_float4(SubtractChannel(a.x, b.x, fScale, fOffset),
+                               SubtractChannel(a.y, b.y, fScale, fOffset),
+                               SubtractChannel(a.z, b.z, fScale, fOffset), 1.0f));
   }
 };
 
@@ -117,6 +122,14 @@ struct FAdd {
 
 // An L_uc mask written as such: 255 where the images differ by more than the threshold (in
 // all of R, G and B for RGBA), else 51.
+QV_HD QV_FORCEINLINE unsigned char CompareMask(bool bDiffers) {
+  return bDiffers ? 255 : 51;
+}
+
+QV_HD QV_FORCEINLINE bool Differs(float a, float b, float fThreshold) {
+  return fabsf(a - b) > fThreshold;
+}
+
 template <class T>
 struct FCompare {
   SDeviceImageDesc2D xTarget;
@@ -126,12 +139,19 @@ struct FCompare {
 
   QV_HD void operator()(int x, int y) const {
     const float4 a = FetchPixel<T>(xA, x, y), b = FetchPixel<T>(xB, x, y);
-    bool bDiffers = fabsf(a.x - b.x) > fThreshold;
+    bool bDiffers = Differs(a.x, b.x, fThreshold);
     if constexpr (T::iChannels == 4)
-      bDiffers = bDiffers && fabsf(a.y - b.y) > fThreshold && fabsf(a.z - b.z) > fThreshold;
-    *PixelPtr<L_uc>(xTarget, x, y) = bDiffers ? 255 : 51;
+      bDiffers = bDiffers && Differs(a.y, b.y, fThreshold) && Differs(a.z, b.z, fThreshold);
+    *PixelPtr<L_uc>(xTarget, x, y) = CompareMask(bDiffers);
   }
 };
+
+// Host rows of Subtract, Add and Compare: a in planes pa[0..2] (overwritten with the result by
+// Subtract and Add), b in pb[0..2], as HostReadColourRow reads them.
+void HostSubtractRow(float* const* pa, const float* const* pb, float fScale, float fOffset, int w);
+void HostAddRow(float* const* pa, const float* const* pb, int w);
+void HostCompareRow(unsigned char* pOut, const float* const* pa, const float* const* pb,
+                    float fThreshold, bool bColour, int w);
 
 }  // namespace Kernel
 }  // namespace Qv

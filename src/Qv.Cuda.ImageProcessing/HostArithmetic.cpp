@@ -1,6 +1,7 @@
-// The host backend's mix, row by row: both inputs' rows are read into colour planes as
-// FetchColour reads them, blended along the row with FMix's arithmetic, then stored as
-// StoreColour stores. A row is read whole before it is written, so a target may be an input.
+// The host backend's mix, subtraction, addition and comparison, row by row: both inputs' rows
+// are read into colour planes as the point fetch reads them, combined along the row with the
+// functors' arithmetic, then stored as they store. A row is read whole before it is written,
+// so a target may be an input.
 #include "ArithmeticKernels.h"
 
 namespace Qv {
@@ -27,6 +28,34 @@ void HostMixRow(float* __restrict pR, float* __restrict pG, float* __restrict pB
     pR[x] = MixChannel(pR[x], pR2[x], fW, fWeight);
     pG[x] = MixChannel(pG[x], pG2[x], fW, fWeight);
     pB[x] = MixChannel(pB[x], pB2[x], fW, fWeight);
+  }
+}
+
+void HostSubtractRow(float* const* pa, const float* const* pb, float fScale, float fOffset, int w) {
+  for (int c = 0; c < 3; ++c) {
+    float* __restrict p = pa[c];
+    const float* __restrict q = pb[c];
+    for (int x = 0; x < w; ++x) p[x] = SubtractChannel(p[x], q[x], fScale, fOffset);
+  }
+}
+
+void HostAddRow(float* const* pa, const float* const* pb, int w) {
+  for (int c = 0; c < 3; ++c) {
+    float* __restrict p = pa[c];
+    const float* __restrict q = pb[c];
+    for (int x = 0; x < w; ++x) p[x] = p[x] + q[x];
+  }
+}
+
+void HostCompareRow(unsigned char* __restrict pOut, const float* const* pa, const float* const* pb,
+                    float fThreshold, bool bColour, int w) {
+  const float* __restrict pR = pa[0], * __restrict pG = pa[1], * __restrict pB = pa[2];
+  const float* __restrict qR = pb[0], * __restrict qG = pb[1], * __restrict qB = pb[2];
+  for (int x = 0; x < w; ++x) {
+    bool bDiffers = Differs(pR[x], qR[x], fThreshold);
+    if (bColour)
+      bDiffers = bDiffers && Differs(pG[x], qG[x], fThreshold) && Differs(pB[x], qB[x], fThreshold);
+    pOut[x] = CompareMask(bDiffers);
   }
 }
 

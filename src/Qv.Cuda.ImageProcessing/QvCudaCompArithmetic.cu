@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "ArithmeticKernels.h"
 #include "QvCudaCompConvolve.h"
@@ -48,9 +49,11 @@ void CheckNotReplacingInput(const CQvDeviceImage2D& xTarget, const CQvDeviceImag
 }
 
 // Binds a and b, and runs F<T> for the first class of the list that a is of (a and b agree).
-template <template <class> class F, class... TClasses, class... TArgs>
+// On the host, rows at a time: both inputs' rows as colour planes, then fnHostRow(tag, y, a, b).
+template <template <class> class F, class... TClasses, class FHostRow, class... TArgs>
 bool LaunchPairOfClass(CQvCudaComp& xComp, const char* szName, const CQvDeviceImage2D& xTarget,
-                       const CQvDeviceImage2D& xA, const CQvDeviceImage2D& xB, TArgs... xArgs) {
+                       const CQvDeviceImage2D& xA, const CQvDeviceImage2D& xB,
+                       const FHostRow& fnHostRow, TArgs... xArgs) {
   bool bDone = false;
   auto fnTry = [&](auto xTag) {
     using T = decltype(xTag);
@@ -58,8 +61,25 @@ bool LaunchPairOfClass(CQvCudaComp& xComp, const char* szName, const CQvDeviceIm
     bDone = true;
     CTextureBinding xBindingA(xA, false), xBindingB(xB, false);
     const CQvImageFormat& xFormat = xA.GetFormat();
-    LaunchPerPixel(xComp, szName, xFormat.iWidth, xFormat.iHeight,
-                   F<T>{xTarget.GetDesc(), xBindingA.Get(), xBindingB.Get(), xArgs...});
+    const int w = xFormat.iWidth;
+    if (Device::IsCuda()) {
+      LaunchPerPixel(xComp, szName, w, xFormat.iHeight,
+                     F<T>{xTarget.GetDesc(), xBindingA.Get(), xBindingB.Get(), xArgs...});
+      return;
+    }
+    const SDeviceImageDesc2D xDescA = xA.GetDesc(), xDescB = xB.GetDesc();
+    xComp.Begin(szName, xComp.GetStream());
+    Device::HostParallelFor(xFormat.iHeight, w, [&](int y0, int y1) {
+      std::vector<float> afRows(static_cast<size_t>(6) * w);
+      float* const pa[3] = {afRows.data(), afRows.data() + w, afRows.data() + 2 * w};
+      float* const pb[3] = {pa[2] + w, pa[2] + 2 * w, pa[2] + 3 * w};
+      for (int y = y0; y < y1; ++y) {
+        Kernel::HostReadColourRow<T>(xDescA, y, pa[0], pa[1], pa[2]);
+        Kernel::HostReadColourRow<T>(xDescB, y, pb[0], pb[1], pb[2]);
+        fnHostRow(xTag, y, pa, pb);
+      }
+    });
+    xComp.End(szName, xComp.GetStream());
   };
   (fnTry(TClasses()), ...);
   return bDone;
@@ -121,8 +141,13 @@ void CQvCudaCompConvolve::Subtract(CQvDeviceImage2D& xTarget, const CQvDeviceIma
     CheckSameFormat(xA, xB);
     xTarget.Create(xA.GetFormat());
     EvalKernelDim_2D_1D(xA.GetFormat(), 32, 8);
+    const SDeviceImageDesc2D xTrg = xTarget.GetDesc();
+    auto fnHostRow = [&](auto xTag, int y, float* const* pa, const float* const* pb) {
+      Kernel::HostSubtractRow(pa, pb, fScale, fOffset, xTrg.xFormat.iWidth);
+      Kernel::HostStoreColourRow<decltype(xTag)>(xTrg, y, pa[0], pa[1], pa[2]);
+    };
     if (!LaunchPairOfClass<Kernel::FSubtract, RGBA_uc, L_uc, L_f>(
-            *this, "Subtract --> Kernel::Subtract", xTarget, xA, xB, fScale, fOffset))
+            *this, "Subtract --> Kernel::Subtract", xTarget, xA, xB, fnHostRow, fScale, fOffset))
       QV_THROW("Invalid input texture types");
   } catch (const CQvException& e) {
     QV_RETHROW("Error substracting images", e);
@@ -135,8 +160,13 @@ void CQvCudaCompConvolve::Add(CQvDeviceImage2D& xTarget, const CQvDeviceImage2D&
     CheckSameFormat(xA, xB);
     xTarget.Create(xA.GetFormat());
     EvalKernelDim_2D_1D(xA.GetFormat(), 32, 8);
+    const SDeviceImageDesc2D xTrg = xTarget.GetDesc();
+    auto fnHostRow = [&](auto xTag, int y, float* const* pa, const float* const* pb) {
+      Kernel::HostAddRow(pa, pb, xTrg.xFormat.iWidth);
+      Kernel::HostStoreColourRow<decltype(xTag)>(xTrg, y, pa[0], pa[1], pa[2]);
+    };
     if (!LaunchPairOfClass<Kernel::FAdd, RGBA_uc, L_uc>(*this, "Add --> Kernel::Add", xTarget, xA,
-                                                        xB))
+                                                        xB, fnHostRow))
       QV_THROW("Input images are of invalid type");
   } catch (const CQvException& e) {
     QV_RETHROW("Error performing Mix operation", e);
@@ -153,8 +183,13 @@ void CQvCudaCompConvolve::Compare(CQvDeviceImage2D& xTarget, const CQvDeviceImag
     CheckNotReplacingInput(xTarget, xA, xB, xTrgFormat);
     xTarget.Create(xTrgFormat);
     EvalKernelDim_2D_1D(xFormat, 32, 8);
+    const SDeviceImageDesc2D xTrg = xTarget.GetDesc();
+    auto fnHostRow = [&](auto xTag, int y, float* const* pa, const float* const* pb) {
+      Kernel::HostCompareRow(PixelPtr<L_uc>(xTrg, 0, y), pa, pb, fThreshold,
+                             decltype(xTag)::iChannels == 4, xTrg.xFormat.iWidth);
+    };
     if (!LaunchPairOfClass<Kernel::FCompare, RGBA_uc, L_uc, L_f>(
-            *this, "Compare --> Kernel::Compare", xTarget, xA, xB, fThreshold))
+            *this, "Compare --> Kernel::Compare", xTarget, xA, xB, fnHostRow, fThreshold))
       QV_THROW("Invalid input texture types");
   } catch (const CQvException& e) {
     QV_RETHROW("Error compairing images", e);
