@@ -146,6 +146,13 @@ struct FCompare {
   }
 };
 
+// Host rows of Divide (a float accumulator row into T) and Increment (a T row added to the
+// accumulator row, in place).
+template <class T>
+void HostDivideRow(const float* pIn, typename T::Element* pOut, float fDivisor, int w);
+template <class T>
+void HostIncrementRow(const typename T::Element* pIn, float* pAccumulator, int w);
+
 // Host rows of Subtract, Add and Compare: a in planes pa[0..2] (overwritten with the result by
 // Subtract and Add), b in pb[0..2], as HostReadColourRow reads them.
 void HostSubtractRow(float* const* pa, const float* const* pb, float fScale, float fOffset, int w);

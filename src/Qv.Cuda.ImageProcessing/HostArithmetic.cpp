@@ -31,6 +31,23 @@ void HostMixRow(float* __restrict pR, float* __restrict pG, float* __restrict pB
   }
 }
 
+template <class T>
+void HostDivideRow(const float* __restrict pIn, typename T::Element* __restrict pOut,
+                   float fDivisor, int w) {
+  for (int x = 0; x < w; ++x) pOut[x] = StoreChannel<T>(pIn[x] / fDivisor);
+}
+
+template <class T>
+void HostIncrementRow(const typename T::Element* __restrict pIn, float* __restrict pAccumulator,
+                      int w) {
+  for (int x = 0; x < w; ++x) pAccumulator[x] = ReadChannel<T>(pIn[x]) + pAccumulator[x];
+}
+
+template void HostDivideRow<L_uc>(const float*, unsigned char*, float, int);
+template void HostDivideRow<L_us>(const float*, unsigned short*, float, int);
+template void HostIncrementRow<L_uc>(const unsigned char*, float*, int);
+template void HostIncrementRow<L_us>(const unsigned short*, float*, int);
+
 void HostSubtractRow(float* const* pa, const float* const* pb, float fScale, float fOffset, int w) {
   for (int c = 0; c < 3; ++c) {
     float* __restrict p = pa[c];

@@ -37,6 +37,17 @@ void LaunchOverBoth(CQvCudaComp& xComp, const CQvImageFormat& xInput, const CQvI
   iHeight = std::min(xInput.iHeight, xTarget.iHeight);
 }
 
+// Rows [0, iHeight) through fnRow(y) on the host workers.
+template <class FRow>
+void RunHostRows(CQvCudaComp& xComp, const char* szName, int iWidth, int iHeight,
+                 const FRow& fnRow) {
+  xComp.Begin(szName, xComp.GetStream());
+  Device::HostParallelFor(iHeight, iWidth, [&](int y0, int y1) {
+    for (int y = y0; y < y1; ++y) fnRow(y);
+  });
+  xComp.End(szName, xComp.GetStream());
+}
+
 void CheckSameFormat(const CQvDeviceImage2D& xA, const CQvDeviceImage2D& xB) {
   if (!(xA.GetFormat() == xB.GetFormat())) QV_THROW("Input images must be of same type");
 }
@@ -99,6 +110,19 @@ void CQvCudaCompConvolve::Divide(CQvDeviceImage2D& xTarget, const CQvDeviceImage
     LaunchOverBoth(*this, xInFormat, xTrgFormat, iWidth, iHeight);
     CTextureBinding xBinding(xInput, false);
     const char* szName = "Divide --> Kernel::Divide";
+    if (!Device::IsCuda()) {
+      const SDeviceImageDesc2D xIn = xInput.GetDesc(), xTrg = xTarget.GetDesc();
+      const bool bByte = xTrgFormat.eDataType == EDataType::UByte;
+      RunHostRows(*this, szName, iWidth, iHeight, [&](int y) {
+        if (bByte)
+          Kernel::HostDivideRow<L_uc>(PixelPtr<L_f>(xIn, 0, y), PixelPtr<L_uc>(xTrg, 0, y),
+                                      fDivisor, iWidth);
+        else
+          Kernel::HostDivideRow<L_us>(PixelPtr<L_f>(xIn, 0, y), PixelPtr<L_us>(xTrg, 0, y),
+                                      fDivisor, iWidth);
+      });
+      return;
+    }
     if (xTrgFormat.eDataType == EDataType::UByte)
       LaunchPerPixel(*this, szName, iWidth, iHeight,
                      Kernel::FDivide<L_uc>{xTarget.GetDesc(), xBinding.Get(), fDivisor});
@@ -122,6 +146,19 @@ void CQvCudaCompConvolve::Increment(CQvDeviceImage2D& xTarget, const CQvDeviceIm
     LaunchOverBoth(*this, xInFormat, xTrgFormat, iWidth, iHeight);
     CTextureBinding xInputBinding(xInput, false), xTargetBinding(xTarget, false);
     const char* szName = "Increment --> Kernel::Increment";
+    if (!Device::IsCuda()) {
+      const SDeviceImageDesc2D xIn = xInput.GetDesc(), xTrg = xTarget.GetDesc();
+      const bool bByte = xInFormat.eDataType == EDataType::UByte;
+      RunHostRows(*this, szName, iWidth, iHeight, [&](int y) {
+        if (bByte)
+          Kernel::HostIncrementRow<L_uc>(PixelPtr<L_uc>(xIn, 0, y), PixelPtr<L_f>(xTrg, 0, y),
+                                         iWidth);
+        else
+          Kernel::HostIncrementRow<L_us>(PixelPtr<L_us>(xIn, 0, y), PixelPtr<L_f>(xTrg, 0, y),
+                                         iWidth);
+      });
+      return;
+    }
     if (xInFormat.eDataType == EDataType::UByte)
       LaunchPerPixel(
           *this, szName, iWidth, iHeight,
