@@ -55,6 +55,11 @@ QV_HD QV_FORCEINLINE float SobelMagnitude(float a, float b, float c, float d, fl
   return sqrtf(fmaf(fGy, fGy, fGx * fGx));
 }
 
+// The host backend's correlation with an N x N filter over target rows [y0, y1), bit for bit
+// FConvolution's: each coefficient adds its product to a whole row's sums, rows outer.
+void HostConvolutionRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource,
+                         const float* pfCoefficients, int N, int y0, int y1);
+
 // The host backend's Sobel of target rows [y0, y1): SobelMagnitude of the clamped 3 x 3
 // neighbourhood, as the CUDA kernel reads it through a shared tile; the source's rows read once
 // each, one loop over a row. Defined for every class WithFirstChannelClass takes.

@@ -1,6 +1,6 @@
-// The host backend's separable filter passes and Sobel, row by row. The source rows they read
-// are normalized once into one plane a channel, the edge repeated as far as the filter
-// reaches. A pass's tap then adds its product to the sums of a whole row with one fused
+// The host backend's separable filter passes, dense correlation and Sobel, row by row. The source
+// rows they read are normalized once into one plane a channel, the edge repeated as far as the
+// filter reaches. A pass's tap then adds its product to the sums of a whole row with one fused
 // multiply-add a pixel, in the taps' order, which is the order FConvSep adds them in for each
 // pixel; Sobel runs SobelMagnitude along a row.
 #include <algorithm>
@@ -98,6 +98,20 @@ void HostConvSepRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D
         HostStoreRgb<T>(pOut + 4 * x, pR[x] * fNorm, pG[x] * fNorm, pB[x] * fNorm);
     } else {
       for (int x = 0; x < w; ++x) pOut[x] = StoreChannel<T>(pR[x] * fNorm);
+    }
+  }
+}
+
+void HostConvolutionRows(const SDeviceImageDesc2D& xTarget, const SDeviceImageDesc2D& xSource,
+                         const float* pfCoefficients, int N, int y0, int y1) {
+  const int w = xTarget.xFormat.iWidth, o = (N - 1) / 2;
+  CPlaneRing<L_f, 1> xRows(xSource, N, N);
+  for (int y = y0; y < y1; ++y) {
+    float* pSum = PixelPtr<L_f>(xTarget, 0, y);
+    std::fill(pSum, pSum + w, 0.0f);
+    for (int j = 0; j < N; ++j) {
+      const float* pRow = xRows.Row(y + j - o) + N - o;
+      for (int i = 0; i < N; ++i) AddTap(pSum, pRow + i, pfCoefficients[j * N + i], w);
     }
   }
 }

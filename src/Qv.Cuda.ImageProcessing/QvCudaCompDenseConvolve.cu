@@ -92,7 +92,18 @@ void CQvCudaCompConvolve::_Convolution(CQvDeviceImage2D& xTarget, const CQvDevic
     xTarget.Create(xSource.GetFormat());
     if (!xSource.IsOfType<L_f>()) QV_THROW("Source image is not grayscale float image");
     CTextureBinding xBinding(xSource, false);
-    LaunchConvolution<kMinFilterSize>(*this, xTarget, xBinding.Get(), pfCoefficients, iSize);
+    if (Device::IsCuda()) {
+      LaunchConvolution<kMinFilterSize>(*this, xTarget, xBinding.Get(), pfCoefficients, iSize);
+      return;
+    }
+    const char* szName = "Convolution --> Kernel::Convolution";
+    const SDeviceImageDesc2D xTrg = xTarget.GetDesc(), xSrc = xSource.GetDesc();
+    Begin(szName, m_hStream);
+    Device::HostParallelFor(
+        xTrg.xFormat.iHeight, xTrg.xFormat.iWidth * iSize * iSize, [&](int y0, int y1) {
+          Kernel::HostConvolutionRows(xTrg, xSrc, pfCoefficients, iSize, y0, y1);
+        });
+    End(szName, m_hStream);
   } catch (const CQvException& e) {
     QV_RETHROW("Error applying convolution", e);
   }
