@@ -37,6 +37,15 @@ void LaunchOverBoth(CQvCudaComp& xComp, const CQvImageFormat& xInput, const CQvI
   iHeight = std::min(xInput.iHeight, xTarget.iHeight);
 }
 
+// fn with L_uc or L_us, the class of a one-channel integer image.
+template <class F>
+void OfOneChannelClass(const CQvImageFormat& xFormat, const F& fn) {
+  if (xFormat.eDataType == EDataType::UByte)
+    fn(L_uc());
+  else
+    fn(L_us());
+}
+
 // Rows [0, iHeight) through fnRow(y) on the host workers.
 template <class FRow>
 void RunHostRows(CQvCudaComp& xComp, const char* szName, int iWidth, int iHeight,
@@ -112,14 +121,12 @@ void CQvCudaCompConvolve::Divide(CQvDeviceImage2D& xTarget, const CQvDeviceImage
     const char* szName = "Divide --> Kernel::Divide";
     if (!Device::IsCuda()) {
       const SDeviceImageDesc2D xIn = xInput.GetDesc(), xTrg = xTarget.GetDesc();
-      const bool bByte = xTrgFormat.eDataType == EDataType::UByte;
-      RunHostRows(*this, szName, iWidth, iHeight, [&](int y) {
-        if (bByte)
-          Kernel::HostDivideRow<L_uc>(PixelPtr<L_f>(xIn, 0, y), PixelPtr<L_uc>(xTrg, 0, y),
-                                      fDivisor, iWidth);
-        else
-          Kernel::HostDivideRow<L_us>(PixelPtr<L_f>(xIn, 0, y), PixelPtr<L_us>(xTrg, 0, y),
-                                      fDivisor, iWidth);
+      OfOneChannelClass(xTrgFormat, [&](auto xTag) {
+        using T = decltype(xTag);
+        RunHostRows(*this, szName, iWidth, iHeight, [&](int y) {
+          Kernel::HostDivideRow<T>(PixelPtr<L_f>(xIn, 0, y), PixelPtr<T>(xTrg, 0, y), fDivisor,
+                                   iWidth);
+        });
       });
       return;
     }
@@ -148,14 +155,11 @@ void CQvCudaCompConvolve::Increment(CQvDeviceImage2D& xTarget, const CQvDeviceIm
     const char* szName = "Increment --> Kernel::Increment";
     if (!Device::IsCuda()) {
       const SDeviceImageDesc2D xIn = xInput.GetDesc(), xTrg = xTarget.GetDesc();
-      const bool bByte = xInFormat.eDataType == EDataType::UByte;
-      RunHostRows(*this, szName, iWidth, iHeight, [&](int y) {
-        if (bByte)
-          Kernel::HostIncrementRow<L_uc>(PixelPtr<L_uc>(xIn, 0, y), PixelPtr<L_f>(xTrg, 0, y),
-                                         iWidth);
-        else
-          Kernel::HostIncrementRow<L_us>(PixelPtr<L_us>(xIn, 0, y), PixelPtr<L_f>(xTrg, 0, y),
-                                         iWidth);
+      OfOneChannelClass(xInFormat, [&](auto xTag) {
+        using T = decltype(xTag);
+        RunHostRows(*this, szName, iWidth, iHeight, [&](int y) {
+          Kernel::HostIncrementRow<T>(PixelPtr<T>(xIn, 0, y), PixelPtr<L_f>(xTrg, 0, y), iWidth);
+        });
       });
       return;
     }
