@@ -3,6 +3,7 @@
 // reads only its own pixel of every input before it writes the target, so a target may be one
 // of the inputs where it already has the format it is given.
 #include <type_traits>
+#include <vector>
 
 #include "ConvolveKernels.h"
 #include "QvPixel.h"
@@ -58,6 +59,22 @@ void HostMixRow(float* pR, float* pG, float* pB, const float* pR2, const float* 
 template <class T>
 void HostStoreColourRow(const SDeviceImageDesc2D& xImage, int y, const float* pR, const float* pG,
                         const float* pB);
+
+// The host side of the two-input operations: rows [y0, y1) of two same-sized images of classes
+// T1 and T2 read as colour planes pa[0..2] and pb[0..2], then fnRow(y, pa, pb).
+template <class T1, class T2, class FRow>
+void HostColourRowPairs(const SDeviceImageDesc2D& xImage1, const SDeviceImageDesc2D& xImage2,
+                        int y0, int y1, const FRow& fnRow) {
+  const size_t w = static_cast<size_t>(xImage1.xFormat.iWidth);
+  std::vector<float> afRows(6 * w);
+  float* const pa[3] = {afRows.data(), afRows.data() + w, afRows.data() + 2 * w};
+  float* const pb[3] = {pa[2] + w, pa[2] + 2 * w, pa[2] + 3 * w};
+  for (int y = y0; y < y1; ++y) {
+    HostReadColourRow<T1>(xImage1, y, pa[0], pa[1], pa[2]);
+    HostReadColourRow<T2>(xImage2, y, pb[0], pb[1], pb[2]);
+    fnRow(y, pa, pb);
+  }
+}
 
 // An 8- or 16-bit one-channel target from a float accumulator.
 template <class T>

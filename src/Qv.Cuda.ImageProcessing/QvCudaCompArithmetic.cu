@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cmath>
-#include <vector>
 
 #include "ArithmeticKernels.h"
 #include "QvCudaCompConvolve.h"
@@ -50,11 +49,9 @@ void OfOneChannelClass(const CQvImageFormat& xFormat, const F& fn) {
 template <class FRow>
 void RunHostRows(CQvCudaComp& xComp, const char* szName, int iWidth, int iHeight,
                  const FRow& fnRow) {
-  xComp.Begin(szName, xComp.GetStream());
-  Device::HostParallelFor(iHeight, iWidth, [&](int y0, int y1) {
+  LaunchHostRows(xComp, szName, iHeight, iWidth, [&](int y0, int y1) {
     for (int y = y0; y < y1; ++y) fnRow(y);
   });
-  xComp.End(szName, xComp.GetStream());
 }
 
 void CheckSameFormat(const CQvDeviceImage2D& xA, const CQvDeviceImage2D& xB) {
@@ -88,18 +85,11 @@ bool LaunchPairOfClass(CQvCudaComp& xComp, const char* szName, const CQvDeviceIm
       return;
     }
     const SDeviceImageDesc2D xDescA = xA.GetDesc(), xDescB = xB.GetDesc();
-    xComp.Begin(szName, xComp.GetStream());
-    Device::HostParallelFor(xFormat.iHeight, w, [&](int y0, int y1) {
-      std::vector<float> afRows(static_cast<size_t>(6) * w);
-      float* const pa[3] = {afRows.data(), afRows.data() + w, afRows.data() + 2 * w};
-      float* const pb[3] = {pa[2] + w, pa[2] + 2 * w, pa[2] + 3 * w};
-      for (int y = y0; y < y1; ++y) {
-        Kernel::HostReadColourRow<T>(xDescA, y, pa[0], pa[1], pa[2]);
-        Kernel::HostReadColourRow<T>(xDescB, y, pb[0], pb[1], pb[2]);
-        fnHostRow(xTag, y, pa, pb);
-      }
+    LaunchHostRows(xComp, szName, xFormat.iHeight, w, [&](int y0, int y1) {
+      Kernel::HostColourRowPairs<T, T>(
+          xDescA, xDescB, y0, y1,
+          [&](int y, float* const* pa, const float* const* pb) { fnHostRow(xTag, y, pa, pb); });
     });
-    xComp.End(szName, xComp.GetStream());
   };
   (fnTry(TClasses()), ...);
   return bDone;

@@ -44,11 +44,9 @@ void RunResample(CQvCudaComp& xComp, const char* szName, int w, int h, const F<T
   for (int y = 0; y < h; ++y)
     for (int j = 0; j < ny; ++j) afY[static_cast<size_t>(y) * ny + j] = fnPixel.SampleY(y, j);
   const Kernel::SResampleAxes xAxes{afX.data(), nx, afY.data(), ny, !fnPixel.bSingleSample};
-  xComp.Begin(szName, xComp.GetStream());
-  Device::HostParallelFor(h, w, [&](int y0, int y1) {
+  LaunchHostRows(xComp, szName, h, w, [&](int y0, int y1) {
     Kernel::HostResampleRows<T>(fnPixel.xTarget, fnPixel.xSource.xImage, xAxes, y0, y1);
   });
-  xComp.End(szName, xComp.GetStream());
 }
 
 // Runs fnLaunch with the pixel class of the source as a template tag.
@@ -130,11 +128,10 @@ void LaunchSeparablePass(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2
   }
   const CQvImageFormat& xFormat = xTarget.GetFormat();
   const SDeviceImageDesc2D xTrg = xTarget.GetDesc();
-  xComp.Begin(szName, xComp.GetStream());
-  Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth * (2 * iRadius + 1), [&](int y0, int y1) {
-    Kernel::HostConvSepRows<T>(xTrg, xSource.xImage, xTaps, iRadius, fNorm, bAlongX, y0, y1);
-  });
-  xComp.End(szName, xComp.GetStream());
+  LaunchHostRows(
+      xComp, szName, xFormat.iHeight, xFormat.iWidth * (2 * iRadius + 1), [&](int y0, int y1) {
+        Kernel::HostConvSepRows<T>(xTrg, xSource.xImage, xTaps, iRadius, fNorm, bAlongX, y0, y1);
+      });
 }
 
 }  // namespace

@@ -248,11 +248,9 @@ void LaunchDemosaic(CQvCudaComp& xComp, const char* szName, CQvDeviceImage2D& xT
     return;
   }
   const SDeviceImageDesc2D xTrg = xTarget.GetDesc(), xSrc = xSource.GetDesc();
-  xComp.Begin(szName, xComp.GetStream());
-  Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth, [&](int y0, int y1) {
+  LaunchHostRows(xComp, szName, xFormat.iHeight, xFormat.iWidth, [&](int y0, int y1) {
     Kernel::HostDemosaicRows<TTarget, S>(xTrg, xSrc, eBayerType, xGains, y0, y1);
   });
-  xComp.End(szName, xComp.GetStream());
 }
 
 }  // namespace

@@ -98,12 +98,10 @@ void CQvCudaCompConvolve::_Convolution(CQvDeviceImage2D& xTarget, const CQvDevic
     }
     const char* szName = "Convolution --> Kernel::Convolution";
     const SDeviceImageDesc2D xTrg = xTarget.GetDesc(), xSrc = xSource.GetDesc();
-    Begin(szName, m_hStream);
-    Device::HostParallelFor(
-        xTrg.xFormat.iHeight, xTrg.xFormat.iWidth * iSize * iSize, [&](int y0, int y1) {
-          Kernel::HostConvolutionRows(xTrg, xSrc, pfCoefficients, iSize, y0, y1);
-        });
-    End(szName, m_hStream);
+    LaunchHostRows(*this, szName, xTrg.xFormat.iHeight, xTrg.xFormat.iWidth * iSize * iSize,
+                   [&](int y0, int y1) {
+                     Kernel::HostConvolutionRows(xTrg, xSrc, pfCoefficients, iSize, y0, y1);
+                   });
   } catch (const CQvException& e) {
     QV_RETHROW("Error applying convolution", e);
   }
@@ -125,13 +123,14 @@ void CQvCudaCompConvolve::Sobel(CQvDeviceImage2D& xTarget, const CQvDeviceImage2
       using TSrc = decltype(xTag);
       const char* szName = "Sobel --> Kernel::Sobel";
       const SDeviceImageDesc2D xTrgDesc = xTarget.GetDesc(), xSrcDesc = xSource.GetDesc();
-      Begin(szName, m_hStream);
-      if (Device::IsCuda())
-        Kernel::Sobel<TSrc><<<GetGrid(), GetBlock(), 0, m_hStream>>>(xTrgDesc, xSrcDesc);
-      else
-        Device::HostParallelFor(xTrgFormat.iHeight, xTrgFormat.iWidth, [&](int y0, int y1) {
+      if (!Device::IsCuda()) {
+        LaunchHostRows(*this, szName, xTrgFormat.iHeight, xTrgFormat.iWidth, [&](int y0, int y1) {
           Kernel::HostSobelRows<TSrc>(xTrgDesc, xSrcDesc, y0, y1);
         });
+        return;
+      }
+      Begin(szName, m_hStream);
+      Kernel::Sobel<TSrc><<<GetGrid(), GetBlock(), 0, m_hStream>>>(xTrgDesc, xSrcDesc);
       End(szName, m_hStream);
     });
     if (!bKnown) QV_THROW("Source image is of invalid type");

@@ -1,7 +1,6 @@
 // Mix: Mix binds input1 and picks its class T1, _MixA<T1> binds input2 and picks T2, _MixB<T1, T2>
 // launches the blend into the target's class, which follows from T1 and T2.
 #include <type_traits>
-#include <vector>
 
 #include "ArithmeticKernels.h"
 #include "QvCudaCompConvolve.h"
@@ -74,18 +73,14 @@ void RunMix(CQvCudaComp& xComp, CQvDeviceImage2D& xTarget, const CQvDeviceImage2
   const SDeviceImageDesc2D xTrg = xTarget.GetDesc(), xIn1 = xTexture1.xImage,
                            xIn2 = xTexture2.xImage;
   const int w = xFormat1.iWidth;
-  xComp.Begin(kMixLabel, xComp.GetStream());
-  Device::HostParallelFor(xFormat1.iHeight, w, [&](int y0, int y1) {
-    std::vector<float> a(static_cast<size_t>(6) * w);
-    float *pR = a.data(), *pG = pR + w, *pB = pG + w, *pR2 = pB + w, *pG2 = pR2 + w, *pB2 = pG2 + w;
-    for (int y = y0; y < y1; ++y) {
-      Kernel::HostReadColourRow<T1>(xIn1, y, pR, pG, pB);
-      Kernel::HostReadColourRow<T2>(xIn2, y, pR2, pG2, pB2);
-      Kernel::HostMixRow(pR, pG, pB, pR2, pG2, pB2, fWeight, bBlackIsTransparent, w);
-      Kernel::HostStoreColourRow<T3>(xTrg, y, pR, pG, pB);
-    }
+  LaunchHostRows(xComp, kMixLabel, xFormat1.iHeight, w, [&](int y0, int y1) {
+    Kernel::HostColourRowPairs<T1, T2>(
+        xIn1, xIn2, y0, y1, [&](int y, float* const* pa, const float* const* pb) {
+          Kernel::HostMixRow(pa[0], pa[1], pa[2], pb[0], pb[1], pb[2], fWeight, bBlackIsTransparent,
+                             w);
+          Kernel::HostStoreColourRow<T3>(xTrg, y, pa[0], pa[1], pa[2]);
+        });
   });
-  xComp.End(kMixLabel, xComp.GetStream());
 }
 
 }  // namespace

@@ -84,10 +84,8 @@ void LaunchNormalize(CQvCudaComp& xComp, const CQvDeviceImage2D& xTarget, const 
     LaunchPerPixel(xComp, kNormalizeLabel, xFormat.iWidth, xFormat.iHeight, fnPixel);
     return;
   }
-  xComp.Begin(kNormalizeLabel, xComp.GetStream());
-  Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth,
-                          [&](int y0, int y1) { Kernel::HostNormalizeRows(fnPixel, y0, y1); });
-  xComp.End(kNormalizeLabel, xComp.GetStream());
+  LaunchHostRows(xComp, kNormalizeLabel, xFormat.iHeight, xFormat.iWidth,
+                 [&](int y0, int y1) { Kernel::HostNormalizeRows(fnPixel, y0, y1); });
 }
 
 // Steps shared by both overloads once the target exists and the inputs are bound; the pixel

@@ -43,10 +43,8 @@ void LaunchRows(CQvCudaComp& xComp, const CQvImageFormat& xFormat, const F& fnPi
     LaunchPerPixel(xComp, kConvertLabel, xFormat.iWidth, xFormat.iHeight, fnPixel);
     return;
   }
-  xComp.Begin(kConvertLabel, xComp.GetStream());
-  Device::HostParallelFor(xFormat.iHeight, xFormat.iWidth,
-                          [&](int y0, int y1) { fnHostRows(fnPixel, y0, y1); });
-  xComp.End(kConvertLabel, xComp.GetStream());
+  LaunchHostRows(xComp, kConvertLabel, xFormat.iHeight, xFormat.iWidth,
+                 [&](int y0, int y1) { fnHostRows(fnPixel, y0, y1); });
 }
 
 template <class TIn, class TOut>

@@ -18,20 +18,30 @@ __global__ void RunPerPixel(F fnPixel, int iWidth, int iHeight) {
 
 }  // namespace Kernel
 
+// The host backend's launch: fnRows(y0, y1) for row ranges covering [0, iHeight) on the host
+// workers, iWorkPerRow telling how much a row costs; timed as a kernel is.
+template <class FRows>
+void LaunchHostRows(CQvCudaComp& xComp, const char* szName, int iHeight, int64_t iWorkPerRow,
+                    const FRows& fnRows) {
+  xComp.Begin(szName, xComp.GetStream());
+  Device::HostParallelFor(iHeight, iWorkPerRow, fnRows);
+  xComp.End(szName, xComp.GetStream());
+}
+
 template <class F>
 void LaunchPerPixel(CQvCudaComp& xComp, const char* szName, int iWidth, int iHeight,
                     const F& fnPixel) {
-  const cudaStream_t hStream = xComp.GetStream();
-  xComp.Begin(szName, hStream);
-  if (Device::IsCuda()) {
-    Kernel::RunPerPixel<F>
-        <<<xComp.GetGrid(), xComp.GetBlock(), 0, hStream>>>(fnPixel, iWidth, iHeight);
-  } else {
-    Device::HostParallelFor(iHeight, iWidth, [&](int y0, int y1) {
+  if (!Device::IsCuda()) {
+    LaunchHostRows(xComp, szName, iHeight, iWidth, [&](int y0, int y1) {
       for (int y = y0; y < y1; ++y)
         for (int x = 0; x < iWidth; ++x) fnPixel(x, y);
     });
+    return;
   }
+  const cudaStream_t hStream = xComp.GetStream();
+  xComp.Begin(szName, hStream);
+  Kernel::RunPerPixel<F>
+      <<<xComp.GetGrid(), xComp.GetBlock(), 0, hStream>>>(fnPixel, iWidth, iHeight);
   xComp.End(szName, hStream);
 }
 
