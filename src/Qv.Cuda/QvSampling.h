@@ -5,7 +5,6 @@
 // emulation of the texture unit (point and linear filter, clamp addressing, normalized
 // coordinates, integer channels read as v / M). Storing follows one rule for every kernel:
 // s = v * M, s = min(M, s), s = max(s, 0), truncate; a NaN therefore stores M.
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -138,37 +137,17 @@ QV_HD QV_FORCEINLINE void StorePixel(const SDeviceImageDesc2D& xDesc, int x, int
 
 namespace Detail {
 
-// v / M for every 8-bit v, worked out by the compiler with the same correctly rounded
-// division: a scalar read through the texture takes a table entry instead of a division.
-template <class T>
-struct SByteReads {
-  static constexpr std::array<float, 256> Make() {
-    std::array<float, 256> a{};
-    for (int v = 0; v < 256; ++v) a[v] = static_cast<float>(v) / T::fStoreScale;
-    return a;
-  }
-  static constexpr std::array<float, 256> kValue = Make();
-};
-
-template <class T>
-QV_FORCEINLINE float HostTexelChannel(typename T::Element v) {
-  if constexpr (sizeof(typename T::Element) == 1 && !T::bIsFloat)
-    return SByteReads<T>::kValue[v];
-  else
-    return ReadChannel<T>(v);
-}
-
 template <class T>
 QV_FORCEINLINE float4 HostTexel(const SDeviceImageDesc2D& xDesc, int ix, int iy) {
   ix = ix < 0 ? 0 : (ix >= xDesc.xFormat.iWidth ? xDesc.xFormat.iWidth - 1 : ix);
   iy = iy < 0 ? 0 : (iy >= xDesc.xFormat.iHeight ? xDesc.xFormat.iHeight - 1 : iy);
   const typename T::Element* p = PixelPtr<T>(xDesc, ix, iy);
   float4 r;
-  r.x = HostTexelChannel<T>(p[0]);
+  r.x = ReadChannel<T>(p[0]);
   if constexpr (T::iChannels == 4) {
-    r.y = HostTexelChannel<T>(p[1]);
-    r.z = HostTexelChannel<T>(p[2]);
-    r.w = HostTexelChannel<T>(p[3]);
+    r.y = ReadChannel<T>(p[1]);
+    r.z = ReadChannel<T>(p[2]);
+    r.w = ReadChannel<T>(p[3]);
   } else {
     r.y = 0.0f;
     r.z = 0.0f;
